@@ -1,0 +1,37 @@
+# Test registration shared by every test folder.
+#
+# videod_add_tests(LABEL <label> LIBS <libs...> [SERIAL <test names...>])
+# turns every *_test.cpp of the calling folder into one GoogleTest executable
+# and one ctest entry, labelled <label>. The tests run against the stand-in
+# plug-in of the build tree with a private registry, so the machine's own
+# GStreamer registry is never touched. Names listed after SERIAL share the
+# resource lock "tcp4000" (TCP port 4000) and never run at the same time.
+
+set(VIDEOD_PLUGIN_DIR "${CMAKE_BINARY_DIR}/host/gst")
+set(VIDEOD_TEST_ENV
+    "GST_PLUGIN_PATH=${CMAKE_BINARY_DIR}/host/gst"
+    "GST_REGISTRY=${CMAKE_BINARY_DIR}/gst-registry.bin"
+    "GST_REGISTRY_FORK=no"
+    "VIDEOD_SOURCE_DIR=${CMAKE_SOURCE_DIR}"
+    "VIDEOD_BINARY_DIR=${CMAKE_BINARY_DIR}")
+
+function(videod_add_tests)
+  cmake_parse_arguments(ARG "" "LABEL" "LIBS;SERIAL" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/*_test.cpp")
+  foreach(source ${sources})
+    get_filename_component(name "${source}" NAME_WE)
+    add_executable(${name} "${source}")
+    target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest GTest::gtest_main
+                          Threads::Threads)
+    target_include_directories(${name} PRIVATE "${CMAKE_SOURCE_DIR}/tests")
+    add_test(NAME ${name} COMMAND ${name})
+    set_tests_properties(${name} PROPERTIES LABELS "${ARG_LABEL}"
+                         ENVIRONMENT "${VIDEOD_TEST_ENV}" TIMEOUT 300)
+    if(TARGET gstvideodhost)
+      add_dependencies(${name} gstvideodhost)
+    endif()
+  endforeach()
+  foreach(name ${ARG_SERIAL})
+    set_tests_properties(${name} PROPERTIES RESOURCE_LOCK tcp4000)
+  endforeach()
+endfunction()
