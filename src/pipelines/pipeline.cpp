@@ -1,0 +1,492 @@
+// Base of every media pipeline: launch from a description, state, EOS, routing, bus and queue signals.
+#include "pipelines/pipeline.h"
+
+#include <cxxabi.h>
+
+#include <cstdlib>
+#include <regex>
+#include <typeinfo>
+
+#include "log.h"
+
+namespace VideoDaemon
+{
+
+namespace
+{
+
+// Runs of blanks collapse to one; descriptions are written indented.
+std::string CollapseBlanks(const std::string& text)
+{
+    std::string collapsed;
+    collapsed.reserve(text.size());
+    for (char c : text) {
+        if (c == ' ' && !collapsed.empty() && collapsed.back() == ' ')
+            continue;
+        collapsed.push_back(c);
+    }
+    return collapsed;
+}
+
+GstElement* FindElement(GstPipeline* pipeline, const std::string& name)
+{
+    return gst_bin_get_by_name(GST_BIN(pipeline), name.c_str());
+}
+
+} // namespace
+
+struct Pipeline::QueueReport {
+    std::weak_ptr<Pipeline*> pipeline;
+    int32_t state;
+    std::string name;
+};
+
+Pipeline::Pipeline()
+    : alive_(std::make_shared<Pipeline*>(this))
+{
+}
+
+Pipeline::~Pipeline()
+{
+    RemoveBusWatch();
+    pipeline.reset();
+}
+
+std::string Pipeline::GetDescription()
+{
+    return "";
+}
+
+std::string Pipeline::GetSinkName()
+{
+    return "";
+}
+
+std::string Pipeline::GetSourceName()
+{
+    return "";
+}
+
+std::string Pipeline::GetName()
+{
+    const char* mangled = typeid(*this).name();
+    int status = 0;
+    std::unique_ptr<char, decltype(&std::free)> demangled(
+        abi::__cxa_demangle(mangled, nullptr, nullptr, &status), &std::free);
+    std::string name = (status == 0 && demangled) ? demangled.get() : mangled;
+    size_t colons = name.rfind("::");
+    return colons == std::string::npos ? name : name.substr(colons + 2);
+}
+
+void Pipeline::OnElementMessage(const char*, GstMessage*) { }
+
+bool Pipeline::Launch(bool attach_probes, bool connect_bus, bool connect_queue_signals)
+{
+    if (GetDescription().empty())
+        return false;
+
+    if (pipeline) {
+        RemoveBusWatch();
+        pipeline.reset();
+    }
+
+    std::string description = CollapseBlanks(GetDescription());
+    GError* raw_error = nullptr;
+    GstElement* element = gst_parse_launch(description.c_str(), &raw_error);
+    GErrorPtr error(raw_error);
+    if (element)
+        gst_object_ref_sink(element);
+    GstPtr<GstElement> parsed(element);
+
+    bool result = false;
+    if (!error && parsed && GST_IS_PIPELINE(parsed.get())) {
+        pipeline.reset(GST_PIPELINE(parsed.release()));
+        result = true;
+    }
+
+    if (result && connect_bus)
+        result = ConnectBusMessages();
+
+    if (attach_probes || connect_queue_signals) {
+        if (attach_probes)
+            AttachProbes();
+        if (connect_queue_signals)
+            ConnectQueueStateSignals();
+    }
+    return result;
+}
+
+bool Pipeline::ConnectBusMessages()
+{
+    if (!pipeline)
+        return false;
+
+    GstPtr<GstBus> bus(gst_pipeline_get_bus(pipeline.get()));
+    gst_bus_add_watch(bus.get(), gst_bus_async_signal_func, nullptr);
+
+    g_signal_connect(bus.get(), "message::state-changed", G_CALLBACK(&Pipeline::OnStateChanged), this);
+    g_signal_connect(bus.get(), "message::error", G_CALLBACK(&Pipeline::OnError), this);
+    Log::Info("[Pipeline] Connect messages from the elements");
+    g_signal_connect(bus.get(), "message", G_CALLBACK(&Pipeline::OnMessage), this);
+    Log::Info("[Pipeline] Listen for EOS message");
+    g_signal_connect(bus.get(), "message::eos", G_CALLBACK(&Pipeline::OnEos), this);
+    return true;
+}
+
+void Pipeline::RemoveBusWatch()
+{
+    if (!pipeline)
+        return;
+    GstPtr<GstBus> bus(gst_pipeline_get_bus(pipeline.get()));
+    gst_bus_remove_watch(bus.get());
+    // The bus may outlive this object; nothing must call back into it.
+    g_signal_handlers_disconnect_by_data(bus.get(), this);
+}
+
+void Pipeline::OnStateChanged(GstBus*, GstMessage* message, gpointer user_data)
+{
+    auto* self = static_cast<Pipeline*>(user_data);
+    if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_STATE_CHANGED) {
+        Log::Warning("Unexpected message type 0x%x\n", static_cast<unsigned>(GST_MESSAGE_TYPE(message)));
+        return;
+    }
+    // Only the top-level element, named "pipeline<N>" by gst_parse_launch.
+    static const std::regex top_level("pipeline[0-9]+");
+    const char* source = GST_MESSAGE_SRC_NAME(message);
+    if (!source || !std::regex_search(source, top_level))
+        return;
+
+    GstState old_state = GST_STATE_VOID_PENDING;
+    GstState new_state = GST_STATE_VOID_PENDING;
+    GstState pending = GST_STATE_VOID_PENDING;
+    gst_message_parse_state_changed(message, &old_state, &new_state, &pending);
+    Log::Debug("[%s (%s)], State changed [%s -> %s], target %s", self->GetName().c_str(), source,
+        gst_element_state_get_name(old_state), gst_element_state_get_name(new_state),
+        gst_element_state_get_name(pending));
+    self->signal_state_changed.emit(old_state, new_state);
+}
+
+void Pipeline::OnError(GstBus*, GstMessage* message, gpointer user_data)
+{
+    auto* self = static_cast<Pipeline*>(user_data);
+    if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR) {
+        Log::Info("Unexpected message type 0x%x\n", static_cast<unsigned>(GST_MESSAGE_TYPE(message)));
+        return;
+    }
+    GError* raw_error = nullptr;
+    gchar* raw_debug = nullptr;
+    gst_message_parse_error(message, &raw_error, &raw_debug);
+    GErrorPtr error(raw_error);
+    GCharPtr debug(raw_debug);
+    std::string text = error && error->message ? error->message : "";
+    Log::Error("Error from element %s: %s\n", GST_MESSAGE_SRC_NAME(message), text.c_str());
+    self->signal_error.emit(text);
+    error.reset();
+    Log::Error("Debugging info:%s\n", debug ? debug.get() : "none");
+}
+
+void Pipeline::OnMessage(GstBus*, GstMessage* message, gpointer user_data)
+{
+    if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_ELEMENT)
+        return;
+    static_cast<Pipeline*>(user_data)->OnElementMessage(GST_MESSAGE_SRC_NAME(message), message);
+}
+
+void Pipeline::OnEos(GstBus*, GstMessage*, gpointer user_data)
+{
+    auto* self = static_cast<Pipeline*>(user_data);
+    Log::Info("[Pipeline] %s: Posted EOS message", self->GetName().c_str());
+    self->signal_eos.emit();
+}
+
+int Pipeline::SetState(GstState state)
+{
+    return SetState(state, 1000);
+}
+
+int Pipeline::SetState(GstState state, unsigned wait_ms)
+{
+    std::string name = GetName();
+    if (name.empty())
+        name = "unnamed";
+    Log::Info("[%s] Set state [%s]", name.c_str(), gst_element_state_get_name(state));
+    if (!pipeline) {
+        Log::Error("%s: pipeline == NULL (%s)", __PRETTY_FUNCTION__, name.c_str());
+        return -1;
+    }
+
+    GstStateChangeReturn ret = gst_element_set_state(GST_ELEMENT(pipeline.get()), state);
+    int current = -1;
+    bool ok;
+    if (ret == GST_STATE_CHANGE_ASYNC) {
+        Log::Info("pipeline %s. will switch to %d ASYNC", name.c_str(), static_cast<int>(state));
+        if (wait_ms == 0)
+            return 0;
+        Log::Info("Wait ASYNC switch for %u", wait_ms);
+        // Formed in 32 bits on purpose: callers keep their waits well below
+        // 4295 ms, where the product wraps.
+        unsigned timeout_ns = wait_ms * 1000000u;
+        GstState current_state = GST_STATE_VOID_PENDING;
+        ret = gst_element_get_state(
+            GST_ELEMENT(pipeline.get()), &current_state, nullptr, static_cast<GstClockTime>(timeout_ns));
+        current = static_cast<int>(current_state);
+        Log::Info("pipeline %s. curr_state=%d change_ret=%d", name.c_str(), current, static_cast<int>(ret));
+    }
+    ok = ret == GST_STATE_CHANGE_SUCCESS || ret == GST_STATE_CHANGE_NO_PREROLL;
+    if (!ok) {
+        Log::Error("pipeline %s. failed set state(%d) curr_state=%d change_ret=%d", name.c_str(),
+            static_cast<int>(state), current, static_cast<int>(ret));
+        return -1;
+    }
+    return 0;
+}
+
+GstState Pipeline::GetState()
+{
+    if (!pipeline)
+        return GST_STATE_NULL;
+    GstState state = GST_STATE_NULL;
+    gst_element_get_state(GST_ELEMENT(pipeline.get()), &state, nullptr, 0);
+    return state;
+}
+
+int Pipeline::SendEos(bool wait)
+{
+    if (!pipeline) {
+        Log::Error("%s: pipeline == NULL (%s)", __PRETTY_FUNCTION__, GetName().c_str());
+        return -1;
+    }
+    {
+        // A stale EOS must not satisfy the wait below.
+        GstPtr<GstBus> bus(gst_pipeline_get_bus(pipeline.get()));
+        while (GstMessagePtr(gst_bus_pop_filtered(bus.get(), GST_MESSAGE_EOS))) { }
+    }
+    Log::Info("pipeline %s: Sending EOS event...", GetName().c_str());
+    if (!gst_element_send_event(GST_ELEMENT(pipeline.get()), gst_event_new_eos()))
+        return -1;
+    if (!wait)
+        return 0;
+    return WaitForEos(2);
+}
+
+int Pipeline::WaitForEos(unsigned seconds)
+{
+    Log::Info("pipeline %s: Waiting for EOS event...", GetName().c_str());
+    if (!pipeline) {
+        Log::Error("%s: pipeline == NULL (%s)", __PRETTY_FUNCTION__, GetName().c_str());
+        return -1;
+    }
+    GstPtr<GstClock> clock(gst_system_clock_obtain());
+    GstClockTime start = gst_clock_get_time(clock.get());
+    GstPtr<GstBus> bus(gst_pipeline_get_bus(pipeline.get()));
+    GstMessagePtr message(gst_bus_timed_pop_filtered(
+        bus.get(), static_cast<GstClockTime>(seconds) * GST_SECOND, GST_MESSAGE_EOS));
+    double elapsed_ms = static_cast<double>(gst_clock_get_time(clock.get()) - start) / 1e6;
+    if (message) {
+        Log::Info("pipeline %s: EOS event handled after %.2f msecs", GetName().c_str(), elapsed_ms);
+        return 0;
+    }
+    Log::Warning("pipeline %s: After sending EOS, failed to read EOS message from bus after %.2f msecs",
+        GetName().c_str(), elapsed_ms);
+    return -1;
+}
+
+bool Pipeline::TearDown()
+{
+    if (GetState() == GST_STATE_PLAYING) {
+        Log::Warning("[Pipeline] Pipeline is still in PLAYING state, cannot tear down");
+        return false;
+    }
+    if (!pipeline)
+        return true;
+    RemoveBusWatch();
+    RemoveProbes();
+    pipeline.reset();
+    return true;
+}
+
+bool Pipeline::ListenTo(Pipeline* producer, std::string sink_name, std::string source_name)
+{
+    if (!producer) {
+        std::string name = GetSourceName();
+        if (!pipeline) {
+            Log::Error("%s: pipeline == NULL (%s)", __PRETTY_FUNCTION__, name.c_str());
+            return false;
+        }
+        GstPtr<GstElement> element(FindElement(pipeline.get(), name));
+        if (!element) {
+            Log::Error("%s: element == NULL (%s)", __PRETTY_FUNCTION__, name.c_str());
+            return false;
+        }
+        g_object_set(element.get(), "listen-to", nullptr, nullptr);
+        return true;
+    }
+
+    if (sink_name.empty())
+        sink_name = producer->GetSinkName();
+    if (source_name.empty())
+        source_name = GetSourceName();
+    if (!pipeline) {
+        Log::Error("%s: pipeline == NULL (%s)", __PRETTY_FUNCTION__, source_name.c_str());
+        return false;
+    }
+    GstPtr<GstElement> element(FindElement(pipeline.get(), source_name));
+    if (!element) {
+        Log::Error("%s: element == NULL (%s)", __PRETTY_FUNCTION__, source_name.c_str());
+        return false;
+    }
+    g_object_set(element.get(), "listen-to", sink_name.c_str(), nullptr);
+    listening_to[source_name] = producer;
+    producer->listeners[sink_name] = this;
+    return true;
+}
+
+bool Pipeline::IsListening()
+{
+    std::string name = GetSourceName();
+    if (!pipeline) {
+        Log::Error("%s: pipeline == NULL (%s)", __PRETTY_FUNCTION__, name.c_str());
+        return false;
+    }
+    GstPtr<GstElement> element(FindElement(pipeline.get(), name));
+    if (!element) {
+        Log::Error("%s: element == NULL (%s)", __PRETTY_FUNCTION__, name.c_str());
+        return false;
+    }
+    gchar* raw_listen_to = nullptr;
+    g_object_get(element.get(), "listen-to", &raw_listen_to, nullptr);
+    GCharPtr listen_to(raw_listen_to);
+    if (!listen_to)
+        return false;
+    Log::Info("Listening to: %s", listen_to.get());
+    return true;
+}
+
+void Pipeline::ConnectQueueStateSignals()
+{
+    for (const auto& entry : queue_states) {
+        const std::string& name = entry.first;
+        if (!pipeline) {
+            Log::Error("%s: pipeline == NULL (%s)", __PRETTY_FUNCTION__, name.c_str());
+            Log::Error("'%s' failed to register queue state signals", name.c_str());
+            continue;
+        }
+        GstPtr<GstElement> element(FindElement(pipeline.get(), name));
+        if (!element) {
+            Log::Error("%s: element == NULL (%s)", __PRETTY_FUNCTION__, name.c_str());
+            Log::Error("'%s' failed to register queue state signals", name.c_str());
+            continue;
+        }
+        g_signal_connect(element.get(), "overrun", G_CALLBACK(&Pipeline::OnQueueOverrun), this);
+        g_signal_connect(element.get(), "underrun", G_CALLBACK(&Pipeline::OnQueueUnderrun), this);
+        g_signal_connect(element.get(), "running", G_CALLBACK(&Pipeline::OnQueueRunning), this);
+    }
+}
+
+void Pipeline::OnQueueOverrun(GstElement* queue, gpointer user_data)
+{
+    static_cast<Pipeline*>(user_data)->QueueStateChanged(queue, kQueueOverrun);
+}
+
+void Pipeline::OnQueueUnderrun(GstElement* queue, gpointer user_data)
+{
+    static_cast<Pipeline*>(user_data)->QueueStateChanged(queue, kQueueUnderrun);
+}
+
+void Pipeline::OnQueueRunning(GstElement* queue, gpointer user_data)
+{
+    static_cast<Pipeline*>(user_data)->QueueStateChanged(queue, kQueueRunning);
+}
+
+// Streaming thread: only this queue's entry is touched; the signal is
+// emitted on the main loop.
+void Pipeline::QueueStateChanged(GstElement* queue, int32_t state)
+{
+    GCharPtr name(gst_element_get_name(queue));
+    auto entry = queue_states.find(name.get());
+    if (entry == queue_states.end() || entry->second == state)
+        return;
+    entry->second = state;
+    auto* report = new QueueReport { alive_, state, name.get() };
+    g_timeout_add(0, &Pipeline::EmitQueueReport, report);
+}
+
+gboolean Pipeline::EmitQueueReport(gpointer data)
+{
+    std::unique_ptr<QueueReport> report(static_cast<QueueReport*>(data));
+    std::shared_ptr<Pipeline*> alive = report->pipeline.lock();
+    if (!alive)
+        return FALSE;
+    Pipeline* self = *alive;
+    switch (report->state) {
+    case kQueueOverrun:
+        self->signal_queue_overrun.emit(report->name);
+        break;
+    case kQueueUnderrun:
+        self->signal_queue_underrun.emit(report->name);
+        break;
+    case kQueueRunning:
+        self->signal_queue_running.emit(report->name);
+        break;
+    default:
+        break;
+    }
+    return FALSE;
+}
+
+void Pipeline::CreateFramerateProbe(
+    const std::string& name, const std::string& element_name, const std::string& pad_name)
+{
+    auto existing = probes.find(name);
+    if (existing != probes.end()) {
+        existing->second.probe->Remove();
+        probes.erase(existing);
+        Log::Error("CreateFramerateProbe - removing duplicate");
+    }
+    probes.emplace(name, ProbeRecord { element_name, pad_name, std::make_unique<FramerateProbe>() });
+}
+
+int Pipeline::AttachProbes()
+{
+    int failures = 0;
+    for (auto& entry : probes) {
+        ProbeRecord& record = entry.second;
+        if (record.probe->Attach(pipeline.get(), record.element_name, record.pad_name) != 0)
+            ++failures;
+    }
+    return failures;
+}
+
+void Pipeline::RemoveProbes()
+{
+    for (auto& entry : probes)
+        entry.second.probe->Remove();
+}
+
+std::map<std::string, unsigned> Pipeline::GetProbeRates() const
+{
+    std::map<std::string, unsigned> rates;
+    for (const auto& entry : probes)
+        rates[entry.first] = entry.second.probe->GetFramesPerSecond();
+    return rates;
+}
+
+bool Pipeline::SendFlushStart()
+{
+    if (!pipeline) {
+        Log::Error("%s: pipeline == NULL (%s)", __PRETTY_FUNCTION__, GetName().c_str());
+        return false;
+    }
+    return gst_element_send_event(GST_ELEMENT(pipeline.get()), gst_event_new_flush_start());
+}
+
+bool Pipeline::SendFlushStop(bool reset_time)
+{
+    if (!pipeline) {
+        Log::Error("%s: pipeline == NULL (%s)", __PRETTY_FUNCTION__, GetName().c_str());
+        return false;
+    }
+    return gst_element_send_event(GST_ELEMENT(pipeline.get()), gst_event_new_flush_stop(reset_time));
+}
+
+} // namespace VideoDaemon

@@ -1,0 +1,125 @@
+// Base of every media pipeline: launch from a description, state, EOS, routing, bus and queue signals.
+#pragma once
+
+#include <gst/gst.h>
+#include <sigc++/sigc++.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <unordered_map>
+
+#include "pipelines/framerate_probe.h"
+#include "pipelines/gst_ptr.h"
+
+namespace VideoDaemon
+{
+
+class Pipeline : public sigc::trackable
+{
+public:
+    // A frame-rate probe on pad `pad_name` of element `element_name`.
+    struct ProbeRecord {
+        std::string element_name;
+        std::string pad_name;
+        std::unique_ptr<FramerateProbe> probe;
+    };
+
+    // Queue states as stored in queue_states.
+    enum QueueState : int32_t { kQueueUnknown = 0, kQueueUnderrun = 1, kQueueOverrun = 2, kQueueRunning = 3 };
+
+    sigc::signal<void, GstState, GstState> signal_state_changed;
+    sigc::signal<void, std::string> signal_error;
+    sigc::signal<void, std::string> signal_queue_overrun;
+    sigc::signal<void, std::string> signal_queue_underrun;
+    sigc::signal<void, std::string> signal_queue_running;
+    sigc::signal<void> signal_eos;
+
+    Pipeline();
+    virtual ~Pipeline();
+    Pipeline(const Pipeline&) = delete;
+    Pipeline& operator=(const Pipeline&) = delete;
+
+    // Builds (or rebuilds) the pipeline from GetDescription(). True when a
+    // pipeline was built and, with connect_bus, its bus connected.
+    virtual bool Launch(bool attach_probes, bool connect_bus, bool connect_queue_signals);
+    virtual std::string GetDescription();
+    // Releases the pipeline unless it is PLAYING.
+    virtual bool TearDown();
+    // The dynamic class name without namespace; names the pipeline in logs.
+    virtual std::string GetName();
+    // Name of this pipeline's interpipesink, the name consumers listen to.
+    virtual std::string GetSinkName();
+    // Name of this pipeline's interpipesrc (or its first element).
+    virtual std::string GetSourceName();
+    virtual bool ConnectBusMessages();
+    // Called on the main loop for every element message on the bus.
+    virtual void OnElementMessage(const char* source_name, GstMessage* message);
+
+    // 0 on success, -1 on failure. wait_ms 0 does not wait for an
+    // asynchronous change; the one-argument form waits up to 1000 ms.
+    int SetState(GstState state, unsigned wait_ms);
+    int SetState(GstState state);
+    // The current state without waiting; GST_STATE_NULL without a pipeline.
+    GstState GetState();
+    // Sends EOS into the pipeline, optionally waiting up to 2 s for it on
+    // the bus. 0 on success, -1 when refused or not drained in time.
+    int SendEos(bool wait);
+    int WaitForEos(unsigned seconds);
+    // Points interpipesrc `source_name` (default GetSourceName()) of this
+    // pipeline at `sink_name` (default producer->GetSinkName()) of the
+    // producer; a null producer detaches the default source.
+    bool ListenTo(Pipeline* producer, std::string sink_name, std::string source_name);
+    bool IsListening();
+    void ConnectQueueStateSignals();
+    void RemoveBusWatch();
+
+    // Registers a frame-rate probe, replacing one of the same name; it is
+    // installed by the next Launch(true, ...) or by AttachProbes().
+    void CreateFramerateProbe(
+        const std::string& name, const std::string& element_name, const std::string& pad_name);
+    // Installs every registered probe on the current pipeline; returns the
+    // number that could not be installed.
+    int AttachProbes();
+    void RemoveProbes();
+    // Frames per second over the last second, per probe name.
+    std::map<std::string, unsigned> GetProbeRates() const;
+
+    bool SendFlushStart();
+    bool SendFlushStop(bool reset_time);
+
+    GstPipeline* GetPipeline() const { return pipeline.get(); }
+    const std::map<std::string, int32_t>& GetQueueStates() const { return queue_states; }
+    const std::unordered_map<std::string, Pipeline*>& GetListeningTo() const { return listening_to; }
+    const std::unordered_map<std::string, Pipeline*>& GetListeners() const { return listeners; }
+
+protected:
+    GstPtr<GstPipeline> pipeline;
+    // Monitored queues: element name -> last reported QueueState.
+    std::map<std::string, int32_t> queue_states;
+    std::map<std::string, ProbeRecord> probes;
+    // This pipeline's interpipesrc name -> the producer it listens to.
+    std::unordered_map<std::string, Pipeline*> listening_to;
+    // This pipeline's interpipesink name -> the last consumer attached.
+    std::unordered_map<std::string, Pipeline*> listeners;
+
+private:
+    struct QueueReport;
+
+    static void OnStateChanged(GstBus* bus, GstMessage* message, gpointer user_data);
+    static void OnError(GstBus* bus, GstMessage* message, gpointer user_data);
+    static void OnMessage(GstBus* bus, GstMessage* message, gpointer user_data);
+    static void OnEos(GstBus* bus, GstMessage* message, gpointer user_data);
+    static void OnQueueOverrun(GstElement* queue, gpointer user_data);
+    static void OnQueueUnderrun(GstElement* queue, gpointer user_data);
+    static void OnQueueRunning(GstElement* queue, gpointer user_data);
+    static gboolean EmitQueueReport(gpointer data);
+    void QueueStateChanged(GstElement* queue, int32_t state);
+
+    // Lets queue reports already handed to the main loop detect that this
+    // object is gone.
+    std::shared_ptr<Pipeline*> alive_;
+};
+
+} // namespace VideoDaemon
