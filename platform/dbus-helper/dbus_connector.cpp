@@ -1,0 +1,47 @@
+// User bus connection with a bounded method-call time-out.
+#include "dbus-helper/dbus_connector.h"
+
+namespace DbusHelper {
+
+DbusConnector::~DbusConnector()
+{
+    // Subclasses have released their bindings in their own destructors;
+    // only the connection is left.
+    _Bus.reset();
+}
+
+int DbusConnector::OpenUserBus(SdBusPtr& bus)
+{
+    sd_bus* raw = nullptr;
+    int r = sd_bus_open_user(&raw);
+    if (r < 0)
+        return r;
+    bus.reset(raw);
+    r = sd_bus_set_method_call_timeout(raw, kMethodCallTimeoutUsec);
+    if (r < 0) {
+        bus.reset();
+        return r;
+    }
+    return 0;
+}
+
+int DbusConnector::Connect()
+{
+    if (_Bus)
+        return 0;
+    const int r = OpenUserBus(_Bus);
+    if (r < 0)
+        return r;
+    OnConnected();
+    return 0;
+}
+
+void DbusConnector::Disconnect()
+{
+    if (!_Bus)
+        return;
+    OnDisconnecting();
+    _Bus.reset();
+}
+
+}  // namespace DbusHelper
