@@ -1,0 +1,425 @@
+// Test fixture: a private session bus (never the machine's own) with simulated peer daemons started on it.
+#pragma once
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace VideodTest
+{
+
+struct SdBusCloser {
+    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
+};
+struct SdBusMessageReleaser {
+    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
+};
+struct SdBusSlotReleaser {
+    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
+};
+using SdBusPtr = std::unique_ptr<sd_bus, SdBusCloser>;
+using SdBusMessagePtr = std::unique_ptr<sd_bus_message, SdBusMessageReleaser>;
+using SdBusSlotPtr = std::unique_ptr<sd_bus_slot, SdBusSlotReleaser>;
+
+// An sd_bus_error that frees itself.
+struct SdBusError {
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    SdBusError() = default;
+    SdBusError(const SdBusError&) = delete;
+    SdBusError& operator=(const SdBusError&) = delete;
+    ~SdBusError() { sd_bus_error_free(&error); }
+    sd_bus_error* get() { return &error; }
+    std::string Text() const { return error.message ? error.message : (error.name ? error.name : ""); }
+};
+
+// GoogleTest fixture. Construction starts a private dbus-daemon and points DBUS_SESSION_BUS_ADDRESS at it
+// (so sd_bus_open_user and `busctl --user` use it); destruction stops every peer and the bus and restores
+// the environment. Peers are the programs of host/peers, found through VIDEOD_SOURCE_DIR:
+//   "settings"  com.tarnwell.common.Settings1        "storage"   com.tarnwell.common.StorageDaemon1
+//   "helm"      com.tarnwell.common.Helm1            "camd"      com.tarnwell.common.Camd1
+//   "display"   com.tarnwell.common.Display1         "remotecam" com.tarnwell.common.RemoteCamMonitor1
+// Subclasses that override SetUp must call DbusTestEnv::SetUp() first.
+class DbusTestEnv : public ::testing::Test
+{
+public:
+    static constexpr int kWaitMs = 10000;
+
+    static const std::map<std::string, std::string>& PeerBusNames()
+    {
+        static const std::map<std::string, std::string> names = {
+            { "settings", "com.tarnwell.common.Settings1" },
+            { "storage", "com.tarnwell.common.StorageDaemon1" },
+            { "helm", "com.tarnwell.common.Helm1" },
+            { "camd", "com.tarnwell.common.Camd1" },
+            { "display", "com.tarnwell.common.Display1" },
+            { "remotecam", "com.tarnwell.common.RemoteCamMonitor1" },
+        };
+        return names;
+    }
+
+    DbusTestEnv()
+    {
+        const char* previous = getenv("DBUS_SESSION_BUS_ADDRESS");
+        _HadAddress = previous != nullptr;
+        _PreviousAddress = previous ? previous : "";
+        char pattern[] = "/tmp/videod-dbus-XXXXXX";
+        if (!mkdtemp(pattern)) {
+            _Error = std::string("mkdtemp: ") + strerror(errno);
+            return;
+        }
+        _TempDir = pattern;
+        // Adopt the forked bus daemon so it can be reaped at teardown.
+        prctl(PR_SET_CHILD_SUBREAPER, 1);
+        StartBus();
+    }
+
+    ~DbusTestEnv() override
+    {
+        while (!_Peers.empty())
+            StopPeer(_Peers.begin()->first);
+        _Slots.clear();
+        _Queue.clear();
+        _Bus.reset();
+        if (_DaemonPid > 0) {
+            kill(_DaemonPid, SIGTERM);
+            for (int i = 0;
+                 i < 200 && waitpid(_DaemonPid, nullptr, WNOHANG) != _DaemonPid && ProcessAlive(_DaemonPid);
+                 ++i)
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            if (ProcessAlive(_DaemonPid))
+                kill(_DaemonPid, SIGKILL);
+            waitpid(_DaemonPid, nullptr, WNOHANG);
+        }
+        if (_HadAddress)
+            setenv("DBUS_SESSION_BUS_ADDRESS", _PreviousAddress.c_str(), 1);
+        else
+            unsetenv("DBUS_SESSION_BUS_ADDRESS");
+        if (!_TempDir.empty()) {
+            std::error_code ignored;
+            std::filesystem::remove_all(_TempDir, ignored);
+        }
+    }
+
+    DbusTestEnv(const DbusTestEnv&) = delete;
+    DbusTestEnv& operator=(const DbusTestEnv&) = delete;
+
+protected:
+    void SetUp() override { ASSERT_TRUE(_Bus) << "private session bus not available: " << _Error; }
+
+    const std::string& BusAddress() const { return _Address; }
+    // A directory private to this test, removed at teardown.
+    const std::string& TempDir() const { return _TempDir; }
+    // The fixture's own connection to the private bus (for calls and signal matches in tests).
+    sd_bus* Bus() const { return _Bus.get(); }
+    const std::string& LastError() const { return _Error; }
+
+    // Starts host/peers/<peer>.py with args and waits until it owns its bus name. False (reason in
+    // LastError()) when the program is missing, exits early, or does not take the name in time.
+    bool StartPeer(const std::string& peer, const std::vector<std::string>& args = {})
+    {
+        auto name = PeerBusNames().find(peer);
+        const char* source = getenv("VIDEOD_SOURCE_DIR");
+        if (name == PeerBusNames().end() || !source || _Peers.count(peer) || !_Bus) {
+            _Error = "cannot start peer " + peer + (source ? "" : " (VIDEOD_SOURCE_DIR not set)");
+            return false;
+        }
+        std::vector<std::string> argv { std::string(source) + "/host/peers/" + peer + ".py" };
+        argv.insert(argv.end(), args.begin(), args.end());
+        pid_t pid = Spawn(argv, PeerLogPath(peer), nullptr);
+        if (pid < 0)
+            return false;
+        _Peers[peer] = pid;
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+        while (std::chrono::steady_clock::now() < deadline) {
+            if (NameHasOwner(name->second))
+                return true;
+            int status = 0;
+            if (waitpid(pid, &status, WNOHANG) == pid) {
+                _Peers.erase(peer);
+                _Error = "peer " + peer + " exited: " + PeerLog(peer);
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        _Error = "peer " + peer + " did not take " + name->second + ": " + PeerLog(peer);
+        StopPeer(peer);
+        return false;
+    }
+
+    // Stops a peer (SIGTERM, then SIGKILL) and waits until its bus name is released.
+    bool StopPeer(const std::string& peer)
+    {
+        auto it = _Peers.find(peer);
+        if (it == _Peers.end())
+            return false;
+        pid_t pid = it->second;
+        _Peers.erase(it);
+        kill(-pid, SIGTERM);
+        int status = 0;
+        bool reaped = false;
+        for (int i = 0; i < 300 && !reaped; ++i) {
+            reaped = waitpid(pid, &status, WNOHANG) == pid;
+            if (!reaped)
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        if (!reaped) {
+            kill(-pid, SIGKILL);
+            waitpid(pid, &status, 0);
+        }
+        return WaitForName(PeerBusNames().at(peer), false);
+    }
+
+    // What a peer wrote on its standard output and error so far.
+    std::string PeerLog(const std::string& peer) const
+    {
+        std::ifstream in(PeerLogPath(peer));
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+
+    bool NameHasOwner(const std::string& name)
+    {
+        SdBusError error;
+        sd_bus_message* raw = nullptr;
+        if (!_Bus
+            || sd_bus_call_method(_Bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                   "org.freedesktop.DBus", "NameHasOwner", error.get(), &raw, "s", name.c_str())
+                < 0)
+            return false;
+        SdBusMessagePtr reply(raw);
+        int owned = 0;
+        return sd_bus_message_read(reply.get(), "b", &owned) >= 0 && owned;
+    }
+
+    // Waits (bounded) until name is owned (owned = true) or free (owned = false).
+    bool WaitForName(const std::string& name, bool owned, int timeoutMs = kWaitMs)
+    {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        do {
+            if (NameHasOwner(name) == owned)
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        } while (std::chrono::steady_clock::now() < deadline);
+        return false;
+    }
+
+    // Runs a command with a bounded wait; returns its exit status (-1 if it could not run or was killed),
+    // its standard output in out (standard error is appended to the temp dir's "commands.log").
+    int Run(const std::vector<std::string>& argv, std::string* out = nullptr, int timeoutMs = kWaitMs)
+    {
+        int fds[2];
+        if (pipe2(fds, O_CLOEXEC) < 0)
+            return -1;
+        pid_t pid = Spawn(argv, _TempDir + "/commands.log", &fds[1]);
+        close(fds[1]);
+        if (pid < 0) {
+            close(fds[0]);
+            return -1;
+        }
+        std::string text;
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        bool timedOut = false;
+        for (;;) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now())
+                            .count();
+            if (left <= 0) {
+                timedOut = true;
+                break;
+            }
+            pollfd pfd { fds[0], POLLIN, 0 };
+            if (poll(&pfd, 1, static_cast<int>(left)) <= 0)
+                continue;
+            char buffer[4096];
+            ssize_t n = read(fds[0], buffer, sizeof buffer);
+            if (n <= 0)
+                break;
+            text.append(buffer, static_cast<size_t>(n));
+        }
+        close(fds[0]);
+        if (timedOut)
+            kill(-pid, SIGKILL);
+        int status = 0;
+        waitpid(pid, &status, 0);
+        if (out)
+            *out = text;
+        return !timedOut && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    // `busctl --user <args>` against the private bus.
+    int Busctl(const std::vector<std::string>& args, std::string* out = nullptr)
+    {
+        std::vector<std::string> argv { "busctl", "--user" };
+        argv.insert(argv.end(), args.begin(), args.end());
+        return Run(argv, out);
+    }
+
+    // Queues every message matching rule (e.g. "type='signal',member='PropertiesChanged'") on the
+    // fixture's connection, for WaitForMessage.
+    bool AddMatch(const std::string& rule)
+    {
+        sd_bus_slot* slot = nullptr;
+        if (!_Bus || sd_bus_add_match(_Bus.get(), &slot, rule.c_str(), &DbusTestEnv::OnMatch, this) < 0)
+            return false;
+        _Slots.emplace_back(slot);
+        return true;
+    }
+
+    // The next queued message, waiting at most timeoutMs; empty on time-out.
+    SdBusMessagePtr WaitForMessage(int timeoutMs = kWaitMs)
+    {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        while (_Queue.empty() && _Bus) {
+            int r = sd_bus_process(_Bus.get(), nullptr);
+            if (r < 0)
+                break;
+            if (r > 0)
+                continue;
+            auto left = std::chrono::duration_cast<std::chrono::microseconds>(
+                deadline - std::chrono::steady_clock::now())
+                            .count();
+            if (left <= 0)
+                break;
+            sd_bus_wait(_Bus.get(), static_cast<uint64_t>(left));
+        }
+        if (_Queue.empty())
+            return nullptr;
+        SdBusMessagePtr message = std::move(_Queue.front());
+        _Queue.pop_front();
+        return message;
+    }
+
+private:
+    static int OnMatch(sd_bus_message* message, void* userdata, sd_bus_error*)
+    {
+        static_cast<DbusTestEnv*>(userdata)->_Queue.emplace_back(sd_bus_message_ref(message));
+        return 0;
+    }
+
+    // The forked bus daemon is not our child: once it has exited it may linger as a zombie until
+    // whoever adopted it reaps it, so a zombie counts as gone.
+    static bool ProcessAlive(pid_t pid)
+    {
+        std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+        std::string text;
+        if (!std::getline(stat, text))
+            return false;
+        auto close = text.rfind(')');
+        return close != std::string::npos && close + 2 < text.size() && text[close + 2] != 'Z';
+    }
+
+    std::string PeerLogPath(const std::string& peer) const { return _TempDir + "/" + peer + ".log"; }
+
+    // fork + exec in a new process group, standard error (and output unless outFd) to logPath.
+    pid_t Spawn(const std::vector<std::string>& argv, const std::string& logPath, const int* outFd)
+    {
+        std::vector<char*> args;
+        for (const auto& arg : argv)
+            args.push_back(const_cast<char*>(arg.c_str()));
+        args.push_back(nullptr);
+        int log = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        pid_t pid = fork();
+        if (pid == 0) {
+            setpgid(0, 0);
+            int devnull = open("/dev/null", O_RDONLY);
+            dup2(devnull, 0);
+            dup2(outFd ? *outFd : log, 1);
+            dup2(log, 2);
+            execvp(args[0], args.data());
+            _exit(127);
+        }
+        if (log >= 0)
+            close(log);
+        if (pid < 0)
+            _Error = std::string("fork: ") + strerror(errno);
+        else
+            setpgid(pid, pid);
+        return pid;
+    }
+
+    void StartBus()
+    {
+        std::string address = "unix:path=" + _TempDir + "/bus";
+        int fds[2];
+        if (pipe2(fds, O_CLOEXEC) < 0)
+            return;
+        pid_t pid = Spawn({ "dbus-daemon", "--session", "--fork", "--print-address=1", "--print-pid=1",
+                              "--address=" + address },
+            _TempDir + "/dbus-daemon.log", &fds[1]);
+        close(fds[1]);
+        // The forked daemon may keep the pipe open: read two lines, not to the end.
+        std::string text;
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+        while (pid > 0 && std::count(text.begin(), text.end(), '\n') < 2
+            && std::chrono::steady_clock::now() < deadline) {
+            pollfd pfd { fds[0], POLLIN, 0 };
+            if (poll(&pfd, 1, 100) <= 0)
+                continue;
+            char buffer[512];
+            ssize_t n = read(fds[0], buffer, sizeof buffer);
+            if (n <= 0)
+                break;
+            text.append(buffer, static_cast<size_t>(n));
+        }
+        close(fds[0]);
+        if (pid > 0)
+            waitpid(pid, nullptr, 0);
+        std::istringstream lines(text);
+        std::string pidLine;
+        std::getline(lines, _Address);
+        std::getline(lines, pidLine);
+        _DaemonPid = static_cast<pid_t>(atoi(pidLine.c_str()));
+        if (_Address.empty() || _DaemonPid <= 0) {
+            _Error = "dbus-daemon did not start: " + text;
+            return;
+        }
+        setenv("DBUS_SESSION_BUS_ADDRESS", _Address.c_str(), 1);
+        sd_bus* raw = nullptr;
+        if (sd_bus_new(&raw) < 0)
+            return;
+        SdBusPtr bus(raw);
+        if (sd_bus_set_address(bus.get(), _Address.c_str()) < 0 || sd_bus_set_bus_client(bus.get(), 1) < 0
+            || sd_bus_start(bus.get()) < 0) {
+            _Error = "cannot connect to " + _Address;
+            return;
+        }
+        _Bus = std::move(bus);
+    }
+
+    std::string _TempDir;
+    std::string _Address;
+    std::string _Error;
+    std::string _PreviousAddress;
+    bool _HadAddress = false;
+    pid_t _DaemonPid = -1;
+    SdBusPtr _Bus;
+    std::vector<SdBusSlotPtr> _Slots;
+    std::deque<SdBusMessagePtr> _Queue;
+    std::map<std::string, pid_t> _Peers;
+};
+
+} // namespace VideodTest
