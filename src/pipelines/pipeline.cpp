@@ -8,6 +8,7 @@
 #include <typeinfo>
 
 #include "log.h"
+#include "pipelines/function_signature.h"
 
 namespace VideoDaemon
 {
@@ -26,11 +27,6 @@ std::string CollapseBlanks(const std::string& text)
         collapsed.push_back(c);
     }
     return collapsed;
-}
-
-GstElement* FindElement(GstPipeline* pipeline, const std::string& name)
-{
-    return gst_bin_get_by_name(GST_BIN(pipeline), name.c_str());
 }
 
 } // namespace
@@ -79,6 +75,18 @@ std::string Pipeline::GetName()
 }
 
 void Pipeline::OnElementMessage(const char*, GstMessage*) { }
+
+GstPtr<GstElement> Pipeline::FindElement(const char* signature, const std::string& name) const
+{
+    if (!pipeline) {
+        Log::Error("%s: pipeline == NULL (%s)", signature, name.c_str());
+        return nullptr;
+    }
+    GstPtr<GstElement> element(gst_bin_get_by_name(GST_BIN(pipeline.get()), name.c_str()));
+    if (!element)
+        Log::Error("%s: element == NULL (%s)", signature, name.c_str());
+    return element;
+}
 
 bool Pipeline::Launch(bool attach_probes, bool connect_bus, bool connect_queue_signals)
 {
@@ -211,7 +219,7 @@ int Pipeline::SetState(GstState state, unsigned wait_ms)
         name = "unnamed";
     Log::Info("[%s] Set state [%s]", name.c_str(), gst_element_state_get_name(state));
     if (!pipeline) {
-        Log::Error("%s: pipeline == NULL (%s)", __PRETTY_FUNCTION__, name.c_str());
+        Log::Error("%s: pipeline == NULL (%s)", VIDEOD_SIGNATURE, name.c_str());
         return -1;
     }
 
@@ -253,7 +261,7 @@ GstState Pipeline::GetState()
 int Pipeline::SendEos(bool wait)
 {
     if (!pipeline) {
-        Log::Error("%s: pipeline == NULL (%s)", __PRETTY_FUNCTION__, GetName().c_str());
+        Log::Error("%s: pipeline == NULL (%s)", VIDEOD_SIGNATURE, GetName().c_str());
         return -1;
     }
     {
@@ -273,7 +281,7 @@ int Pipeline::WaitForEos(unsigned seconds)
 {
     Log::Info("pipeline %s: Waiting for EOS event...", GetName().c_str());
     if (!pipeline) {
-        Log::Error("%s: pipeline == NULL (%s)", __PRETTY_FUNCTION__, GetName().c_str());
+        Log::Error("%s: pipeline == NULL (%s)", VIDEOD_SIGNATURE, GetName().c_str());
         return -1;
     }
     GstPtr<GstClock> clock(gst_system_clock_obtain());
@@ -308,16 +316,9 @@ bool Pipeline::TearDown()
 bool Pipeline::ListenTo(Pipeline* producer, std::string sink_name, std::string source_name)
 {
     if (!producer) {
-        std::string name = GetSourceName();
-        if (!pipeline) {
-            Log::Error("%s: pipeline == NULL (%s)", __PRETTY_FUNCTION__, name.c_str());
+        GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, GetSourceName());
+        if (!element)
             return false;
-        }
-        GstPtr<GstElement> element(FindElement(pipeline.get(), name));
-        if (!element) {
-            Log::Error("%s: element == NULL (%s)", __PRETTY_FUNCTION__, name.c_str());
-            return false;
-        }
         g_object_set(element.get(), "listen-to", nullptr, nullptr);
         return true;
     }
@@ -326,15 +327,10 @@ bool Pipeline::ListenTo(Pipeline* producer, std::string sink_name, std::string s
         sink_name = producer->GetSinkName();
     if (source_name.empty())
         source_name = GetSourceName();
-    if (!pipeline) {
-        Log::Error("%s: pipeline == NULL (%s)", __PRETTY_FUNCTION__, source_name.c_str());
+    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, source_name);
+    if (!element)
         return false;
-    }
-    GstPtr<GstElement> element(FindElement(pipeline.get(), source_name));
-    if (!element) {
-        Log::Error("%s: element == NULL (%s)", __PRETTY_FUNCTION__, source_name.c_str());
-        return false;
-    }
+    // Set whatever the state: inputs are switched while everything plays.
     g_object_set(element.get(), "listen-to", sink_name.c_str(), nullptr);
     listening_to[source_name] = producer;
     producer->listeners[sink_name] = this;
@@ -343,16 +339,9 @@ bool Pipeline::ListenTo(Pipeline* producer, std::string sink_name, std::string s
 
 bool Pipeline::IsListening()
 {
-    std::string name = GetSourceName();
-    if (!pipeline) {
-        Log::Error("%s: pipeline == NULL (%s)", __PRETTY_FUNCTION__, name.c_str());
+    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, GetSourceName());
+    if (!element)
         return false;
-    }
-    GstPtr<GstElement> element(FindElement(pipeline.get(), name));
-    if (!element) {
-        Log::Error("%s: element == NULL (%s)", __PRETTY_FUNCTION__, name.c_str());
-        return false;
-    }
     gchar* raw_listen_to = nullptr;
     g_object_get(element.get(), "listen-to", &raw_listen_to, nullptr);
     GCharPtr listen_to(raw_listen_to);
@@ -366,14 +355,8 @@ void Pipeline::ConnectQueueStateSignals()
 {
     for (const auto& entry : queue_states) {
         const std::string& name = entry.first;
-        if (!pipeline) {
-            Log::Error("%s: pipeline == NULL (%s)", __PRETTY_FUNCTION__, name.c_str());
-            Log::Error("'%s' failed to register queue state signals", name.c_str());
-            continue;
-        }
-        GstPtr<GstElement> element(FindElement(pipeline.get(), name));
+        GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, name);
         if (!element) {
-            Log::Error("%s: element == NULL (%s)", __PRETTY_FUNCTION__, name.c_str());
             Log::Error("'%s' failed to register queue state signals", name.c_str());
             continue;
         }
@@ -474,7 +457,7 @@ std::map<std::string, unsigned> Pipeline::GetProbeRates() const
 bool Pipeline::SendFlushStart()
 {
     if (!pipeline) {
-        Log::Error("%s: pipeline == NULL (%s)", __PRETTY_FUNCTION__, GetName().c_str());
+        Log::Error("%s: pipeline == NULL (%s)", VIDEOD_SIGNATURE, GetName().c_str());
         return false;
     }
     return gst_element_send_event(GST_ELEMENT(pipeline.get()), gst_event_new_flush_start());
@@ -483,7 +466,7 @@ bool Pipeline::SendFlushStart()
 bool Pipeline::SendFlushStop(bool reset_time)
 {
     if (!pipeline) {
-        Log::Error("%s: pipeline == NULL (%s)", __PRETTY_FUNCTION__, GetName().c_str());
+        Log::Error("%s: pipeline == NULL (%s)", VIDEOD_SIGNATURE, GetName().c_str());
         return false;
     }
     return gst_element_send_event(GST_ELEMENT(pipeline.get()), gst_event_new_flush_stop(reset_time));

@@ -95,6 +95,11 @@ public:
     const std::unordered_map<std::string, Pipeline*>& GetListeners() const { return listeners; }
 
 protected:
+    // The element `name` of the pipeline, or null after logging
+    // "%s: pipeline == NULL (%s)" / "%s: element == NULL (%s)" with
+    // `signature` (the caller's signature text) and the name.
+    GstPtr<GstElement> FindElement(const char* signature, const std::string& name) const;
+
     GstPtr<GstPipeline> pipeline;
     // Monitored queues: element name -> last reported QueueState.
     std::map<std::string, int32_t> queue_states;

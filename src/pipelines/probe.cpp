@@ -2,6 +2,7 @@
 #include "pipelines/probe.h"
 
 #include "log.h"
+#include "pipelines/function_signature.h"
 
 namespace VideoDaemon
 {
@@ -16,17 +17,17 @@ int Probe::Attach(GstPipeline* pipeline, const std::string& element_name, const 
 {
     Remove();
     if (!pipeline) {
-        Log::Error("%s: pipeline == NULL (%s)", __PRETTY_FUNCTION__, element_name.c_str());
+        Log::Error("%s: pipeline == NULL (%s)", VIDEOD_SIGNATURE, element_name.c_str());
         return -1;
     }
     GstPtr<GstElement> element(gst_bin_get_by_name(GST_BIN(pipeline), element_name.c_str()));
     if (!element) {
-        Log::Error("%s: element == NULL (%s)", __PRETTY_FUNCTION__, element_name.c_str());
+        Log::Error("%s: element == NULL (%s)", VIDEOD_SIGNATURE, element_name.c_str());
         return -1;
     }
     GstPtr<GstPad> pad(gst_element_get_static_pad(element.get(), pad_name.c_str()));
     if (!pad) {
-        Log::Error("%s: pad == NULL (%s.%s)", __PRETTY_FUNCTION__, element_name.c_str(), pad_name.c_str());
+        Log::Error("%s: pad == NULL (%s.%s)", VIDEOD_SIGNATURE, element_name.c_str(), pad_name.c_str());
         return -1;
     }
     id_ = gst_pad_add_probe(pad.get(), type, callback, user_data, nullptr);
