@@ -1,0 +1,111 @@
+// H.264 encoder behind a valve, publishing access units for the MP4 muxers; one instance per prefix.
+#include "pipelines/h264_encode_pipeline.h"
+
+#include <regex>
+
+#include "log.h"
+#include "pipelines/function_signature.h"
+
+namespace VideoDaemon
+{
+
+namespace
+{
+
+// "%" stands for the instance's prefix. The valve starts closed; the encoder
+// runs at a constant quantiser with an IDR frame every 16 frames; the sink
+// forwards EOS, so an EOS sent into the encoder reaches the muxer.
+const char kTemplate[]
+    = "interpipesrc name=%_h264_source allow-renegotiation=false format=time max-buffers=1 leaky-type=2 "
+      "    ! video/x-raw, format=BGRA,width=640,height=480,framerate=30000/1001 "
+      "    ! valve name=%_h264_valve drop=true "
+      "    ! imxipuvideotransform name=%_video_transform_h264 "
+      "    ! video/x-raw, format=I420 "
+      "    ! queue name=%_h264_queue leaky=downstream max-size-buffers=2 "
+      "    ! imxvpuenc_h264 name=%_encoder bitrate=0 gop-size=16 quant-param=24 idr-interval=16 "
+      "    ! h264parse "
+      "    ! video/x-h264, stream-format=avc,alignment=au,profile=main "
+      "    ! interpipesink sync=false async=false max-buffers=5 name=%_h264_sink "
+      "          caps=video/x-h264,stream-format=avc,alignment=au "
+      "          forward-events=false forward-eos=true forward-preroll=false";
+
+} // namespace
+
+H264EncodePipeline::H264EncodePipeline(std::string prefix)
+    : description(std::regex_replace(kTemplate, std::regex("%"), prefix))
+    , sink_name(prefix + "_h264_sink")
+    , source_name(prefix + "_h264_source")
+    , encoder_name(prefix + "_encoder")
+    , valve_name(prefix + "_h264_valve")
+    , queue_name(prefix + "_h264_queue")
+{
+    queue_states[queue_name] = kQueueUnknown;
+}
+
+void H264EncodePipeline::SetValve(bool drop)
+{
+    Log::Warning("Set H264 valve to :%d", drop);
+    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, valve_name);
+    if (!element) {
+        Log::Warning("Failed to find idr_valve element");
+        return;
+    }
+    g_object_set(element.get(), "drop", static_cast<gboolean>(drop), nullptr);
+}
+
+template <typename T> void H264EncodePipeline::SetH264EncoderProperty(const char* name, T value)
+{
+    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, encoder_name);
+    if (!element)
+        return;
+    g_object_set(element.get(), name, value, nullptr);
+}
+
+template <typename T> void H264EncodePipeline::GetH264EncoderProperty(const char* name, T& value) const
+{
+    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, encoder_name);
+    if (!element)
+        return;
+    g_object_get(element.get(), name, &value, nullptr);
+}
+
+template void H264EncodePipeline::SetH264EncoderProperty<unsigned>(const char*, unsigned);
+template void H264EncodePipeline::GetH264EncoderProperty<unsigned>(const char*, unsigned&) const;
+
+void H264EncodePipeline::SetBitrate(unsigned bitrate)
+{
+    SetH264EncoderProperty("bitrate", bitrate);
+}
+
+void H264EncodePipeline::SetGopSize(unsigned gop_size)
+{
+    SetH264EncoderProperty("gop-size", gop_size);
+}
+
+void H264EncodePipeline::SetQuantParam(unsigned quant_param)
+{
+    SetH264EncoderProperty("quant-param", quant_param);
+}
+
+unsigned H264EncodePipeline::GetBitrate() const
+{
+    unsigned value = 0;
+    GetH264EncoderProperty("bitrate", value);
+    return value;
+}
+
+unsigned H264EncodePipeline::GetGopSize() const
+{
+    unsigned value = 0;
+    GetH264EncoderProperty("gop-size", value);
+    return value;
+}
+
+unsigned H264EncodePipeline::GetQuantParam() const
+{
+    unsigned value = 0;
+    GetH264EncoderProperty("quant-param", value);
+    return value;
+}
+
+} // namespace VideoDaemon

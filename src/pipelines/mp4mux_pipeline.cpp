@@ -1,0 +1,264 @@
+// Writes one capture to an MP4 file: IDR start, gap-free pause and resume, byte counting.
+#include "pipelines/mp4mux_pipeline.h"
+
+#include <regex>
+
+#include "log.h"
+#include "pipelines/function_signature.h"
+
+namespace VideoDaemon
+{
+
+namespace
+{
+
+// "%" stands for the prefix. Audio and video pass one multiqueue so they stay
+// together; the IDR valve starts closed so every file starts on an IDR frame;
+// the file sink idles on /dev/null; the tracker is silent until counting.
+const char kTemplate[]
+    = "interpipesrc name=%_mp4mux_video0 stream-sync=1 format=time allow-renegotiation=false "
+      "    ! video/x-h264 "
+      "    ! idrvalve name=%_idr_valve drop=true "
+      "    ! multiqueue name=%_mp4mux_mque max-size-buffers=30 max-size-time=0 "
+      "  %_mp4mux_mque. "
+      "    ! muxpause name=%_mp4mux_vid_pause "
+      "    ! mp4mux name=%_mux "
+      "    ! queue name=%_mp4mux_queue max-size-buffers=10 "
+      "    ! identity name=%_mp4mux_tracker silent=true "
+      "    ! filesink name=%_mp4mux_filesink async=false sync=false location=/dev/null "
+      "  interpipesrc name=%_mp4mux_audio0 stream-sync=1 format=time allow-renegotiation=false "
+      "    ! audio/mpeg "
+      "    ! %_mp4mux_mque. "
+      "  %_mp4mux_mque. "
+      "    ! muxpause name=%_mp4mux_aud_pause "
+      "    ! %_mux. ";
+
+} // namespace
+
+MuxPause::MuxPause(Pipeline* pipeline, std::string element_name)
+    : pipeline(pipeline)
+    , element_name(std::move(element_name))
+{
+}
+
+GstPtr<GstElement> MuxPause::GetElement(const char* signature)
+{
+    GstPipeline* bin = pipeline ? pipeline->GetPipeline() : nullptr;
+    if (!bin) {
+        Log::Error("%s: pipeline == NULL (%s)", signature, element_name.c_str());
+        return nullptr;
+    }
+    GstPtr<GstElement> element(gst_bin_get_by_name(GST_BIN(bin), element_name.c_str()));
+    if (!element)
+        Log::Error("%s: element == NULL (%s)", signature, element_name.c_str());
+    return element;
+}
+
+void MuxPause::Reset()
+{
+    GstPtr<GstElement> element = GetElement(VIDEOD_SIGNATURE);
+    g_assert(element);
+    g_object_set(element.get(), "reset", TRUE, nullptr);
+}
+
+void MuxPause::Pause()
+{
+    GstPtr<GstElement> element = GetElement(VIDEOD_SIGNATURE);
+    g_assert(element);
+    g_object_set(element.get(), "pause", TRUE, nullptr);
+}
+
+void MuxPause::Resume()
+{
+    GstPtr<GstElement> element = GetElement(VIDEOD_SIGNATURE);
+    g_assert(element);
+    g_object_set(element.get(), "resume", TRUE, nullptr);
+}
+
+guint64 MuxPause::GetPauseLength()
+{
+    GstPtr<GstElement> element = GetElement(VIDEOD_SIGNATURE);
+    g_assert(element);
+    guint64 length = 0;
+    g_object_get(element.get(), "pause_length", &length, nullptr);
+    return length;
+}
+
+void MuxPause::SetPauseLength(guint64 length)
+{
+    GstPtr<GstElement> element = GetElement(VIDEOD_SIGNATURE);
+    g_assert(element);
+    g_object_set(element.get(), "pause_length", length, nullptr);
+}
+
+Mp4muxPipeline::Mp4muxPipeline(const std::string& prefix)
+    : Mp4muxPipeline(prefix, kTemplate)
+{
+}
+
+Mp4muxPipeline::Mp4muxPipeline(const std::string& prefix, const char* description_template)
+    : description(std::regex_replace(description_template, std::regex("%"), prefix))
+    , name(prefix + "_Mp4muxPipeline")
+    , filesink_name(prefix + "_mp4mux_filesink")
+    , video_source_name(prefix + "_mp4mux_video0")
+    , audio_source_name(prefix + "_mp4mux_audio0")
+    , video_pause_name(prefix + "_mp4mux_vid_pause")
+    , audio_pause_name(prefix + "_mp4mux_aud_pause")
+    , multiqueue_name(prefix + "_mp4mux_mque")
+    , idr_valve_name(prefix + "_idr_valve")
+    , mux_name(prefix + "_mux")
+    , tracker_name(prefix + "_mp4mux_tracker")
+    , queue_name(prefix + "_mp4mux_queue")
+{
+}
+
+bool Mp4muxPipeline::Launch(bool attach_probes, bool connect_bus, bool connect_queue_signals)
+{
+    bool result = Pipeline::Launch(attach_probes, connect_bus, connect_queue_signals);
+    if (result) {
+        Log::Info("Initialising mux pause objects");
+        video_pause = std::make_unique<MuxPause>(this, video_pause_name);
+        audio_pause = std::make_unique<MuxPause>(this, audio_pause_name);
+        // The handoff connection died with the previous pipeline.
+        tracker_handler = 0;
+        tracker_connected = false;
+    }
+    return result;
+}
+
+void Mp4muxPipeline::OpenRecord(const std::string& path)
+{
+    Log::Info("OpenRecord '%s'", path.c_str());
+    bytes_written = 0;
+    EnableTrackerSignals(true);
+    ResetMuxPause();
+    SetLocation(path);
+}
+
+int Mp4muxPipeline::CloseRecord(bool send_eos)
+{
+    EnableTrackerSignals(false);
+    bytes_written = 0;
+    previous_location = location;
+    location.clear();
+    if (send_eos)
+        return SendEos(false);
+
+    Log::Error("Killing off MP4 pipeline without sending EOS...");
+    ResetMuxPause();
+    SetDropIDR(true);
+    SetState(GST_STATE_NULL);
+    return 0;
+}
+
+void Mp4muxPipeline::SetLocation(const std::string& path)
+{
+    Log::Info("SetLocation '%s'", path.c_str());
+    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, GetSinkName());
+    if (!element) {
+        Log::Error("%s: element not found", GetSinkName().c_str());
+        return;
+    }
+    g_object_set(element.get(), "location", path.c_str(), nullptr);
+    location = path;
+}
+
+void Mp4muxPipeline::SetDropIDR(bool drop)
+{
+    Log::Warning("Set Drop IDR to : %d", drop);
+    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, idr_valve_name);
+    if (!element) {
+        Log::Warning("Failed to find %s element", idr_valve_name.c_str());
+        return;
+    }
+    g_object_set(element.get(), "drop", static_cast<gboolean>(drop), nullptr);
+}
+
+void Mp4muxPipeline::SetMoovRecoveryFile(const std::string& path)
+{
+    Log::Info("SetMoovRecoveryFile '%s'", path.c_str());
+    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, mux_name);
+    if (!element)
+        return;
+    // An empty path clears the recovery file.
+    g_object_set(element.get(), "moov-recovery-file", path.empty() ? nullptr : path.c_str(), nullptr);
+}
+
+std::string Mp4muxPipeline::GetMoovRecoveryFile() const
+{
+    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, mux_name);
+    if (!element)
+        return "";
+    gchar* raw_path = nullptr;
+    g_object_get(element.get(), "moov-recovery-file", &raw_path, nullptr);
+    GCharPtr path(raw_path);
+    return path ? path.get() : "";
+}
+
+bool Mp4muxPipeline::EnableTrackerSignals(bool enable)
+{
+    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, tracker_name);
+    if (!element) {
+        Log::Error("%s: identity element not found", tracker_name.c_str());
+        return false;
+    }
+    if (!enable) {
+        g_object_set(element.get(), "silent", TRUE, nullptr);
+        if (tracker_handler != 0)
+            g_signal_handler_disconnect(element.get(), tracker_handler);
+        tracker_handler = 0;
+        tracker_connected = false;
+        return true;
+    }
+
+    g_object_set(element.get(), "silent", FALSE, nullptr);
+    if (!tracker_connected) {
+        tracker_handler
+            = g_signal_connect(element.get(), "handoff", G_CALLBACK(&Mp4muxPipeline::OnHandoff), this);
+        tracker_connected = true;
+    } else {
+        // A second enable toggles the counting off; callers rely on pairs.
+        g_signal_handler_disconnect(element.get(), tracker_handler);
+        tracker_handler = 0;
+        tracker_connected = false;
+    }
+    return true;
+}
+
+void Mp4muxPipeline::OnHandoff(GstElement*, GstBuffer* buffer, gpointer user_data)
+{
+    static_cast<Mp4muxPipeline*>(user_data)->bytes_written += gst_buffer_get_size(buffer);
+}
+
+// Before the first launch the objects report the missing pipeline.
+void Mp4muxPipeline::EnsureMuxPause()
+{
+    if (!video_pause)
+        video_pause = std::make_unique<MuxPause>(this, video_pause_name);
+    if (!audio_pause)
+        audio_pause = std::make_unique<MuxPause>(this, audio_pause_name);
+}
+
+void Mp4muxPipeline::ResetMuxPause()
+{
+    Log::Info("Mp4muxPipeline::ResetMuxPause");
+    EnsureMuxPause();
+    video_pause->Reset();
+    audio_pause->Reset();
+}
+
+void Mp4muxPipeline::SetMuxPause(bool pause)
+{
+    Log::Error("Mp4muxPipeline::SetMuxPause (%s)", pause ? "pause" : "resume");
+    EnsureMuxPause();
+    if (pause) {
+        audio_pause->SetPauseLength(video_pause->GetPauseLength());
+        video_pause->Pause();
+        audio_pause->Pause();
+    } else {
+        video_pause->Resume();
+        audio_pause->Resume();
+    }
+}
+
+} // namespace VideoDaemon
