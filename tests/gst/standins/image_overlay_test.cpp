@@ -1,0 +1,130 @@
+// The SVG overlay stand-in draws its document over the frames.
+#include "image_frame_harness.h"
+
+namespace
+{
+
+constexpr int kWidth = 64;
+constexpr int kHeight = 48;
+const char* kBgraCaps = "video/x-raw,format=BGRA,width=64,height=48,framerate=30/1";
+const char* kOverlay = "rsvgoverlaytarnwell name=svg_overlay svg_overlay.src_first";
+
+// A red bar 32 units wide over the full height of a 64x48 document.
+const char* kLeftHalfRed = "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"64\" height=\"48\">"
+                           "<rect x=\"0\" y=\"0\" width=\"32\" height=\"48\" fill=\"#ff0000\"/></svg>";
+// A 16x16 document filled blue: covers the frame only when fitted.
+const char* kSmallBlue = "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"16\" height=\"16\">"
+                         "<rect x=\"0\" y=\"0\" width=\"16\" height=\"16\" fill=\"#0000ff\"/></svg>";
+
+std::vector<uint8_t> GreyFrame()
+{
+    std::vector<uint8_t> frame(kWidth * kHeight * 4, 40);
+    for (size_t i = 3; i < frame.size(); i += 4) {
+        frame[i] = 255;
+    }
+    return frame;
+}
+
+struct Bgr {
+    int b, g, r;
+    bool operator==(const Bgr& o) const { return b == o.b && g == o.g && r == o.r; }
+};
+
+Bgr PixelAt(const std::vector<uint8_t>& frame, int x, int y)
+{
+    const uint8_t* p = &frame[(y * kWidth + x) * 4];
+    return { p[0], p[1], p[2] };
+}
+
+const Bgr kGrey { 40, 40, 40 };
+const Bgr kRed { 0, 0, 255 };
+const Bgr kBlue { 255, 0, 0 };
+
+// Counts the pixels of a rectangle that have the colour.
+int CountColour(const std::vector<uint8_t>& frame, int x0, int y0, int x1, int y1, const Bgr& colour)
+{
+    int count = 0;
+    for (int y = y0; y < y1; y++) {
+        for (int x = x0; x < x1; x++) {
+            count += PixelAt(frame, x, y) == colour;
+        }
+    }
+    return count;
+}
+
+} // namespace
+
+TEST(RsvgOverlayTarnwell, DrawsTheDocumentWhereItHasContentOnly)
+{
+    FrameHarness harness(kBgraCaps, kOverlay);
+    ASSERT_TRUE(harness.Ok());
+    g_autoptr(GstElement) overlay = harness.Element("svg_overlay");
+    g_object_set(overlay, "data", kLeftHalfRed, nullptr);
+
+    const std::vector<uint8_t> output = harness.Run(GreyFrame());
+    ASSERT_EQ(output.size(), GreyFrame().size());
+    EXPECT_EQ(CountColour(output, 0, 0, 32, kHeight, kRed), 32 * kHeight);
+    EXPECT_EQ(CountColour(output, 32, 0, kWidth, kHeight, kGrey), 32 * kHeight);
+}
+
+TEST(RsvgOverlayTarnwell, FitToFrameStretchesTheDocumentOverTheWholeFrame)
+{
+    FrameHarness harness(kBgraCaps, kOverlay);
+    ASSERT_TRUE(harness.Ok());
+    g_autoptr(GstElement) overlay = harness.Element("svg_overlay");
+    g_object_set(overlay, "data", kSmallBlue, nullptr);
+
+    std::vector<uint8_t> output = harness.Run(GreyFrame());
+    EXPECT_EQ(CountColour(output, 0, 0, 16, 16, kBlue), 16 * 16);
+    EXPECT_EQ(PixelAt(output, 40, 30), kGrey) << "a document drawn at its own size";
+
+    g_object_set(overlay, "fit-to-frame", TRUE, nullptr);
+    output = harness.Run(GreyFrame());
+    EXPECT_EQ(CountColour(output, 0, 0, kWidth, kHeight, kBlue), kWidth * kHeight);
+}
+
+TEST(RsvgOverlayTarnwell, DisabledOrEmptyOverlayPassesFramesUnchanged)
+{
+    FrameHarness harness(kBgraCaps,
+        "rsvgoverlaytarnwell name=svg_overlay fit-to-frame=true enabled=true svg_overlay.src_first");
+    ASSERT_TRUE(harness.Ok());
+    g_autoptr(GstElement) overlay = harness.Element("svg_overlay");
+    EXPECT_EQ(harness.Run(GreyFrame()), GreyFrame()) << "no document yet";
+
+    g_object_set(overlay, "data", kLeftHalfRed, nullptr);
+    EXPECT_NE(harness.Run(GreyFrame()), GreyFrame());
+
+    g_object_set(overlay, "enabled", FALSE, nullptr);
+    EXPECT_EQ(harness.Run(GreyFrame()), GreyFrame());
+
+    g_object_set(overlay, "enabled", TRUE, "data", "this is not svg", nullptr);
+    EXPECT_EQ(harness.Run(GreyFrame()), GreyFrame()) << "an unreadable document draws nothing";
+}
+
+TEST(RsvgOverlayTarnwell, ANewDocumentReplacesTheOldOneWhilePlaying)
+{
+    FrameHarness harness(kBgraCaps, kOverlay);
+    ASSERT_TRUE(harness.Ok());
+    g_autoptr(GstElement) overlay = harness.Element("svg_overlay");
+    g_object_set(overlay, "data", kLeftHalfRed, nullptr);
+    EXPECT_EQ(PixelAt(harness.Run(GreyFrame()), 4, 4), kRed);
+
+    g_object_set(overlay, "data", kSmallBlue, nullptr);
+    const std::vector<uint8_t> output = harness.Run(GreyFrame());
+    EXPECT_EQ(PixelAt(output, 4, 4), kBlue);
+    EXPECT_EQ(PixelAt(output, 20, 20), kGrey) << "the red bar is gone";
+}
+
+TEST(RsvgOverlayTarnwell, OffersThePropertiesAndPadTheOverlayPipelineUses)
+{
+    gst_init(nullptr, nullptr);
+    g_autoptr(GstElement) overlay = gst_element_factory_make("rsvgoverlaytarnwell", nullptr);
+    ASSERT_NE(overlay, nullptr);
+    gst_object_ref_sink(overlay);
+    ExpectProperty(G_OBJECT(overlay), "data", G_TYPE_STRING);
+    ExpectProperty(G_OBJECT(overlay), "enabled", G_TYPE_BOOLEAN);
+    ExpectProperty(G_OBJECT(overlay), "fit-to-frame", G_TYPE_BOOLEAN);
+    g_autoptr(GstPad) pad = gst_element_get_static_pad(overlay, "src_first");
+    ASSERT_NE(pad, nullptr);
+    EXPECT_EQ(gst_pad_get_direction(pad), GST_PAD_SRC);
+}
