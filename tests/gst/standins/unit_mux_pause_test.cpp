@@ -1,0 +1,127 @@
+// The muxpause stand-in: buffers dropped while paused, timestamps closed up after resuming.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "unit_test_pipeline.h"
+
+using namespace UnitTest;
+
+namespace
+{
+
+constexpr GstClockTime kFrame = GST_SECOND / 10;
+
+guint64 PauseLength(GstElement* element)
+{
+    guint64 length = 0;
+    g_object_get(element, "pause_length", &length, nullptr);
+    return length;
+}
+
+} // namespace
+
+TEST(MuxPause, DropsWhilePausedAndMovesLaterBuffersBackByThePausedTime)
+{
+    // Frames at 10/s; paused before frame 10, resumed before frame 25, paused and resumed again
+    // around frames 30-34.
+    TestPipeline pipeline("videotestsrc num-buffers=40 ! video/x-raw,width=64,height=48,framerate=10/1 ! "
+                          "muxpause name=pause ! fakesink name=sink");
+    ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
+    ObjectPtr<GstElement> pause = pipeline.Element("pause");
+    size_t index = 0;
+    guint64 lengthAfterFirstPause = 0;
+    BufferProbe inputProbe(pause.get(), "sink", [&](GstBuffer*) {
+        if (index == 10 || index == 30)
+            g_object_set(pause.get(), "pause", TRUE, nullptr);
+        if (index == 25 || index == 35)
+            g_object_set(pause.get(), "resume", TRUE, nullptr);
+        if (index == 26)
+            lengthAfterFirstPause = PauseLength(pause.get());
+        ++index;
+    });
+    std::vector<GstClockTime> output;
+    BufferProbe outputProbe(pipeline.Element("sink").get(), "sink",
+        [&](GstBuffer* buffer) { output.push_back(GST_BUFFER_PTS(buffer)); });
+
+    ASSERT_TRUE(pipeline.Play());
+    ASSERT_TRUE(pipeline.WaitForEos());
+    pipeline.SetState(GST_STATE_NULL);
+
+    // 10 + 5 + 5 frames kept, on one unbroken timeline.
+    std::vector<GstClockTime> expected;
+    for (int i = 0; i < 20; ++i)
+        expected.push_back(i * kFrame);
+    EXPECT_EQ(output, expected);
+    EXPECT_EQ(lengthAfterFirstPause, 15 * kFrame);
+    EXPECT_EQ(PauseLength(pause.get()), 20 * kFrame);
+}
+
+TEST(MuxPause, ResetClearsThePauseAndAWrittenLengthShiftsTheTimeline)
+{
+    TestPipeline pipeline("videotestsrc num-buffers=20 ! video/x-raw,width=64,height=48,framerate=10/1 ! "
+                          "muxpause name=pause ! fakesink name=sink");
+    ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
+    ObjectPtr<GstElement> pause = pipeline.Element("pause");
+    size_t index = 0;
+    BufferProbe inputProbe(pause.get(), "sink", [&](GstBuffer*) {
+        if (index == 5) {
+            g_object_set(pause.get(), "pause", TRUE, nullptr);
+            g_object_set(pause.get(), "reset", TRUE, nullptr); // leaves the pause: nothing is dropped
+        }
+        if (index == 10)
+            g_object_set(pause.get(), "pause_length", static_cast<guint64>(3 * kFrame), nullptr);
+        ++index;
+    });
+    std::vector<GstClockTime> output;
+    BufferProbe outputProbe(pipeline.Element("sink").get(), "sink",
+        [&](GstBuffer* buffer) { output.push_back(GST_BUFFER_PTS(buffer)); });
+
+    ASSERT_TRUE(pipeline.Play());
+    ASSERT_TRUE(pipeline.WaitForEos());
+    pipeline.SetState(GST_STATE_NULL);
+
+    ASSERT_EQ(output.size(), 20u);
+    EXPECT_EQ(output[9], 9 * kFrame);
+    EXPECT_EQ(output[10], 7 * kFrame);
+    EXPECT_EQ(output[19], 16 * kFrame);
+    EXPECT_EQ(PauseLength(pause.get()), 3 * kFrame);
+    g_object_set(pause.get(), "reset", TRUE, nullptr);
+    EXPECT_EQ(PauseLength(pause.get()), 0u);
+}
+
+TEST(MuxPause, AFourSecondLiveRecordingWithATwoSecondPauseHoldsTwoSecondsOfMedia)
+{
+    TempDir dir;
+    const std::string file = dir.File("paused.mp4");
+    TestPipeline pipeline("videotestsrc is-live=true ! video/x-raw,width=320,height=240,framerate=30/1 ! "
+                          "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=15 ! h264parse ! "
+                          "muxpause name=video_pause ! "
+                          "queue ! mp4mux name=mux ! filesink location="
+        + file
+        + " audiotestsrc is-live=true ! audio/x-raw,rate=44100 ! audioconvert ! avenc_aac ! "
+          "muxpause name=audio_pause ! queue ! mux.");
+    ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
+    ObjectPtr<GstElement> videoPause = pipeline.Element("video_pause");
+    ObjectPtr<GstElement> audioPause = pipeline.Element("audio_pause");
+
+    ASSERT_TRUE(pipeline.Play());
+    g_usleep(G_USEC_PER_SEC);
+    // The daemon's order: the audio element takes the video element's length, then both pause.
+    g_object_set(audioPause.get(), "pause_length", PauseLength(videoPause.get()), nullptr);
+    g_object_set(videoPause.get(), "pause", TRUE, nullptr);
+    g_object_set(audioPause.get(), "pause", TRUE, nullptr);
+    g_usleep(2 * G_USEC_PER_SEC);
+    g_object_set(videoPause.get(), "resume", TRUE, nullptr);
+    g_object_set(audioPause.get(), "resume", TRUE, nullptr);
+    g_usleep(G_USEC_PER_SEC);
+    ASSERT_TRUE(pipeline.Finish());
+    pipeline.SetState(GST_STATE_NULL);
+
+    // Generous bounds: a loaded machine shifts the wall-clock steps above.
+    EXPECT_NEAR(FfprobeNumber(file, "format=duration"), 2.0, 0.4);
+    EXPECT_NEAR(FfprobeNumber(file, "stream=duration", "v"), 2.0, 0.4);
+    EXPECT_NEAR(FfprobeNumber(file, "stream=duration", "a"), 2.0, 0.4);
+    EXPECT_NEAR(PauseLength(videoPause.get()) / double(GST_SECOND), 2.0, 0.4);
+}
