@@ -72,7 +72,8 @@ public:
     {
         if (gst_element_set_state(_Pipeline.get(), state) == GST_STATE_CHANGE_FAILURE)
             return false;
-        return gst_element_get_state(_Pipeline.get(), nullptr, nullptr, kWait) != GST_STATE_CHANGE_FAILURE;
+        const GstStateChangeReturn result = gst_element_get_state(_Pipeline.get(), nullptr, nullptr, kWait);
+        return result == GST_STATE_CHANGE_SUCCESS || result == GST_STATE_CHANGE_NO_PREROLL;
     }
     bool Play() const { return SetState(GST_STATE_PLAYING); }
 
