@@ -6,7 +6,8 @@
 #include <cerrno>
 #include <cstdint>
 
-namespace DbusHelper {
+namespace DbusHelper
+{
 
 struct BusEventSource::Source {
     GSource base;
@@ -14,7 +15,8 @@ struct BusEventSource::Source {
     GPollFD poll;
 };
 
-namespace {
+namespace
+{
 
 // Upper bound of messages handled in one dispatch, so a flooding peer cannot
 // starve the rest of the main loop.
@@ -46,7 +48,7 @@ gint TimeoutMs(sd_bus* bus)
     return ms > G_MAXINT ? G_MAXINT : static_cast<gint>(ms);
 }
 
-}  // namespace
+} // namespace
 
 BusEventSource::~BusEventSource()
 {
@@ -113,4 +115,4 @@ void BusEventSource::Detach()
     _Source = nullptr;
 }
 
-}  // namespace DbusHelper
+} // namespace DbusHelper

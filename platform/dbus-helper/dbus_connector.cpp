@@ -1,7 +1,8 @@
 // User bus connection with a bounded method-call time-out.
 #include "dbus-helper/dbus_connector.h"
 
-namespace DbusHelper {
+namespace DbusHelper
+{
 
 DbusConnector::~DbusConnector()
 {
@@ -44,4 +45,4 @@ void DbusConnector::Disconnect()
     _Bus.reset();
 }
 
-}  // namespace DbusHelper
+} // namespace DbusHelper

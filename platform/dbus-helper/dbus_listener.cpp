@@ -3,14 +3,16 @@
 
 #include <cerrno>
 
-namespace DbusHelper {
+namespace DbusHelper
+{
 
-namespace {
+namespace
+{
 const char* OrNull(const std::string& text)
 {
     return text.empty() ? nullptr : text.c_str();
 }
-}  // namespace
+} // namespace
 
 DbusListener::DbusListener(GMainLoop* mainLoop)
     : _Context(mainLoop ? g_main_loop_get_context(mainLoop) : nullptr)
@@ -34,14 +36,13 @@ void DbusListener::OnDisconnecting()
 }
 
 int DbusListener::ListenSignal(const std::string& sender, const std::string& path,
-                               const std::string& interface, const std::string& member,
-                               sd_bus_message_handler_t handler, void* userdata)
+    const std::string& interface, const std::string& member, sd_bus_message_handler_t handler, void* userdata)
 {
     if (!Bus())
         return -ENOTCONN;
     sd_bus_slot* slot = nullptr;
-    const int r = sd_bus_match_signal(Bus(), &slot, OrNull(sender), OrNull(path), OrNull(interface),
-                                      OrNull(member), handler, userdata);
+    const int r = sd_bus_match_signal(
+        Bus(), &slot, OrNull(sender), OrNull(path), OrNull(interface), OrNull(member), handler, userdata);
     if (r < 0)
         return r;
     _Slots.emplace_back(slot);
@@ -52,12 +53,12 @@ int DbusListener::ListenSignals(const std::vector<SignalMatch>& matches)
 {
     int result = 0;
     for (const SignalMatch& match : matches) {
-        const int r =
-            ListenSignal(match.sender, match.path, match.interface, match.member, match.handler, match.userdata);
+        const int r = ListenSignal(
+            match.sender, match.path, match.interface, match.member, match.handler, match.userdata);
         if (r < 0 && result == 0)
             result = r;
     }
     return result;
 }
 
-}  // namespace DbusHelper
+} // namespace DbusHelper

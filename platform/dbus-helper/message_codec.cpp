@@ -3,14 +3,15 @@
 
 #include <cerrno>
 
-namespace DbusHelper {
-
-namespace {
-
-template <typename T>
-int ReadBasic(sd_bus_message* m, char type, T& value)
+namespace DbusHelper
 {
-    T raw{};
+
+namespace
+{
+
+template <typename T> int ReadBasic(sd_bus_message* m, char type, T& value)
+{
+    T raw {};
     const int r = sd_bus_message_read_basic(m, type, &raw);
     if (r < 0)
         return r;
@@ -21,15 +22,15 @@ int ReadBasic(sd_bus_message* m, char type, T& value)
 }
 
 template <typename T>
-int ReadArray(sd_bus_message* m, const char* element, std::vector<T>& values,
-              int (*read_element)(sd_bus_message*, T&))
+int ReadArray(
+    sd_bus_message* m, const char* element, std::vector<T>& values, int (*read_element)(sd_bus_message*, T&))
 {
     int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, element);
     if (r <= 0)
         return r < 0 ? r : -ENXIO;
     std::vector<T> result;
     while ((r = sd_bus_message_at_end(m, false)) == 0) {
-        T item{};
+        T item {};
         r = read_element(m, item);
         if (r < 0)
             return r;
@@ -44,8 +45,7 @@ int ReadArray(sd_bus_message* m, const char* element, std::vector<T>& values,
     return 1;
 }
 
-template <typename T>
-int ReadOne(sd_bus_message* m, T& value)
+template <typename T> int ReadOne(sd_bus_message* m, T& value)
 {
     return MessageCodec::Read(m, value);
 }
@@ -62,8 +62,7 @@ int ReadString(sd_bus_message* m, char type, std::string& value)
     return r;
 }
 
-template <typename T>
-int AppendArray(sd_bus_message* m, const char* element, const std::vector<T>& values)
+template <typename T> int AppendArray(sd_bus_message* m, const char* element, const std::vector<T>& values)
 {
     int r = sd_bus_message_open_container(m, SD_BUS_TYPE_ARRAY, element);
     if (r < 0)
@@ -76,18 +75,16 @@ int AppendArray(sd_bus_message* m, const char* element, const std::vector<T>& va
     return sd_bus_message_close_container(m);
 }
 
-template <char Type, typename T>
-int ReadBasicAny(sd_bus_message* m, std::any& value)
+template <char Type, typename T> int ReadBasicAny(sd_bus_message* m, std::any& value)
 {
-    T raw{};
+    T raw {};
     const int r = ReadBasic(m, Type, raw);
     if (r >= 0)
         value = raw;
     return r;
 }
 
-template <char Type, typename T>
-int ReadBasicElement(sd_bus_message* m, T& value)
+template <char Type, typename T> int ReadBasicElement(sd_bus_message* m, T& value)
 {
     return ReadBasic(m, Type, value);
 }
@@ -102,8 +99,7 @@ int ReadStringElement(sd_bus_message* m, std::string& value)
     return ReadString(m, type, value);
 }
 
-template <char Type, typename T>
-int ReadArrayAny(sd_bus_message* m, const char* element, std::any& value)
+template <char Type, typename T> int ReadArrayAny(sd_bus_message* m, const char* element, std::any& value)
 {
     std::vector<T> values;
     const int r = ReadArray<T>(m, element, values, &ReadBasicElement<Type, T>);
@@ -168,7 +164,7 @@ int ReadContents(sd_bus_message* m, const std::string& signature, std::any& valu
     return sd_bus_message_skip(m, signature.c_str());
 }
 
-}  // namespace
+} // namespace
 
 int MessageCodec::Read(sd_bus_message* m, bool& value)
 {
@@ -281,4 +277,4 @@ int MessageCodec::ReadVariant(sd_bus_message* m, std::string& signature, std::an
     return sd_bus_message_exit_container(m);
 }
 
-}  // namespace DbusHelper
+} // namespace DbusHelper

@@ -8,11 +8,13 @@
 #include <string>
 #include <vector>
 
-namespace DbusHelper {
+namespace DbusHelper
+{
 
 // Each C type maps to one D-Bus signature; Read/Append work at the
 // message's current position and return sd-bus results (negative errno).
-class MessageCodec {
+class MessageCodec
+{
 public:
     static const char* Signature(const bool&) { return "b"; }
     static const char* Signature(const int32_t&) { return "i"; }
@@ -53,4 +55,4 @@ public:
     static int ReadVariant(sd_bus_message* m, std::string& signature, std::any& value);
 };
 
-}  // namespace DbusHelper
+} // namespace DbusHelper

@@ -8,9 +8,11 @@
 using DbusHelper::SdBusError;
 using DbusHelper::SdBusMessagePtr;
 
-namespace sdbus_utils {
+namespace sdbus_utils
+{
 
-namespace {
+namespace
+{
 
 const char* const kObjectManagerInterface = "org.freedesktop.DBus.ObjectManager";
 
@@ -50,7 +52,7 @@ int ReadInterfaces(sd_bus_message* message, InterfaceMap& interfaces)
     return r < 0 ? r : 0;
 }
 
-}  // namespace
+} // namespace
 
 int ParseInterfaceAdded(sd_bus_message* message, std::string& path, InterfaceMap& interfaces)
 {
@@ -78,10 +80,11 @@ int ParseInterfaceRemoved(sd_bus_message* message, std::string& path, std::vecto
     return 0;
 }
 
-namespace object_manager {
+namespace object_manager
+{
 
-int GetManagedObjects(sd_bus* bus, const std::string& service, const std::string& path, ManagedObjects& objects,
-                      std::string& error)
+int GetManagedObjects(sd_bus* bus, const std::string& service, const std::string& path,
+    ManagedObjects& objects, std::string& error)
 {
     if (!bus)
         bus = DefaultBus(error);
@@ -89,8 +92,8 @@ int GetManagedObjects(sd_bus* bus, const std::string& service, const std::string
         return -ENOTCONN;
     SdBusError call_error;
     sd_bus_message* raw = nullptr;
-    int r = sd_bus_call_method(bus, service.c_str(), path.c_str(), kObjectManagerInterface, "GetManagedObjects",
-                               call_error.Get(), &raw, "");
+    int r = sd_bus_call_method(bus, service.c_str(), path.c_str(), kObjectManagerInterface,
+        "GetManagedObjects", call_error.Get(), &raw, "");
     SdBusMessagePtr reply(raw);
     if (r < 0) {
         error = call_error.IsSet() ? std::string(call_error.Name()) + ": " + call_error.Message()
@@ -98,7 +101,8 @@ int GetManagedObjects(sd_bus* bus, const std::string& service, const std::string
         return r;
     }
     r = sd_bus_message_enter_container(reply.get(), SD_BUS_TYPE_ARRAY, "{oa{sa{sv}}}");
-    while (r > 0 && (r = sd_bus_message_enter_container(reply.get(), SD_BUS_TYPE_DICT_ENTRY, "oa{sa{sv}}")) > 0) {
+    while (r > 0
+        && (r = sd_bus_message_enter_container(reply.get(), SD_BUS_TYPE_DICT_ENTRY, "oa{sa{sv}}")) > 0) {
         std::string object;
         InterfaceMap interfaces;
         r = ReadObjectPath(reply.get(), object);
@@ -118,5 +122,5 @@ int GetManagedObjects(sd_bus* bus, const std::string& service, const std::string
     return 0;
 }
 
-}  // namespace object_manager
-}  // namespace sdbus_utils
+} // namespace object_manager
+} // namespace sdbus_utils

@@ -7,15 +7,16 @@
 
 #include "dbus-helper/dbus_connector.h"
 
-namespace {
+namespace
+{
 
 // D-Bus address values escape every byte outside [-0-9A-Za-z_/.\*].
 std::string EscapeAddressValue(const std::string& text)
 {
     std::string escaped;
     for (unsigned char c : text) {
-        const bool plain = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
-                           c == '-' || c == '_' || c == '/' || c == '.' || c == '\\' || c == '*';
+        const bool plain = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z')
+            || c == '-' || c == '_' || c == '/' || c == '.' || c == '\\' || c == '*';
         if (plain) {
             escaped += static_cast<char>(c);
         } else {
@@ -27,7 +28,7 @@ std::string EscapeAddressValue(const std::string& text)
     return escaped;
 }
 
-}  // namespace
+} // namespace
 
 extern "C" int sd_bus_open_user_remote(sd_bus** ret, const char* host, const char* path)
 {
@@ -35,8 +36,8 @@ extern "C" int sd_bus_open_user_remote(sd_bus** ret, const char* host, const cha
         return -EINVAL;
 
     // BatchMode: never wait for a password prompt that nobody can answer.
-    const std::string address = "unixexec:path=ssh,argv1=-xT,argv2=-oBatchMode%3dyes,argv3=--,argv4=" +
-                                EscapeAddressValue(host) + ",argv5=systemd-stdio-bridge" + path;
+    const std::string address = "unixexec:path=ssh,argv1=-xT,argv2=-oBatchMode%3dyes,argv3=--,argv4="
+        + EscapeAddressValue(host) + ",argv5=systemd-stdio-bridge" + path;
 
     sd_bus* raw = nullptr;
     int r = sd_bus_new(&raw);

@@ -13,9 +13,11 @@ using DbusHelper::SdBusError;
 using DbusHelper::SdBusMessagePtr;
 using DbusHelper::SdBusPtr;
 
-namespace sdbus_utils {
+namespace sdbus_utils
+{
 
-namespace {
+namespace
+{
 
 const char* const kPropertiesInterface = "org.freedesktop.DBus.Properties";
 
@@ -46,12 +48,12 @@ sd_bus* Resolve(sd_bus* bus, std::string& error)
 }
 
 int CallGet(sd_bus* bus, const std::string& service, const std::string& path, const std::string& interface,
-            const std::string& name, SdBusMessagePtr& reply, std::string& error)
+    const std::string& name, SdBusMessagePtr& reply, std::string& error)
 {
     SdBusError call_error;
     sd_bus_message* raw = nullptr;
     const int r = sd_bus_call_method(bus, service.c_str(), path.c_str(), kPropertiesInterface, "Get",
-                                     call_error.Get(), &raw, "ss", interface.c_str(), name.c_str());
+        call_error.Get(), &raw, "ss", interface.c_str(), name.c_str());
     reply.reset(raw);
     if (r < 0)
         error = ErrorText(call_error, r);
@@ -60,7 +62,7 @@ int CallGet(sd_bus* bus, const std::string& service, const std::string& path, co
 
 template <typename T>
 int Get(sd_bus* bus, const std::string& service, const std::string& path, const std::string& interface,
-        const std::string& name, T& value, std::string& error)
+    const std::string& name, T& value, std::string& error)
 {
     bus = Resolve(bus, error);
     if (!bus)
@@ -74,11 +76,11 @@ int Get(sd_bus* bus, const std::string& service, const std::string& path, const 
     r = sd_bus_message_peek_type(reply.get(), nullptr, &contents);
     const char* expected = MessageCodec::Signature(value);
     if (r <= 0 || !contents || std::strcmp(contents, expected) != 0) {
-        error = std::string("org.freedesktop.DBus.Error.InvalidSignature: property ") + name + " has type '" +
-                (contents ? contents : "") + "', expected '" + expected + "'";
+        error = std::string("org.freedesktop.DBus.Error.InvalidSignature: property ") + name + " has type '"
+            + (contents ? contents : "") + "', expected '" + expected + "'";
         return -EINVAL;
     }
-    T result{};
+    T result {};
     r = sd_bus_message_enter_container(reply.get(), SD_BUS_TYPE_VARIANT, contents);
     if (r >= 0)
         r = MessageCodec::Read(reply.get(), result);
@@ -94,13 +96,14 @@ int Get(sd_bus* bus, const std::string& service, const std::string& path, const 
 
 template <typename T>
 int Set(sd_bus* bus, const std::string& service, const std::string& path, const std::string& interface,
-        const std::string& name, const T& value, std::string& error)
+    const std::string& name, const T& value, std::string& error)
 {
     bus = Resolve(bus, error);
     if (!bus)
         return -ENOTCONN;
     sd_bus_message* raw = nullptr;
-    int r = sd_bus_message_new_method_call(bus, &raw, service.c_str(), path.c_str(), kPropertiesInterface, "Set");
+    int r = sd_bus_message_new_method_call(
+        bus, &raw, service.c_str(), path.c_str(), kPropertiesInterface, "Set");
     SdBusMessagePtr call(raw);
     if (r >= 0)
         r = sd_bus_message_append(call.get(), "ss", interface.c_str(), name.c_str());
@@ -150,7 +153,7 @@ int ParseDictionary(sd_bus_message* message, Map& properties, Store store)
     return r < 0 ? r : 0;
 }
 
-}  // namespace
+} // namespace
 
 sd_bus* DefaultBus(std::string& error)
 {
@@ -169,17 +172,16 @@ sd_bus* DefaultBus(std::string& error)
     return connection.bus.get();
 }
 
-#define SDBUS_UTILS_DEFINE_PROPERTY_TYPE(Type)                                                                \
-    int GetProperty(sd_bus* bus, const std::string& service, const std::string& path,                       \
-                    const std::string& interface, const std::string& name, Type& value, std::string& error)   \
-    {                                                                                                         \
-        return Get(bus, service, path, interface, name, value, error);                                        \
-    }                                                                                                         \
-    int SetProperty(sd_bus* bus, const std::string& service, const std::string& path,                       \
-                    const std::string& interface, const std::string& name, const Type& value,                \
-                    std::string& error)                                                                       \
-    {                                                                                                         \
-        return Set(bus, service, path, interface, name, value, error);                                        \
+#define SDBUS_UTILS_DEFINE_PROPERTY_TYPE(Type)                                                               \
+    int GetProperty(sd_bus* bus, const std::string& service, const std::string& path,                        \
+        const std::string& interface, const std::string& name, Type& value, std::string& error)              \
+    {                                                                                                        \
+        return Get(bus, service, path, interface, name, value, error);                                       \
+    }                                                                                                        \
+    int SetProperty(sd_bus* bus, const std::string& service, const std::string& path,                        \
+        const std::string& interface, const std::string& name, const Type& value, std::string& error)        \
+    {                                                                                                        \
+        return Set(bus, service, path, interface, name, value, error);                                       \
     }
 
 SDBUS_UTILS_DEFINE_PROPERTY_TYPE(bool)
@@ -196,7 +198,7 @@ SDBUS_UTILS_DEFINE_PROPERTY_TYPE(std::vector<std::string>)
 #undef SDBUS_UTILS_DEFINE_PROPERTY_TYPE
 
 int GetAllProperties(sd_bus* bus, const std::string& service, const std::string& path,
-                     const std::string& interface, SdBusMessagePtr& reply, std::string& error)
+    const std::string& interface, SdBusMessagePtr& reply, std::string& error)
 {
     bus = Resolve(bus, error);
     if (!bus)
@@ -204,7 +206,7 @@ int GetAllProperties(sd_bus* bus, const std::string& service, const std::string&
     SdBusError call_error;
     sd_bus_message* raw = nullptr;
     const int r = sd_bus_call_method(bus, service.c_str(), path.c_str(), kPropertiesInterface, "GetAll",
-                                     call_error.Get(), &raw, "s", interface.c_str());
+        call_error.Get(), &raw, "s", interface.c_str());
     reply.reset(raw);
     if (r < 0) {
         error = ErrorText(call_error, r);
@@ -216,18 +218,18 @@ int GetAllProperties(sd_bus* bus, const std::string& service, const std::string&
 
 int ParseProperties(sd_bus_message* message, PropertyMap& properties)
 {
-    return ParseDictionary(message, properties,
-                           [](PropertyMap& map, std::string key, std::string, std::any value) {
-                               map[std::move(key)] = std::move(value);
-                           });
+    return ParseDictionary(
+        message, properties, [](PropertyMap& map, std::string key, std::string, std::any value) {
+            map[std::move(key)] = std::move(value);
+        });
 }
 
 int ParsePropertiesWithType(sd_bus_message* message, TypedPropertyMap& properties)
 {
     return ParseDictionary(message, properties,
-                           [](TypedPropertyMap& map, std::string key, std::string signature, std::any value) {
-                               map[std::move(key)] = std::make_pair(std::move(signature), std::move(value));
-                           });
+        [](TypedPropertyMap& map, std::string key, std::string signature, std::any value) {
+            map[std::move(key)] = std::make_pair(std::move(signature), std::move(value));
+        });
 }
 
-}  // namespace sdbus_utils
+} // namespace sdbus_utils

@@ -4,13 +4,15 @@
 #include <glib.h>
 #include <systemd/sd-bus.h>
 
-namespace DbusHelper {
+namespace DbusHelper
+{
 
 // While attached, the connection's incoming messages are processed (signal
 // handlers and method replies run) from the main loop of the context, and its
 // outgoing queue and time-outs are serviced there too. The connection must
 // outlive the source.
-class BusEventSource {
+class BusEventSource
+{
 public:
     BusEventSource() = default;
     ~BusEventSource();
@@ -33,4 +35,4 @@ private:
     GSource* _Source = nullptr;
 };
 
-}  // namespace DbusHelper
+} // namespace DbusHelper

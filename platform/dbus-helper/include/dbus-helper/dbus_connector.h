@@ -5,13 +5,15 @@
 
 #include "dbus-helper/sd_bus_ptr.h"
 
-namespace DbusHelper {
+namespace DbusHelper
+{
 
 // Upper bound of every blocking call made through this library: a hung peer
 // costs the caller at most this long.
 constexpr uint64_t kMethodCallTimeoutUsec = 2 * 1000 * 1000;
 
-class DbusConnector {
+class DbusConnector
+{
 public:
     DbusConnector() = default;
     virtual ~DbusConnector();
@@ -33,11 +35,11 @@ public:
 
 protected:
     // Called once the connection is open, and before it is closed.
-    virtual void OnConnected() {}
-    virtual void OnDisconnecting() {}
+    virtual void OnConnected() { }
+    virtual void OnDisconnecting() { }
 
 private:
     SdBusPtr _Bus;
 };
 
-}  // namespace DbusHelper
+} // namespace DbusHelper

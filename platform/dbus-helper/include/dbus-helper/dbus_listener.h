@@ -9,7 +9,8 @@
 #include "dbus-helper/bus_event_source.h"
 #include "dbus-helper/dbus_connector.h"
 
-namespace DbusHelper {
+namespace DbusHelper
+{
 
 // One signal subscription; an empty string matches anything.
 struct SignalMatch {
@@ -23,7 +24,8 @@ struct SignalMatch {
 
 // Once connected, the connection is serviced by an event source on the main
 // loop's context, so signal handlers run on the main loop thread.
-class DbusListener : public DbusConnector {
+class DbusListener : public DbusConnector
+{
 public:
     // `mainLoop` selects the context; nullptr means the default main context.
     explicit DbusListener(GMainLoop* mainLoop = nullptr);
@@ -32,7 +34,7 @@ public:
     // Subscribes `handler` to the matching signals. Returns 0 or a negative
     // errno (-ENOTCONN before Connect).
     int ListenSignal(const std::string& sender, const std::string& path, const std::string& interface,
-                     const std::string& member, sd_bus_message_handler_t handler, void* userdata);
+        const std::string& member, sd_bus_message_handler_t handler, void* userdata);
     // Subscribes each match in turn; returns 0 or the first failure, after
     // trying them all.
     int ListenSignals(const std::vector<SignalMatch>& matches);
@@ -50,4 +52,4 @@ private:
     std::vector<SdBusSlotPtr> _Slots;
 };
 
-}  // namespace DbusHelper
+} // namespace DbusHelper

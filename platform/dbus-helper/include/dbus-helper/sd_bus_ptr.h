@@ -5,7 +5,8 @@
 
 #include <memory>
 
-namespace DbusHelper {
+namespace DbusHelper
+{
 
 struct SdBusCloser {
     void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
@@ -22,7 +23,8 @@ using SdBusSlotPtr = std::unique_ptr<sd_bus_slot, SdBusSlotReleaser>;
 using SdBusMessagePtr = std::unique_ptr<sd_bus_message, SdBusMessageReleaser>;
 
 // An sd_bus_error that frees itself.
-class SdBusError {
+class SdBusError
+{
 public:
     SdBusError() = default;
     ~SdBusError() { sd_bus_error_free(&_Error); }
@@ -38,4 +40,4 @@ private:
     sd_bus_error _Error = SD_BUS_ERROR_NULL;
 };
 
-}  // namespace DbusHelper
+} // namespace DbusHelper

@@ -22,7 +22,8 @@
 // std::vector<uint8_t>. Values of other signatures are kept as an empty any.
 using TypedPropertyMap = std::map<std::string, std::pair<std::string, std::any>>;
 
-namespace sdbus_utils {
+namespace sdbus_utils
+{
 
 using TypedPropertyMap = ::TypedPropertyMap;
 // Property name -> value, typed as in TypedPropertyMap.
@@ -43,12 +44,11 @@ sd_bus* DefaultBus(std::string& error);
 // a negative errno, leaves `value` untouched and fills `error` with the D-Bus
 // error ("name: message"). A property of another type is such a failure.
 // A null `bus` means DefaultBus().
-#define SDBUS_UTILS_DECLARE_PROPERTY_TYPE(Type)                                                             \
-    int GetProperty(sd_bus* bus, const std::string& service, const std::string& path,                     \
-                    const std::string& interface, const std::string& name, Type& value, std::string& error); \
-    int SetProperty(sd_bus* bus, const std::string& service, const std::string& path,                     \
-                    const std::string& interface, const std::string& name, const Type& value,              \
-                    std::string& error);
+#define SDBUS_UTILS_DECLARE_PROPERTY_TYPE(Type)                                                              \
+    int GetProperty(sd_bus* bus, const std::string& service, const std::string& path,                        \
+        const std::string& interface, const std::string& name, Type& value, std::string& error);             \
+    int SetProperty(sd_bus* bus, const std::string& service, const std::string& path,                        \
+        const std::string& interface, const std::string& name, const Type& value, std::string& error);
 
 SDBUS_UTILS_DECLARE_PROPERTY_TYPE(bool)
 SDBUS_UTILS_DECLARE_PROPERTY_TYPE(int32_t)
@@ -64,10 +64,10 @@ SDBUS_UTILS_DECLARE_PROPERTY_TYPE(std::vector<std::string>)
 #undef SDBUS_UTILS_DECLARE_PROPERTY_TYPE
 
 // `unsigned long long` where it is a type of its own (LP64), as "t".
-template <typename T, typename = std::enable_if_t<std::is_same_v<T, unsigned long long> &&
-                                                  !std::is_same_v<T, uint64_t>>>
-int GetProperty(sd_bus* bus, const std::string& service, const std::string& path, const std::string& interface,
-                const std::string& name, T& value, std::string& error)
+template <typename T,
+    typename = std::enable_if_t<std::is_same_v<T, unsigned long long> && !std::is_same_v<T, uint64_t>>>
+int GetProperty(sd_bus* bus, const std::string& service, const std::string& path,
+    const std::string& interface, const std::string& name, T& value, std::string& error)
 {
     uint64_t wire = 0;
     const int r = GetProperty(bus, service, path, interface, name, wire, error);
@@ -75,10 +75,10 @@ int GetProperty(sd_bus* bus, const std::string& service, const std::string& path
         value = wire;
     return r;
 }
-template <typename T, typename = std::enable_if_t<std::is_same_v<T, unsigned long long> &&
-                                                  !std::is_same_v<T, uint64_t>>>
-int SetProperty(sd_bus* bus, const std::string& service, const std::string& path, const std::string& interface,
-                const std::string& name, const T& value, std::string& error)
+template <typename T,
+    typename = std::enable_if_t<std::is_same_v<T, unsigned long long> && !std::is_same_v<T, uint64_t>>>
+int SetProperty(sd_bus* bus, const std::string& service, const std::string& path,
+    const std::string& interface, const std::string& name, const T& value, std::string& error)
 {
     const uint64_t wire = value;
     return SetProperty(bus, service, path, interface, name, wire, error);
@@ -87,7 +87,7 @@ int SetProperty(sd_bus* bus, const std::string& service, const std::string& path
 // Calls org.freedesktop.DBus.Properties.GetAll; on success `reply` is
 // positioned at its "a{sv}" dictionary, ready for ParseProperties.
 int GetAllProperties(sd_bus* bus, const std::string& service, const std::string& path,
-                     const std::string& interface, DbusHelper::SdBusMessagePtr& reply, std::string& error);
+    const std::string& interface, DbusHelper::SdBusMessagePtr& reply, std::string& error);
 
 // Read an "a{sv}" dictionary at the message's current position. Return 0 or
 // a negative errno (malformed message); entries are added to `properties`.
@@ -99,11 +99,12 @@ int ParsePropertiesWithType(sd_bus_message* message, TypedPropertyMap& propertie
 int ParseInterfaceAdded(sd_bus_message* message, std::string& path, InterfaceMap& interfaces);
 int ParseInterfaceRemoved(sd_bus_message* message, std::string& path, std::vector<std::string>& interfaces);
 
-namespace object_manager {
+namespace object_manager
+{
 // Calls org.freedesktop.DBus.ObjectManager.GetManagedObjects on `path`.
 // Returns >= 0 or a negative errno with `error` filled.
-int GetManagedObjects(sd_bus* bus, const std::string& service, const std::string& path, ManagedObjects& objects,
-                      std::string& error);
-}  // namespace object_manager
+int GetManagedObjects(sd_bus* bus, const std::string& service, const std::string& path,
+    ManagedObjects& objects, std::string& error);
+} // namespace object_manager
 
-}  // namespace sdbus_utils
+} // namespace sdbus_utils

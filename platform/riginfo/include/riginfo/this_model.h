@@ -3,7 +3,8 @@
 
 #include <cstdint>
 
-namespace RigInfo {
+namespace RigInfo
+{
 
 // Size of a picture in pixels.
 struct Resolution {
@@ -11,10 +12,11 @@ struct Resolution {
     uint32_t height;
 };
 
-class ThisModel {
+class ThisModel
+{
 public:
     // Resolution of the unit's built-in display.
     static Resolution DisplayResolution();
 };
 
-}  // namespace RigInfo
+} // namespace RigInfo

@@ -1,0 +1,138 @@
+// Camera object client: property cache, RequestTiles and TilingMode.
+#include "camera_object.h"
+
+#include <cerrno>
+
+#include "log.h"
+#include "pipelines/function_signature.h"
+
+using VideoDaemon::Log::Error;
+
+namespace Camerad
+{
+
+CameraObject::CameraObject(sd_bus* bus, std::string path)
+    : _Bus(bus)
+    , _Path(std::move(path))
+{
+    if (!_Bus) {
+        Error("%s: Bus ptr is NULL", VIDEOD_SIGNATURE);
+        return;
+    }
+    sd_bus_slot* slot = nullptr;
+    const int r = sd_bus_match_signal(_Bus, &slot, CAMERA_DAEMON_SERVICE, _Path.c_str(),
+        "org.freedesktop.DBus.Properties", "PropertiesChanged", &CameraObject::PropertiesChanged, this);
+    if (r < 0) {
+        Error("%s: Failed to register signal handler:%s", VIDEOD_SIGNATURE, "PropertiesChanged");
+        return;
+    }
+    _Slot.reset(slot);
+    for (const char* interface : { CAMERA_INTERFACE, CAMERA_FEATURES_INTERFACE }) {
+        sdbus_utils::PropertyMap properties;
+        GetAllProperties(interface, properties);
+    }
+}
+
+sdbus_utils::PropertyMap CameraObject::Properties(const std::string& interface) const
+{
+    auto found = _Properties.find(interface);
+    return found == _Properties.end() ? sdbus_utils::PropertyMap {} : found->second;
+}
+
+int32_t CameraObject::GetAllProperties(const std::string& interface, sdbus_utils::PropertyMap& properties)
+{
+    if (!_Bus)
+        return -ENOTCONN;
+    DbusHelper::SdBusMessagePtr reply;
+    std::string error;
+    int32_t r = sdbus_utils::GetAllProperties(_Bus, CAMERA_DAEMON_SERVICE, _Path, interface, reply, error);
+    if (r < 0) {
+        Error("Failed to read interface");
+        return r;
+    }
+    sdbus_utils::PropertyMap parsed;
+    r = sdbus_utils::ParseProperties(reply.get(), parsed);
+    if (r < 0) {
+        Error("ParseProperties failed:%d", r);
+        return r;
+    }
+    _Properties[interface] = parsed;
+    properties = std::move(parsed);
+    return 0;
+}
+
+int32_t CameraObject::RequestTiles(uint32_t& tiles)
+{
+    if (!_Bus)
+        return -ENOTCONN;
+    DbusHelper::SdBusError error;
+    sd_bus_message* raw = nullptr;
+    int32_t r = sd_bus_call_method(_Bus, CAMERA_DAEMON_SERVICE, _Path.c_str(), CAMERA_INTERFACE,
+        CAMERA_METHOD_REQUEST_TILES, error.Get(), &raw, "");
+    DbusHelper::SdBusMessagePtr reply(raw);
+    if (r < 0) {
+        Error("sd_bus_call_method CAMERA_METHOD_REQUEST_TILES failed (r = %d)", r);
+        return r;
+    }
+    uint32_t answer = 0;
+    r = sd_bus_message_read(reply.get(), "u", &answer);
+    if (r < 0) {
+        Error("sd_bus_message_read failed (r = %d)", r);
+        return r;
+    }
+    tiles = answer;
+    return 0;
+}
+
+int32_t CameraObject::SetTilingMode(TilingCameraMode mode)
+{
+    if (!_Bus)
+        return -ENOTCONN;
+    std::string error;
+    const uint32_t value = static_cast<uint32_t>(mode);
+    const int32_t r = sdbus_utils::SetProperty(
+        _Bus, CAMERA_DAEMON_SERVICE, _Path, CAMERA_TILING_INTERFACE, CAMERA_PROP_TILING_MODE, value, error);
+    if (r < 0)
+        Error("%s: Failed to set %s property, err:%s", VIDEOD_SIGNATURE, CAMERA_PROP_TILING_MODE,
+            error.c_str());
+    return r;
+}
+
+int32_t CameraObject::GetTilingMode(TilingCameraMode& mode)
+{
+    if (!_Bus)
+        return -ENOTCONN;
+    std::string error;
+    uint32_t value = 0;
+    const int32_t r = sdbus_utils::GetProperty(
+        _Bus, CAMERA_DAEMON_SERVICE, _Path, CAMERA_TILING_INTERFACE, CAMERA_PROP_TILING_MODE, value, error);
+    if (r < 0) {
+        Error("%s: Failed to set %s property, err:%s", VIDEOD_SIGNATURE, CAMERA_PROP_TILING_MODE,
+            error.c_str());
+        return r;
+    }
+    mode = static_cast<TilingCameraMode>(value);
+    return 0;
+}
+
+int CameraObject::PropertiesChanged(sd_bus_message* message, void* userdata, sd_bus_error*)
+{
+    auto* self = static_cast<CameraObject*>(userdata);
+    const char* interface = nullptr;
+    if (sd_bus_message_read(message, "s", &interface) < 0) {
+        Error("Failed to read interface");
+        return -1;
+    }
+    sdbus_utils::PropertyMap changed;
+    const int r = sdbus_utils::ParseProperties(message, changed);
+    if (r < 0) {
+        Error("ParseProperties failed:%d", r);
+        return -1;
+    }
+    sdbus_utils::PropertyMap& cached = self->_Properties[interface];
+    for (auto& entry : changed)
+        cached[entry.first] = std::move(entry.second);
+    return 0;
+}
+
+} // namespace Camerad
