@@ -159,7 +159,8 @@ GstFlowReturn PushEncoded(ImxVpuEncH264* self, x264_nal_t* nals, int nal_count, 
     }
     // x264 lays the payloads out back to back.
     frame->output_buffer = gst_buffer_new_memdup(nals[0].p_payload, size);
-    if (picture->b_keyframe)
+    // Only IDR frames are points a decoder can start from; plain I frames are not.
+    if (picture->i_type == X264_TYPE_IDR)
         GST_VIDEO_CODEC_FRAME_SET_SYNC_POINT(frame.get());
     else
         GST_VIDEO_CODEC_FRAME_UNSET_SYNC_POINT(frame.get());

@@ -1,0 +1,142 @@
+// The display stand-in: what it shows, what it drops, and its panel settings.
+#include "imx_test_pipeline.h"
+
+#include <gtest/gtest.h>
+
+using namespace ImxTest;
+
+namespace
+{
+
+guint64 FramesShown(GstElement* sink)
+{
+    guint64 shown = 0;
+    g_object_get(sink, "frames-shown", &shown, nullptr);
+    return shown;
+}
+
+SamplePtr LastSample(GstElement* sink)
+{
+    GstSample* sample = nullptr;
+    g_object_get(sink, "last-sample", &sample, nullptr);
+    return SamplePtr(sample);
+}
+
+// Feeds the display pipeline's tail with `count` frames from a test source.
+std::string DisplayTail(int count, const std::string& extra)
+{
+    return "videotestsrc num-buffers=" + std::to_string(count)
+        + " ! video/x-raw, format=BGRA,width=640,height=480,framerate=30000/1001 ! queue name=display_queue "
+          "max-size-buffers=2 ! imxipuvideotransform name=video_transform_display ! imxipuvideosink "
+          "name=display_sink qos=false use-vsync=true sync=false force-aspect-ratio=false "
+        + extra;
+}
+
+} // namespace
+
+TEST(ImxIpuVideoSink, CountsTheFramesItShowsAndKeepsTheLastOne)
+{
+    TestPipeline pipeline(DisplayTail(12, ""));
+    ASSERT_TRUE(pipeline.Parsed()) << pipeline.ParseError();
+    ASSERT_TRUE(pipeline.RunToEos()) << pipeline.Error();
+    GstElement* sink = pipeline.Element("display_sink");
+    EXPECT_EQ(FramesShown(sink), 12u);
+
+    SamplePtr last = LastSample(sink);
+    ASSERT_TRUE(last);
+    GstVideoInfo info;
+    ASSERT_TRUE(gst_video_info_from_caps(&info, gst_sample_get_caps(last.get())));
+    EXPECT_EQ(GST_VIDEO_INFO_FORMAT(&info), GST_VIDEO_FORMAT_BGRA);
+    EXPECT_EQ(GST_VIDEO_INFO_WIDTH(&info), 640);
+    GstBuffer* buffer = gst_sample_get_buffer(last.get());
+    EXPECT_EQ(gst_buffer_get_size(buffer), 640u * 480u * 4u);
+    EXPECT_EQ(GST_BUFFER_PTS(buffer), gst_util_uint64_scale_int(11 * GST_SECOND, 1001, 30000));
+}
+
+TEST(ImxIpuVideoSink, DropFramesTakesFramesWithoutShowingThem)
+{
+    TestPipeline pipeline(DisplayTail(8, "drop-frames=true"));
+    ASSERT_TRUE(pipeline.Parsed()) << pipeline.ParseError();
+    ASSERT_TRUE(pipeline.RunToEos()) << pipeline.Error();
+    GstElement* sink = pipeline.Element("display_sink");
+    EXPECT_EQ(FramesShown(sink), 0u);
+    EXPECT_FALSE(LastSample(sink));
+    guint64 dropped = 0;
+    g_object_get(sink, "frames-dropped", &dropped, nullptr);
+    EXPECT_EQ(dropped, 8u);
+}
+
+TEST(ImxIpuVideoSink, DropFramesCanBeSwitchedWhilePlaying)
+{
+    TestPipeline pipeline("appsrc name=in format=time caps=video/x-raw,format=BGRA,width=64,height=48,"
+                          "framerate=30/1 ! imxipuvideosink name=display_sink sync=false");
+    ASSERT_TRUE(pipeline.Parsed()) << pipeline.ParseError();
+    ASSERT_NE(pipeline.Play(), GST_STATE_CHANGE_FAILURE);
+    GstAppSrc* source = GST_APP_SRC(pipeline.Element("in"));
+    GstElement* sink = pipeline.Element("display_sink");
+    guint64 pushed = 0;
+    auto push = [&](int count, guint64 expected_shown) {
+        for (int i = 0; i < count; ++i)
+            gst_app_src_push_buffer(source, gst_buffer_new_allocate(nullptr, 64 * 48 * 4, nullptr));
+        pushed += static_cast<guint64>(count);
+        // Bounded wait until the sink has taken every frame, shown or dropped.
+        guint64 dropped = 0;
+        for (int tries = 0; tries < 500; ++tries) {
+            g_object_get(sink, "frames-dropped", &dropped, nullptr);
+            if (FramesShown(sink) + dropped == pushed)
+                break;
+            g_usleep(10000);
+        }
+        EXPECT_EQ(FramesShown(sink), expected_shown);
+        EXPECT_EQ(FramesShown(sink) + dropped, pushed);
+    };
+    push(3, 3);
+    g_object_set(sink, "drop-frames", TRUE, nullptr);
+    push(4, 3);
+    g_object_set(sink, "drop-frames", FALSE, nullptr);
+    push(2, 5);
+    gst_app_src_end_of_stream(source);
+    EXPECT_TRUE(pipeline.WaitForEos()) << pipeline.Error();
+    EXPECT_EQ(FramesShown(sink), 5u);
+}
+
+TEST(ImxIpuVideoSink, ShowsADecodedStillPictureWithOutputRotationFive)
+{
+    TempFile picture(".jpg");
+    {
+        TestPipeline encode(
+            "videotestsrc num-buffers=1 ! video/x-raw,width=320,height=240 ! jpegenc ! filesink "
+            "location="
+            + picture.Path());
+        ASSERT_TRUE(encode.RunToEos()) << encode.Error();
+    }
+    TestPipeline pipeline("filesrc name=jpeg_playback_source location=" + picture.Path()
+        + " ! jpegdec ! imxipuvideosink name=jpeg_playback_sink output-rotation=5");
+    ASSERT_TRUE(pipeline.Parsed()) << pipeline.ParseError();
+    ASSERT_TRUE(pipeline.RunToEos()) << pipeline.Error();
+    GstElement* sink = pipeline.Element("jpeg_playback_sink");
+    EXPECT_EQ(FramesShown(sink), 1u);
+    gint rotation = -1;
+    g_object_get(sink, "output-rotation", &rotation, nullptr);
+    EXPECT_EQ(rotation, 5);
+    g_object_set(sink, "output-rotation", 0, nullptr);
+    g_object_get(sink, "output-rotation", &rotation, nullptr);
+    EXPECT_EQ(rotation, 0);
+}
+
+TEST(ImxIpuVideoSink, PanelSettingsHaveTheirDefaults)
+{
+    gst_init(nullptr, nullptr);
+    ElementPtr sink(GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("imxipuvideosink", nullptr))));
+    ASSERT_TRUE(sink);
+    gboolean drop = TRUE, vsync = TRUE, aspect = FALSE, qos = FALSE;
+    g_object_get(sink.get(), "drop-frames", &drop, "use-vsync", &vsync, "force-aspect-ratio", &aspect, "qos",
+        &qos, nullptr);
+    EXPECT_FALSE(drop);
+    EXPECT_FALSE(vsync);
+    EXPECT_TRUE(aspect);
+    EXPECT_TRUE(qos);
+    GParamSpec* shown = g_object_class_find_property(G_OBJECT_GET_CLASS(sink.get()), "frames-shown");
+    ASSERT_NE(shown, nullptr);
+    EXPECT_FALSE(shown->flags & G_PARAM_WRITABLE);
+}

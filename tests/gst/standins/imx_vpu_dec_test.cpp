@@ -1,0 +1,71 @@
+// The decoder stand-in: JPEG and H.264 back to raw pictures.
+#include "imx_test_pipeline.h"
+
+#include <gtest/gtest.h>
+
+using namespace ImxTest;
+
+namespace
+{
+
+// Mean of the luma plane of an I420 sample.
+double MeanLuma(GstSample* sample)
+{
+    GstVideoInfo info;
+    gst_video_info_from_caps(&info, gst_sample_get_caps(sample));
+    GstVideoFrame frame;
+    if (!gst_video_frame_map(&frame, &info, gst_sample_get_buffer(sample), GST_MAP_READ))
+        return -1;
+    double sum = 0;
+    const auto* plane = static_cast<const guint8*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, 0));
+    const int stride = GST_VIDEO_FRAME_PLANE_STRIDE(&frame, 0);
+    for (int y = 0; y < GST_VIDEO_INFO_HEIGHT(&info); ++y)
+        for (int x = 0; x < GST_VIDEO_INFO_WIDTH(&info); ++x)
+            sum += plane[y * stride + x];
+    gst_video_frame_unmap(&frame);
+    return sum / (GST_VIDEO_INFO_WIDTH(&info) * GST_VIDEO_INFO_HEIGHT(&info));
+}
+
+const char* kSource
+    = "videotestsrc num-buffers=10 pattern=smpte ! "
+      "video/x-raw,format=I420,width=640,height=480,framerate=30000/1001 ! tee name=t "
+      "t. ! queue ! appsink name=original sync=false wait-on-eos=false max-buffers=20 t. ! queue ! ";
+
+} // namespace
+
+TEST(ImxVpuDec, DecodesJpegToI420CloseToTheOriginal)
+{
+    TestPipeline pipeline(std::string(kSource)
+        + "jpegenc quality=90 ! image/jpeg, width=640,height=480,framerate=30000/1001 ! imxvpudec ! "
+          "video/x-raw, format=I420,width=640,height=480 ! appsink name=decoded sync=false "
+          "max-buffers=20");
+    ASSERT_TRUE(pipeline.Parsed()) << pipeline.ParseError();
+    ASSERT_NE(pipeline.Play(), GST_STATE_CHANGE_FAILURE);
+    SamplePtr original = pipeline.Pull("original");
+    SamplePtr decoded = pipeline.Pull("decoded");
+    ASSERT_TRUE(original);
+    ASSERT_TRUE(decoded);
+    EXPECT_NEAR(MeanLuma(decoded.get()), MeanLuma(original.get()), 2.0);
+}
+
+TEST(ImxVpuDec, DecodesEveryH264FrameOfTheEncoderStandIn)
+{
+    TestPipeline pipeline(std::string(kSource)
+        + "imxvpuenc_h264 quant-param=20 ! h264parse ! video/x-h264,stream-format=avc,alignment=au ! "
+          "imxvpudec ! video/x-raw, format=I420 ! appsink name=decoded sync=false wait-on-eos=false "
+          "max-buffers=20");
+    ASSERT_TRUE(pipeline.Parsed()) << pipeline.ParseError();
+    ASSERT_TRUE(pipeline.RunToEos()) << pipeline.Error();
+    int frames = 0;
+    SamplePtr first_original = pipeline.Pull("original", GST_SECOND);
+    SamplePtr first_decoded;
+    while (SamplePtr sample = pipeline.Pull("decoded", GST_SECOND)) {
+        if (!first_decoded)
+            first_decoded = std::move(sample);
+        ++frames;
+    }
+    EXPECT_EQ(frames, 10);
+    ASSERT_TRUE(first_original);
+    ASSERT_TRUE(first_decoded);
+    EXPECT_NEAR(MeanLuma(first_decoded.get()), MeanLuma(first_original.get()), 2.0);
+}
