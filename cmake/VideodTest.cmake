@@ -14,6 +14,11 @@ set(VIDEOD_TEST_ENV
     "GST_REGISTRY_FORK=no"
     "VIDEOD_SOURCE_DIR=${CMAKE_SOURCE_DIR}"
     "VIDEOD_BINARY_DIR=${CMAKE_BINARY_DIR}")
+if(CMAKE_CROSSCOMPILING)
+  # Under emulation the target's own plug-ins live in the sysroot.
+  list(APPEND VIDEOD_TEST_ENV
+       "GST_PLUGIN_SYSTEM_PATH=${CMAKE_SYSROOT}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/gstreamer-1.0")
+endif()
 
 function(videod_add_tests)
   cmake_parse_arguments(ARG "" "LABEL" "LIBS;SERIAL" ${ARGN})
