@@ -129,6 +129,55 @@ TEST_F(Peers, SettingsPublishesEverySectionWithTypedDefaults)
     EXPECT_EQ("error", Get(kSettings, kSettingsPath + "/nosuchsection", kSettings, "hue"));
 }
 
+TEST_F(Peers, SettingsHoldsEveryKeyTheDaemonReadsWithItsType)
+{
+    ASSERT_TRUE(StartPeer("settings")) << LastError();
+    struct Key {
+        const char* section;
+        const char* key;
+        const char* type;
+    };
+    const Key keys[] = { { "videoRecording", "h264EncodingBitrate", "u" },
+        { "videoRecording", "h264EncodingGop", "u" }, { "videoRecording", "h264EncodingQuantization", "u" },
+        { "autologRecording", "h264EncodingBitrate", "u" }, { "autologRecording", "h264EncodingGop", "u" },
+        { "autologRecording", "h264EncodingQuantization", "u" }, { "video", "deinterlaceMethod", "s" },
+        { "video", "rotationOverrideAngle", "i" }, { "video", "rotationEnabled", "b" },
+        { "development", "maxTiltAngle", "i" }, { "video", "maximumFilesize", "t" },
+        { "capture", "jpegImageQuality", "u" }, { "video", "sharpen", "b" },
+        { "video", "sharpenAmount", "d" }, { "overlay", "recordTemplate", "s" },
+        { "overlay", "displayTemplate", "s" }, { "overlay", "mode", "s" }, { "overlay", "enableDate", "b" },
+        { "overlay", "enableTime", "b" }, { "overlay", "enablePlumbline", "b" },
+        { "overlay", "enableCount", "b" }, { "overlay", "enableUserText", "b" },
+        { "development", "renderFramerate", "b" }, { "development", "pipelineMetricsEnabled", "b" },
+        { "video", "dslBackgroundMode", "u" }, { "overlay", "overlayDateFormat", "s" },
+        { "overlay", "overlayTimeFormat", "s" }, { "overlay", "overlayReelCountDecimalMark", "s" },
+        { "overlay", "userTextFontSize", "u" }, { "overlay", "dateTimeFontSize", "u" },
+        { "overlay", "countFontSize", "u" }, { "reel", "distanceUnits", "s" },
+        { "motionDetection", "dynamicTilingEnabled", "b" }, { "motionDetection", "detectionPeriod", "u" },
+        { "audio", "micEnabled", "b" }, { "video", "zoomLevelsDsl", "ad" },
+        { "video", "zoomLevelsNonDsl", "ad" }, { "video", "dslMaxZoomIn", "u" },
+        { "video", "dslZoomPeriod", "u" }, { "video", "dslZoomDelay", "u" },
+        { "video", "dslHysteresis", "d" }, { "video", "dslAutoZoomOverride", "b" },
+        { "video", "rotationSteps", "s" }, { "video", "rotationThreshold", "i" },
+        { "video", "rotationAfterNumFrames", "i" }, { "video", "rollFilterCoeffs", "s" },
+        { "video", "dslAnimationDuration", "u" }, { "capture", "autogain", "b" },
+        { "capture", "brightness", "i" }, { "capture", "contrast", "i" }, { "capture", "hue", "i" },
+        { "capture", "saturation", "i" } };
+    for (const Key& k : keys) {
+        SdBusError error;
+        sd_bus_message* raw = nullptr;
+        int r = sd_bus_get_property(Bus(), kSettings.c_str(), (kSettingsPath + "/" + k.section).c_str(),
+            kSettings.c_str(), k.key, error.get(), &raw, k.type);
+        SdBusMessagePtr reply(raw);
+        ASSERT_GE(r, 0) << k.section << "/" << k.key << ": " << error.Text();
+        char type = 0;
+        const char* contents = nullptr;
+        // The reply is already inside the variant, whose type sd_bus_get_property has checked.
+        ASSERT_GE(sd_bus_message_peek_type(reply.get(), &type, &contents), 0);
+        EXPECT_EQ(k.type, std::string(1, type) + (contents ? contents : "")) << k.section << "/" << k.key;
+    }
+}
+
 TEST_F(Peers, SettingsAcceptsWritesOfTheRightTypeAndAnnouncesEach)
 {
     ASSERT_TRUE(StartPeer("settings")) << LastError();
