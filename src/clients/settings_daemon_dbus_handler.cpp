@@ -161,7 +161,7 @@ int32_t SettingsDaemonDbusHandler::CallResetMethod(
     }
     if (r < 0)
         Error("%s:sd_bus_call_method call failed (r = %d)", caller, r);
-    return r;
+    return r < 0 ? r : 0;
 }
 
 int32_t SettingsDaemonDbusHandler::ResetToDefaults(bool value)
