@@ -1,10 +1,11 @@
 // imxipuvideosink: the display of the PC stand-in. It consumes frames at the
 // rate they come (or on the clock with sync=true), counts the frames it shows
 // and keeps the last one, so that a test can see what the panel would show:
-// "frames-shown" and "last-sample". With "drop-frames" set, frames are taken
-// and thrown away without being shown. The panel settings ("output-rotation",
-// "use-vsync", "force-aspect-ratio") are kept as given; nothing is drawn on
-// screen.
+// "frames-shown" and "last-sample". The last sample is the picture as the
+// panel shows it: turned or flipped by "output-rotation" (except for the
+// packed 4:2:2 formats, which are kept as they come). With "drop-frames" set,
+// frames are taken and thrown away without being shown. "use-vsync" and
+// "force-aspect-ratio" are kept as given; nothing is drawn on screen.
 //
 // Example: gst-launch-1.0 videotestsrc ! imxipuvideosink sync=false output-rotation=5
 #include "imx_ipu_video_sink.h"
@@ -12,6 +13,8 @@
 #include "imx_owned.h"
 
 #include <gst/video/video.h>
+
+#include <cstring>
 
 using namespace ImxStandIn;
 
@@ -66,13 +69,111 @@ GST_ELEMENT_REGISTER_DEFINE(imxipuvideosink, "imxipuvideosink", GST_RANK_NONE, I
 namespace
 {
 
+bool SwapsSides(gint rotation)
+{
+    return rotation == 1 || rotation == 3 || rotation == 6 || rotation == 7;
+}
+
+// Where the pixel at (x, y) of the picture on the panel comes from.
+void SourcePixel(gint rotation, int x, int y, int width, int height, int* sx, int* sy)
+{
+    switch (rotation) {
+    case 1: // 90 degrees clockwise
+        *sx = y, *sy = height - 1 - x;
+        break;
+    case 2: // 180 degrees
+        *sx = width - 1 - x, *sy = height - 1 - y;
+        break;
+    case 3: // 90 degrees counter-clockwise
+        *sx = width - 1 - y, *sy = x;
+        break;
+    case 4: // horizontal flip
+        *sx = width - 1 - x, *sy = y;
+        break;
+    case 5: // vertical flip
+        *sx = x, *sy = height - 1 - y;
+        break;
+    case 6: // upper-left diagonal
+        *sx = y, *sy = x;
+        break;
+    case 7: // upper-right diagonal
+        *sx = width - 1 - y, *sy = height - 1 - x;
+        break;
+    default:
+        *sx = x, *sy = y;
+        break;
+    }
+}
+
+// The frame as the rotated panel shows it, or null when the format cannot be
+// rotated pixel by pixel (pairs of pixels sharing chroma in one word).
+SamplePtr RotatedSample(GstBuffer* buffer, GstCaps* caps, const GstSegment* segment, gint rotation)
+{
+    GstVideoInfo in_info;
+    if (!caps || !gst_video_info_from_caps(&in_info, caps))
+        return nullptr;
+    const GstVideoFormatInfo* finfo = in_info.finfo;
+    if (GST_VIDEO_FORMAT_INFO_IS_COMPLEX(finfo) || GST_VIDEO_INFO_FORMAT(&in_info) == GST_VIDEO_FORMAT_UYVY
+        || GST_VIDEO_INFO_FORMAT(&in_info) == GST_VIDEO_FORMAT_YUY2)
+        return nullptr;
+    // Sideways turns need the same subsampling across and down.
+    if (SwapsSides(rotation) && finfo->w_sub[1] != finfo->h_sub[1])
+        return nullptr;
+    GstVideoInfo out_info;
+    const int width = GST_VIDEO_INFO_WIDTH(&in_info);
+    const int height = GST_VIDEO_INFO_HEIGHT(&in_info);
+    gst_video_info_set_format(&out_info, GST_VIDEO_INFO_FORMAT(&in_info),
+        SwapsSides(rotation) ? height : width, SwapsSides(rotation) ? width : height);
+    BufferPtr rotated(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&out_info), nullptr));
+    {
+        MappedFrame in(&in_info, buffer, GST_MAP_READ);
+        MappedFrame out(&out_info, rotated.get(), GST_MAP_WRITE);
+        if (!in.Ok() || !out.Ok())
+            return nullptr;
+        for (guint p = 0; p < GST_VIDEO_INFO_N_PLANES(&in_info); ++p) {
+            gint comps[GST_VIDEO_MAX_COMPONENTS];
+            gst_video_format_info_component(finfo, p, comps);
+            const int pixel = GST_VIDEO_FRAME_COMP_PSTRIDE(in.Get(), comps[0]);
+            const int plane_width = GST_VIDEO_FRAME_COMP_WIDTH(in.Get(), comps[0]);
+            const int plane_height = GST_VIDEO_FRAME_COMP_HEIGHT(in.Get(), comps[0]);
+            const int out_width = GST_VIDEO_FRAME_COMP_WIDTH(out.Get(), comps[0]);
+            const int out_height = GST_VIDEO_FRAME_COMP_HEIGHT(out.Get(), comps[0]);
+            const auto* src = static_cast<const guint8*>(GST_VIDEO_FRAME_PLANE_DATA(in.Get(), p));
+            auto* dst = static_cast<guint8*>(GST_VIDEO_FRAME_PLANE_DATA(out.Get(), p));
+            const int src_stride = GST_VIDEO_FRAME_PLANE_STRIDE(in.Get(), p);
+            const int dst_stride = GST_VIDEO_FRAME_PLANE_STRIDE(out.Get(), p);
+            for (int y = 0; y < out_height; ++y) {
+                for (int x = 0; x < out_width; ++x) {
+                    int sx = 0, sy = 0;
+                    SourcePixel(rotation, x, y, plane_width, plane_height, &sx, &sy);
+                    memcpy(dst + y * dst_stride + x * pixel, src + sy * src_stride + sx * pixel,
+                        static_cast<size_t>(pixel));
+                }
+            }
+        }
+    }
+    gst_buffer_copy_into(rotated.get(), buffer, GST_BUFFER_COPY_METADATA, 0, static_cast<gsize>(-1));
+    g_autoptr(GstCaps) out_caps = gst_video_info_to_caps(&out_info);
+    return SamplePtr(gst_sample_new(rotated.get(), out_caps, segment, nullptr));
+}
+
 GstFlowReturn Render(GstBaseSink* sink, GstBuffer* buffer)
 {
     State* s = IMX_IPU_VIDEO_SINK(sink)->state;
-    g_autoptr(GstCaps) caps = gst_pad_get_current_caps(GST_BASE_SINK_PAD(sink));
-    SamplePtr shown(gst_sample_new(buffer, caps, &sink->segment, nullptr));
     GST_OBJECT_LOCK(sink);
-    if (s->drop_frames) {
+    const gint rotation = s->rotation;
+    const bool drop = s->drop_frames;
+    GST_OBJECT_UNLOCK(sink);
+    SamplePtr shown;
+    if (!drop) {
+        g_autoptr(GstCaps) caps = gst_pad_get_current_caps(GST_BASE_SINK_PAD(sink));
+        if (rotation != kRotationNone)
+            shown = RotatedSample(buffer, caps, &sink->segment, rotation);
+        if (!shown)
+            shown.reset(gst_sample_new(buffer, caps, &sink->segment, nullptr));
+    }
+    GST_OBJECT_LOCK(sink);
+    if (drop) {
         ++s->frames_dropped;
     } else {
         ++s->frames_shown;

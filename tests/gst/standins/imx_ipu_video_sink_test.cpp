@@ -140,3 +140,48 @@ TEST(ImxIpuVideoSink, PanelSettingsHaveTheirDefaults)
     ASSERT_NE(shown, nullptr);
     EXPECT_FALSE(shown->flags & G_PARAM_WRITABLE);
 }
+
+TEST(ImxIpuVideoSink, LastSampleIsThePictureAsTheRotatedPanelShowsIt)
+{
+    // 64x48 BGRA, white in its top-left pixel only.
+    auto frame = [] {
+        GstBuffer* buffer = gst_buffer_new_allocate(nullptr, 64 * 48 * 4, nullptr);
+        gst_buffer_memset(buffer, 0, 0, 64 * 48 * 4);
+        gst_buffer_memset(buffer, 0, 0xff, 4);
+        return buffer;
+    };
+    struct Case {
+        gint rotation;
+        int width, height, white_x, white_y;
+    };
+    const Case cases[]
+        = { { 0, 64, 48, 0, 0 }, { 5, 64, 48, 0, 47 }, { 2, 64, 48, 63, 47 }, { 1, 48, 64, 47, 0 } };
+    for (const Case& c : cases) {
+        TestPipeline pipeline("appsrc name=in format=time caps=video/x-raw,format=BGRA,width=64,height=48,"
+                              "framerate=30/1 ! imxipuvideosink name=display_sink sync=false output-rotation="
+            + std::to_string(c.rotation));
+        ASSERT_TRUE(pipeline.Parsed()) << pipeline.ParseError();
+        ASSERT_NE(pipeline.Play(), GST_STATE_CHANGE_FAILURE);
+        GstAppSrc* source = GST_APP_SRC(pipeline.Element("in"));
+        gst_app_src_push_buffer(source, frame());
+        gst_app_src_end_of_stream(source);
+        ASSERT_TRUE(pipeline.WaitForEos()) << pipeline.Error();
+
+        SamplePtr last = LastSample(pipeline.Element("display_sink"));
+        ASSERT_TRUE(last);
+        GstVideoInfo info;
+        ASSERT_TRUE(gst_video_info_from_caps(&info, gst_sample_get_caps(last.get())));
+        EXPECT_EQ(GST_VIDEO_INFO_WIDTH(&info), c.width) << "rotation " << c.rotation;
+        EXPECT_EQ(GST_VIDEO_INFO_HEIGHT(&info), c.height) << "rotation " << c.rotation;
+        GstMapInfo map;
+        ASSERT_TRUE(gst_buffer_map(gst_sample_get_buffer(last.get()), &map, GST_MAP_READ));
+        const gsize stride = static_cast<gsize>(GST_VIDEO_INFO_PLANE_STRIDE(&info, 0));
+        const guint8 white = map.data[c.white_y * stride + c.white_x * 4];
+        const guint8 corner = map.data[0];
+        gst_buffer_unmap(gst_sample_get_buffer(last.get()), &map);
+        EXPECT_EQ(white, 0xff) << "rotation " << c.rotation;
+        if (c.rotation != 0) {
+            EXPECT_EQ(corner, 0) << "rotation " << c.rotation;
+        }
+    }
+}

@@ -13,11 +13,11 @@ namespace
 {
 
 // The encode pipeline's chain, fed by a test source and written to an MP4 file.
-std::string EncodeToFile(
-    int frames, const std::string& encoder, const std::string& path, const std::string& pattern = "ball")
+std::string EncodeToFile(int frames, const std::string& encoder, const std::string& path)
 {
-    return "videotestsrc num-buffers=" + std::to_string(frames) + " pattern=" + pattern
-        + " ! video/x-raw, format=BGRA,width=640,height=480,framerate=30000/1001 ! imxipuvideotransform "
+    return "videotestsrc num-buffers=" + std::to_string(frames)
+        + " pattern=ball ! video/x-raw, format=BGRA,width=640,height=480,framerate=30000/1001 ! "
+          "imxipuvideotransform "
           "name=video_video_transform_h264 ! video/x-raw, format=I420 ! "
         + encoder
         + " ! h264parse ! video/x-h264, stream-format=avc,alignment=au,profile=main ! mp4mux ! filesink "
@@ -98,11 +98,44 @@ TEST(ImxVpuEncH264, PlacesIdrFramesEveryIdrIntervalAndIFramesEveryGop)
         EXPECT_EQ(types[i], i % 8 == 0 ? "I" : "P") << "frame " << i;
 }
 
+TEST(ImxVpuEncH264, ASettingChangedWhilePlayingRestartsOnAnIdrFrame)
+{
+    TestPipeline pipeline("appsrc name=in format=time caps=video/x-raw,format=I420,width=320,height=240,"
+                          "framerate=30/1 ! imxvpuenc_h264 name=video_encoder gop-size=100 idr-interval=0 ! "
+                          "appsink name=units sync=false");
+    ASSERT_TRUE(pipeline.Parsed()) << pipeline.ParseError();
+    ASSERT_NE(pipeline.Play(), GST_STATE_CHANGE_FAILURE);
+    GstAppSrc* source = GST_APP_SRC(pipeline.Element("in"));
+    GstElement* encoder = pipeline.Element("video_encoder");
+    // One frame in, one access unit out: whether it is an IDR frame.
+    auto encode = [&](int index) {
+        GstBuffer* frame = gst_buffer_new_allocate(nullptr, 320 * 240 * 3 / 2, nullptr);
+        gst_buffer_memset(frame, 0, static_cast<guint8>(16 + index * 8), 320 * 240 * 3 / 2);
+        GST_BUFFER_PTS(frame) = static_cast<GstClockTime>(index) * GST_SECOND / 30;
+        GST_BUFFER_DURATION(frame) = GST_SECOND / 30;
+        EXPECT_EQ(gst_app_src_push_buffer(source, frame), GST_FLOW_OK);
+        SamplePtr unit = pipeline.Pull("units");
+        EXPECT_TRUE(unit) << "frame " << index;
+        return unit && HasIdrSlice(gst_sample_get_buffer(unit.get()));
+    };
+    EXPECT_TRUE(encode(0));
+    EXPECT_FALSE(encode(1));
+    EXPECT_FALSE(encode(2));
+    g_object_set(encoder, "bitrate", 800u, nullptr);
+    EXPECT_TRUE(encode(3));
+    EXPECT_FALSE(encode(4));
+    guint bitrate = 0;
+    g_object_get(encoder, "bitrate", &bitrate, nullptr);
+    EXPECT_EQ(bitrate, 800u);
+}
+
 TEST(ImxVpuEncH264, QuantParamAndBitrateSetTheSizeOfTheStream)
 {
     auto encoded_size = [](const std::string& encoder) {
         TempFile file(".mp4");
-        TestPipeline pipeline(EncodeToFile(15, encoder, file.Path(), "snow"));
+        TestPipeline pipeline("videotestsrc num-buffers=15 pattern=snow ! video/x-raw,format=I420,width=320,"
+                              "height=240,framerate=30/1 ! "
+            + encoder + " ! h264parse ! mp4mux ! filesink location=" + file.Path());
         EXPECT_TRUE(pipeline.RunToEos()) << pipeline.Error();
         return FileSize(file.Path());
     };
