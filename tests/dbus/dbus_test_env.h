@@ -61,7 +61,9 @@ struct SdBusError {
 //   "settings"  com.tarnwell.common.Settings1        "storage"   com.tarnwell.common.StorageDaemon1
 //   "helm"      com.tarnwell.common.Helm1            "camd"      com.tarnwell.common.Camd1
 //   "display"   com.tarnwell.common.Display1         "remotecam" com.tarnwell.common.RemoteCamMonitor1
-// Subclasses that override SetUp must call DbusTestEnv::SetUp() first.
+// The bus daemon and the peers are children of the thread that creates the fixture and are sent SIGTERM
+// when it ends, so a crashed test leaves nothing running. Subclasses that override SetUp must call
+// DbusTestEnv::SetUp() first.
 class DbusTestEnv : public ::testing::Test
 {
 public:
@@ -91,8 +93,6 @@ public:
             return;
         }
         _TempDir = pattern;
-        // Adopt the forked bus daemon so it can be reaped at teardown.
-        prctl(PR_SET_CHILD_SUBREAPER, 1);
         StartBus();
     }
 
@@ -103,16 +103,8 @@ public:
         _Slots.clear();
         _Queue.clear();
         _Bus.reset();
-        if (_DaemonPid > 0) {
-            kill(_DaemonPid, SIGTERM);
-            for (int i = 0;
-                 i < 200 && waitpid(_DaemonPid, nullptr, WNOHANG) != _DaemonPid && ProcessAlive(_DaemonPid);
-                 ++i)
-                std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            if (ProcessAlive(_DaemonPid))
-                kill(_DaemonPid, SIGKILL);
-            waitpid(_DaemonPid, nullptr, WNOHANG);
-        }
+        if (_DaemonPid > 0)
+            StopProcess(_DaemonPid, false);
         if (_HadAddress)
             setenv("DBUS_SESSION_BUS_ADDRESS", _PreviousAddress.c_str(), 1);
         else
@@ -177,18 +169,7 @@ protected:
             return false;
         pid_t pid = it->second;
         _Peers.erase(it);
-        kill(-pid, SIGTERM);
-        int status = 0;
-        bool reaped = false;
-        for (int i = 0; i < 300 && !reaped; ++i) {
-            reaped = waitpid(pid, &status, WNOHANG) == pid;
-            if (!reaped)
-                std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        if (!reaped) {
-            kill(-pid, SIGKILL);
-            waitpid(pid, &status, 0);
-        }
+        StopProcess(pid, true);
         return WaitForName(PeerBusNames().at(peer), false);
     }
 
@@ -320,16 +301,17 @@ private:
         return 0;
     }
 
-    // The forked bus daemon is not our child: once it has exited it may linger as a zombie until
-    // whoever adopted it reaps it, so a zombie counts as gone.
-    static bool ProcessAlive(pid_t pid)
+    // SIGTERM (to the whole process group when group is true), a bounded wait, then SIGKILL.
+    static void StopProcess(pid_t pid, bool group)
     {
-        std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-        std::string text;
-        if (!std::getline(stat, text))
-            return false;
-        auto close = text.rfind(')');
-        return close != std::string::npos && close + 2 < text.size() && text[close + 2] != 'Z';
+        kill(group ? -pid : pid, SIGTERM);
+        for (int i = 0; i < 300; ++i) {
+            if (waitpid(pid, nullptr, WNOHANG) == pid)
+                return;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        kill(group ? -pid : pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
     }
 
     std::string PeerLogPath(const std::string& peer) const { return _TempDir + "/" + peer + ".log"; }
@@ -342,9 +324,14 @@ private:
             args.push_back(const_cast<char*>(arg.c_str()));
         args.push_back(nullptr);
         int log = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        pid_t parent = getpid();
         pid_t pid = fork();
         if (pid == 0) {
             setpgid(0, 0);
+            // Die with the test even when it crashes and never reaches teardown.
+            prctl(PR_SET_PDEATHSIG, SIGTERM);
+            if (getppid() != parent)
+                _exit(127);
             int devnull = open("/dev/null", O_RDONLY);
             dup2(devnull, 0);
             dup2(outFd ? *outFd : log, 1);
@@ -367,15 +354,15 @@ private:
         int fds[2];
         if (pipe2(fds, O_CLOEXEC) < 0)
             return;
-        pid_t pid = Spawn({ "dbus-daemon", "--session", "--fork", "--print-address=1", "--print-pid=1",
-                              "--address=" + address },
-            _TempDir + "/dbus-daemon.log", &fds[1]);
+        pid_t pid
+            = Spawn({ "dbus-daemon", "--session", "--nofork", "--print-address=1", "--address=" + address },
+                _TempDir + "/dbus-daemon.log", &fds[1]);
         close(fds[1]);
-        // The forked daemon may keep the pipe open: read two lines, not to the end.
+        // The daemon stays our child (so it dies with us) and keeps the pipe open: read one line.
         std::string text;
         auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
-        while (pid > 0 && std::count(text.begin(), text.end(), '\n') < 2
-            && std::chrono::steady_clock::now() < deadline) {
+        while (
+            pid > 0 && text.find('\n') == std::string::npos && std::chrono::steady_clock::now() < deadline) {
             pollfd pfd { fds[0], POLLIN, 0 };
             if (poll(&pfd, 1, 100) <= 0)
                 continue;
@@ -386,14 +373,9 @@ private:
             text.append(buffer, static_cast<size_t>(n));
         }
         close(fds[0]);
-        if (pid > 0)
-            waitpid(pid, nullptr, 0);
-        std::istringstream lines(text);
-        std::string pidLine;
-        std::getline(lines, _Address);
-        std::getline(lines, pidLine);
-        _DaemonPid = static_cast<pid_t>(atoi(pidLine.c_str()));
-        if (_Address.empty() || _DaemonPid <= 0) {
+        _DaemonPid = pid;
+        _Address = text.substr(0, text.find('\n'));
+        if (_Address.empty() || text.find('\n') == std::string::npos) {
             _Error = "dbus-daemon did not start: " + text;
             return;
         }
