@@ -1,0 +1,176 @@
+// Camera daemon client against the simulated camera daemon on a private bus.
+#include <glib.h>
+
+#include <any>
+#include <chrono>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "clients/camera_daemon_object.h"
+#include "dbus-helper/dbus_listener.h"
+#include "dbus/dbus_test_env.h"
+#include "log_capture.h"
+
+using Camerad::CameraDaemonObject;
+using Camerad::CameraObject;
+using Camerad::TilingCameraMode;
+using VideoDaemon::Log::kError;
+
+namespace
+{
+
+const char* const kService = "com.tarnwell.common.Camd1";
+const std::string kBase = "/com/tarnwell/common/Camd1";
+const char* const kSim = "com.tarnwell.host.Simulation";
+
+bool RunLoopUntil(const std::function<bool()>& done, int timeoutMs = 5000)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        if (!g_main_context_iteration(nullptr, FALSE))
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+// A connection serviced by the default main context, as the streamer's is.
+class CameraClient : public VideodTest::DbusTestEnv
+{
+protected:
+    void SetUp() override
+    {
+        DbusTestEnv::SetUp();
+        ASSERT_EQ(_Connection.Connect(), 0);
+    }
+    void StartCamd(const std::vector<std::string>& args)
+    {
+        ASSERT_TRUE(StartPeer("camd", args)) << LastError();
+    }
+    sd_bus* ClientBus() const { return _Connection.Bus(); }
+
+    DbusHelper::DbusListener _Connection;
+};
+
+} // namespace
+
+TEST_F(CameraClient, FindsTheCamerasAndTheActiveOne)
+{
+    StartCamd({ "--cameras", "2", "--active", "1", "--features", "Hdr,DigitalSL" });
+    CameraDaemonObject daemon(ClientBus());
+    EXPECT_EQ(daemon.CameraPaths(), (std::vector<std::string> { kBase + "/Camera0", kBase + "/Camera1" }));
+
+    int32_t index = -1;
+    ASSERT_EQ(daemon.GetActiveCameraIndex(index), 0);
+    EXPECT_EQ(index, 1);
+    std::shared_ptr<CameraObject> active = daemon.GetActiveCamera();
+    ASSERT_NE(active, nullptr);
+    EXPECT_EQ(active->Path(), kBase + "/Camera1");
+    EXPECT_EQ(daemon.GetCamera(0)->Path(), kBase + "/Camera0");
+    EXPECT_EQ(daemon.GetCamera(7), nullptr);
+
+    sdbus_utils::PropertyMap features;
+    ASSERT_EQ(active->GetAllProperties(Camerad::CAMERA_FEATURES_INTERFACE, features), 0);
+    EXPECT_EQ(features.size(), 8u);
+    EXPECT_TRUE(std::any_cast<bool>(features.at("Hdr")));
+    EXPECT_TRUE(std::any_cast<bool>(features.at("DigitalSL")));
+    EXPECT_FALSE(std::any_cast<bool>(features.at("Awb")));
+    EXPECT_FALSE(std::any_cast<bool>(features.at("MechanicalSL")));
+    EXPECT_EQ(std::any_cast<int32_t>(active->Properties(Camerad::CAMERA_INTERFACE).at("Index")), 1);
+}
+
+TEST_F(CameraClient, NoActiveCameraGivesAnEmptyPointer)
+{
+    StartCamd({ "--cameras", "1", "--active", "-1" });
+    CameraDaemonObject daemon(ClientBus());
+    EXPECT_EQ(daemon.GetActiveCamera(), nullptr);
+}
+
+TEST_F(CameraClient, FollowsTheActiveIndexAndCamerasComingAndGoing)
+{
+    StartCamd({ "--cameras", "1", "--active", "0" });
+    CameraDaemonObject daemon(ClientBus());
+    std::vector<int32_t> indexes;
+    daemon._ActiveCameraIndexChanged.connect([&](int32_t index) { indexes.push_back(index); });
+
+    std::string out;
+    ASSERT_EQ(Busctl({ "call", kService, kBase, kSim, "AddCamera" }, &out), 0);
+    ASSERT_TRUE(RunLoopUntil([&] { return daemon.CameraPaths().size() == 2; }));
+    ASSERT_EQ(Busctl({ "set-property", kService, kBase, kService, "ActiveCameraIndex", "i", "1" }), 0);
+    ASSERT_TRUE(RunLoopUntil([&] { return !indexes.empty(); }));
+    EXPECT_EQ(indexes, (std::vector<int32_t> { 1 }));
+    ASSERT_NE(daemon.GetActiveCamera(), nullptr);
+    EXPECT_EQ(daemon.GetActiveCamera()->Path(), kBase + "/Camera1");
+
+    ASSERT_EQ(Busctl({ "call", kService, kBase, kSim, "RemoveCamera", "i", "1" }), 0);
+    ASSERT_TRUE(RunLoopUntil([&] { return daemon.CameraPaths().size() == 1 && indexes.size() == 2; }));
+    EXPECT_EQ(indexes.back(), -1);
+    EXPECT_EQ(daemon.GetActiveCamera(), nullptr);
+}
+
+TEST_F(CameraClient, RequestsTilesAndSetsTheTilingMode)
+{
+    StartCamd({ "--cameras", "1", "--active", "0" });
+    CameraDaemonObject daemon(ClientBus());
+    std::shared_ptr<CameraObject> camera = daemon.GetActiveCamera();
+    ASSERT_NE(camera, nullptr);
+
+    ASSERT_EQ(
+        Busctl({ "set-property", kService, kBase + "/Camera0", kSim, "RequestTilesReply", "u", "6" }), 0);
+    uint32_t tiles = 0;
+    ASSERT_EQ(camera->RequestTiles(tiles), 0);
+    EXPECT_EQ(tiles, 6u);
+    std::string out;
+    ASSERT_EQ(Busctl({ "get-property", kService, kBase + "/Camera0", kSim, "RequestTilesCount" }, &out), 0);
+    EXPECT_EQ(out, "u 1\n");
+
+    ASSERT_EQ(camera->SetTilingMode(TilingCameraMode::Dynamic), 0);
+    ASSERT_EQ(Busctl({ "get-property", kService, kBase + "/Camera0", "com.tarnwell.common.Camd1.Tiling",
+                         "TilingMode" },
+                  &out),
+        0);
+    EXPECT_EQ(out, "u 2\n");
+    TilingCameraMode mode = TilingCameraMode::Off;
+    ASSERT_EQ(camera->GetTilingMode(mode), 0);
+    EXPECT_EQ(mode, TilingCameraMode::Dynamic);
+}
+
+TEST_F(CameraClient, WithoutTheCameraDaemonOperationsFailWithTheirMessages)
+{
+    LogCapture log;
+    CameraDaemonObject daemon(ClientBus());
+    EXPECT_TRUE(
+        log.ContainsText("Camerad::CameraDaemonObject::CameraDaemonObject(sd_bus*): Failed to fetch managed "
+                         "objects: -"));
+    EXPECT_EQ(daemon.GetActiveCamera(), nullptr);
+    EXPECT_TRUE(log.Contains(kError,
+        "std::shared_ptr<Camerad::CameraObject> Camerad::CameraDaemonObject::"
+        "GetActiveCamera(): d-bus error, failed to get camera idx"));
+
+    CameraObject camera(ClientBus(), kBase + "/Camera0");
+    uint32_t tiles = 9;
+    EXPECT_LT(camera.RequestTiles(tiles), 0);
+    EXPECT_EQ(tiles, 9u);
+    EXPECT_TRUE(log.ContainsText("sd_bus_call_method CAMERA_METHOD_REQUEST_TILES failed (r = -"));
+    EXPECT_LT(camera.SetTilingMode(TilingCameraMode::Static), 0);
+    EXPECT_TRUE(
+        log.ContainsText("int32_t Camerad::CameraObject::SetTilingMode(Camerad::TilingCameraMode): Failed "
+                         "to set TilingMode property, err:org.freedesktop.DBus.Error.ServiceUnknown"));
+}
+
+TEST_F(CameraClient, WithoutABusNothingIsCalled)
+{
+    LogCapture log;
+    CameraDaemonObject daemon(nullptr);
+    int32_t index = 3;
+    EXPECT_LT(daemon.GetActiveCameraIndex(index), 0);
+    EXPECT_EQ(index, 3);
+    EXPECT_TRUE(log.Contains(
+        kError, "int32_t Camerad::CameraDaemonObject::GetActiveCameraIndex(int32_t&): d-bus is NULL"));
+    CameraObject camera(nullptr, kBase + "/Camera0");
+    EXPECT_TRUE(log.Contains(
+        kError, "Camerad::CameraObject::CameraObject(sd_bus*, std::__cxx11::string): Bus ptr is NULL"));
+}
