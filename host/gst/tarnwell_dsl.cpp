@@ -247,7 +247,7 @@ static void tarnwell_dsl_class_init(TarnwellDslClass* klass)
             "sharpen", "Sharpen", "Sharpening in effect (0 off, 1 on)", 0.0, 1.0, 0.0, kWritable));
     g_object_class_install_property(gobject_class, PROP_SHARPEN_AMOUNT,
         g_param_spec_double(
-            "sharpen-amount", "Sharpen amount", "Sharpening strength in effect", 0.0, 10.0, 1.0, kWritable));
+            "sharpen-amount", "Sharpen amount", "Sharpening strength in effect", 0.0, 100.0, 1.0, kWritable));
     g_object_class_install_property(gobject_class, PROP_DSL_AUTO_ZOOM_OVERRIDE,
         g_param_spec_boolean("dsl-auto-zoom-override", "Auto zoom override",
             "Automatic levelling zoom is overridden", FALSE, kWritable));

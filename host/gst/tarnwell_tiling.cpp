@@ -327,12 +327,12 @@ static void tarnwell_tiling_class_init(TarnwellTilingClass* klass)
         g_param_spec_double("pan-x", "Pan X",
             "Horizontal offset of the zoom window's centre in frame widths; clamped to "
             "[pan-x-min, pan-x-max]",
-            -0.5, 0.5, 0.0, kWritable));
+            -G_MAXDOUBLE, G_MAXDOUBLE, 0.0, kWritable));
     g_object_class_install_property(gobject_class, PROP_PAN_Y,
         g_param_spec_double("pan-y", "Pan Y",
             "Vertical offset of the zoom window's centre in frame heights; clamped to "
             "[pan-y-min, pan-y-max]",
-            -0.5, 0.5, 0.0, kWritable));
+            -G_MAXDOUBLE, G_MAXDOUBLE, 0.0, kWritable));
     g_object_class_install_property(gobject_class, PROP_PAN_X_MIN,
         g_param_spec_double(
             "pan-x-min", "Pan X minimum", "Smallest pan-x at the current zoom", -0.5, 0.0, 0.0, kReadOnly));
@@ -364,7 +364,7 @@ static void tarnwell_tiling_class_init(TarnwellTilingClass* klass)
         g_param_spec_boolean("sharpen", "Sharpen", "Sharpen the picture", FALSE, kWritable));
     g_object_class_install_property(gobject_class, PROP_SHARPEN_AMOUNT,
         g_param_spec_double(
-            "sharpen-amount", "Sharpen amount", "Sharpening strength", 0.0, 10.0, 1.0, kWritable));
+            "sharpen-amount", "Sharpen amount", "Sharpening strength", 0.0, 100.0, 1.0, kWritable));
     g_object_class_install_property(gobject_class, PROP_DSL_AUTO_ZOOM_OVERRIDE,
         g_param_spec_boolean("dsl-auto-zoom-override", "Auto zoom override",
             "Override the automatic levelling zoom", FALSE, kWritable));

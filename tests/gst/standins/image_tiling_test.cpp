@@ -150,7 +150,7 @@ TEST(TarnwellTiling, PanLimitsFollowTheZoomAndClampThePan)
 
     g_object_set(gpu, "zoom", 4.0, nullptr);
     EXPECT_DOUBLE_EQ(GetDouble(gpu, "pan-x-max"), 0.375);
-    g_object_set(gpu, "pan-x", 0.5, "pan-y", -0.5, nullptr);
+    g_object_set(gpu, "pan-x", 3.0, "pan-y", -0.5, nullptr);
     EXPECT_DOUBLE_EQ(GetDouble(gpu, "pan-x"), 0.375);
     EXPECT_DOUBLE_EQ(GetDouble(gpu, "pan-y"), -0.375);
 

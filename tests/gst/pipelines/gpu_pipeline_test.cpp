@@ -1,0 +1,368 @@
+// GpuPipeline: range checks, log texts, the element asymmetries, the signal relays and real zoom.
+#include "pipelines/gpu_pipeline.h"
+
+#include <array>
+#include <cstdlib>
+#include <regex>
+
+#include "interpipe_frames.h"
+#include "log_capture.h"
+
+using VideoDaemon::GpuPipeline;
+using VideoDaemon::Log::kError;
+using VideoDaemon::Log::kInfo;
+using VideoDaemon::Log::kWarning;
+
+namespace
+{
+
+class GpuPipelineTest : public ::testing::Test
+{
+protected:
+    static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
+
+    void Launch() { ASSERT_TRUE(gpu.Launch(false, false, false)); }
+
+    // A new reference to an element of the launched pipeline.
+    GstElement* Element(const char* name) { return gst_bin_get_by_name(GST_BIN(gpu.GetPipeline()), name); }
+
+    template <typename T> T Read(const char* element, const char* property)
+    {
+        g_autoptr(GstElement) found = Element(element);
+        T value {};
+        g_object_get(found, property, &value, nullptr);
+        return value;
+    }
+
+    GpuPipeline gpu;
+    LogCapture log;
+};
+
+// A GPU pipeline whose description is replaced, to reach Launch's failure
+// paths.
+class GpuPipelineWithDescription : public GpuPipeline
+{
+public:
+    explicit GpuPipelineWithDescription(std::string text)
+        : text_(std::move(text))
+    {
+    }
+    std::string GetDescription() override { return text_; }
+
+private:
+    std::string text_;
+};
+
+} // namespace
+
+TEST_F(GpuPipelineTest, DescriptionIsTheProcessingChainBetweenTwoInterpipeEnds)
+{
+    const std::string collapsed = std::regex_replace(gpu.GetDescription(), std::regex(" +"), " ");
+    EXPECT_EQ(collapsed,
+        "interpipesrc name=gpu_source format=time stream-sync=0 allow-renegotiation=false max-buffers=1 "
+        "leaky-type=2 ! queue name=gpu_input_queue max-size-buffers=6 leaky=downstream ! "
+        "tarnwell-motion-filter name=motion_filter roll-filter-coeffs=\"1 1\" ! tarnwell-dsl name=dsl "
+        "silent=false plumbline-enabled=false dsl-enabled=false rotation-steps=0 rotation-threshold=7 "
+        "rotation-frames-trigger=15 ! tarnwell-tiling name=gpu background-mode=2 silent=false gpu.src ! "
+        "queue name=gpu_output_queue leaky=downstream max-size-buffers=4 ! interpipesink name=gpu_sink "
+        "max-buffers=1 sync=false forward-events=true");
+    EXPECT_EQ(gpu.GetSourceName(), "gpu_source");
+    EXPECT_EQ(gpu.GetSinkName(), "gpu_sink");
+    EXPECT_EQ(gpu.GetName(), "GpuPipeline");
+    const auto& queues = gpu.GetQueueStates();
+    ASSERT_EQ(queues.size(), 2u);
+    EXPECT_EQ(queues.at("gpu_input_queue"), 0);
+    EXPECT_EQ(queues.at("gpu_output_queue"), 0);
+}
+
+TEST_F(GpuPipelineTest, SettersBeforeLaunchFailWithThePipelineMessage)
+{
+    EXPECT_EQ(gpu.SetZoom(2.0), -1);
+    EXPECT_TRUE(
+        log.Contains(kError, "int VideoDaemon::GpuPipeline::SetZoom(double): pipeline == NULL (gpu)"));
+
+    gpu.SetRotationSteps(1);
+    EXPECT_TRUE(log.Contains(
+        kError, "void VideoDaemon::GpuPipeline::SetRotationSteps(uint32_t): pipeline == NULL (dsl)"));
+    gpu.SetRollFilterCoeffs("1 2 1");
+    EXPECT_TRUE(log.Contains(kError,
+        "void VideoDaemon::GpuPipeline::SetRollFilterCoeffs(const string&): pipeline == NULL "
+        "(motion_filter)"));
+
+    // The sharpening setters name the levelling element in their second
+    // line even though they write to the tiling element.
+    log.Clear();
+    EXPECT_EQ(gpu.SetImageSharpen(true), -1);
+    const std::vector<std::pair<int, std::string>> expected {
+        { kInfo, "[GPU pipeline] Set 'Sharpen': [Enabled]" },
+        { kError, "int VideoDaemon::GpuPipeline::SetImageSharpen(bool): pipeline == NULL (gpu)" },
+        { kError, "[GPU pipeline] Somehow DSL plugin is NULL" },
+    };
+    EXPECT_EQ(log.Lines(), expected);
+
+    log.Clear();
+    EXPECT_EQ(gpu.SetPlumblineEnabled(false), -1);
+    EXPECT_TRUE(log.Contains(kInfo, "[GPU pipeline] Set 'Plumbline': [Disabled]"));
+    EXPECT_TRUE(log.Contains(kError, "[GPU pipeline] Somehow DSL plugin is NULL"));
+    EXPECT_EQ(gpu.SetImageSharpenAmount(0.5), -1);
+    EXPECT_EQ(gpu.SetDslAutoZoomOverride(true), -1);
+    EXPECT_EQ(log.Count(kError, "[GPU pipeline] Somehow DSL plugin is NULL"), 3u);
+
+    EXPECT_FALSE(gpu.EnablePlumblineSignals(true));
+    EXPECT_FALSE(gpu.SetDslAnimationDuration(100));
+    EXPECT_FALSE(gpu.SetDslBackgroundMode(1));
+    EXPECT_FALSE(gpu.SetMaxTiltAngle(30));
+    EXPECT_EQ(gpu.SetPanX(0.1), -1);
+    EXPECT_EQ(gpu.SetDslHysteresis(3), -1);
+    EXPECT_EQ(gpu.GetZoom(), 0.0);
+    EXPECT_FALSE(gpu.GetRotationEnabled());
+    EXPECT_TRUE(log.Contains(kError, "double VideoDaemon::GpuPipeline::GetZoom(): pipeline == NULL (gpu)"));
+}
+
+TEST_F(GpuPipelineTest, ZoomIsCheckedAgainstTheZoomLevels)
+{
+    Launch();
+    EXPECT_EQ(gpu.SetZoom(1.0), 0);
+    EXPECT_EQ(gpu.SetZoom(4.0), 0);
+    EXPECT_DOUBLE_EQ(gpu.GetZoom(), 4.0);
+
+    EXPECT_EQ(gpu.SetZoom(0.99), -1);
+    EXPECT_TRUE(log.Contains(kWarning, "Zoom value of 0.990000 is out of range (1.000000 - 4.000000)"));
+    EXPECT_EQ(gpu.SetZoom(4.01), -1);
+    EXPECT_TRUE(log.Contains(kWarning, "Zoom value of 4.010000 is out of range (1.000000 - 4.000000)"));
+    EXPECT_DOUBLE_EQ(gpu.GetZoom(), 4.0);
+    EXPECT_DOUBLE_EQ(gpu.GetZoomMin(), 1.0);
+    EXPECT_DOUBLE_EQ(gpu.GetZoomMax(), 4.0);
+}
+
+TEST_F(GpuPipelineTest, DslMaxZoomInAcceptsDownTo095ThoughItsMessageNames099)
+{
+    Launch();
+    EXPECT_EQ(gpu.SetDslMaxZoomIn(0.96), 0);
+    EXPECT_DOUBLE_EQ(Read<double>("gpu", "max-dsl-zoom-in"), 0.96);
+    // Read back through the limit in effect, not the written property.
+    EXPECT_DOUBLE_EQ(gpu.GetDslMaxZoomIn(), 0.96);
+    EXPECT_EQ(gpu.SetDslMaxZoomIn(1.75), 0);
+
+    EXPECT_EQ(gpu.SetDslMaxZoomIn(0.94), -1);
+    EXPECT_TRUE(log.Contains(kWarning, "Zoom value of 0.940000 is out of range (.99 - 1.75)"));
+    EXPECT_EQ(gpu.SetDslMaxZoomIn(1.76), -1);
+    EXPECT_TRUE(log.Contains(kWarning, "Zoom value of 1.760000 is out of range (.99 - 1.75)"));
+    EXPECT_DOUBLE_EQ(gpu.GetDslMaxZoomIn(), 1.75);
+}
+
+TEST_F(GpuPipelineTest, RotationSettingsBeyondTheirLimitsChangeNothing)
+{
+    Launch();
+    gpu.SetRotationSteps(2);
+    gpu.SetRotationThreshold(30);
+    gpu.SetRotationNumFrames(240);
+    EXPECT_EQ(gpu.GetRotationSteps(), 2u);
+    EXPECT_EQ(Read<guint>("dsl", "rotation-threshold"), 30u);
+    EXPECT_EQ(Read<guint>("dsl", "rotation-frames-trigger"), 240u);
+    EXPECT_TRUE(log.Lines().empty());
+
+    gpu.SetRotationSteps(3);
+    gpu.SetRotationThreshold(31);
+    gpu.SetRotationNumFrames(241);
+    EXPECT_EQ(gpu.GetRotationSteps(), 2u);
+    EXPECT_EQ(Read<guint>("dsl", "rotation-threshold"), 30u);
+    EXPECT_EQ(Read<guint>("dsl", "rotation-frames-trigger"), 240u);
+    EXPECT_TRUE(log.Contains(kWarning, "Invalid rotations steps mode:3"));
+    EXPECT_TRUE(log.Contains(kWarning, "Rotation is limited to 30 degrees, attempted to set:31"));
+    EXPECT_TRUE(log.Contains(kWarning, "Rotation num frames has max value 240, attempted to set:241"));
+}
+
+TEST_F(GpuPipelineTest, SettersReachTheirElements)
+{
+    Launch();
+    gpu.SetRotationEnabled(true);
+    EXPECT_TRUE(gpu.GetRotationEnabled());
+    gpu.SetRotationOverrideAngle(-90);
+    EXPECT_EQ(gpu.GetRotationOverrideAngle(), -90);
+
+    gpu.SetRollFilterCoeffs("1 2 1");
+    g_autofree gchar* coeffs = Read<gchar*>("motion_filter", "roll-filter-coeffs");
+    EXPECT_STREQ(coeffs, "1 2 1");
+    gpu.SetRollFilterCoeffs("");
+    EXPECT_TRUE(log.Contains(kWarning, "Roll filter coefficients string empty"));
+    g_autofree gchar* kept = Read<gchar*>("motion_filter", "roll-filter-coeffs");
+    EXPECT_STREQ(kept, "1 2 1");
+
+    EXPECT_EQ(gpu.SetDslZoomPeriod(700), 0);
+    EXPECT_EQ(gpu.SetDslZoomDelay(300), 0);
+    EXPECT_EQ(gpu.SetDslHysteresis(5), 0);
+    EXPECT_EQ(Read<guint>("gpu", "dsl-zoom-period"), 700u);
+    EXPECT_EQ(Read<guint>("gpu", "dsl-zoom-delay"), 300u);
+    EXPECT_EQ(Read<guint>("gpu", "dsl-hysteresis"), 5u);
+
+    EXPECT_EQ(gpu.SetPlumblineEnabled(true), 0);
+    EXPECT_TRUE(log.Contains(kInfo, "[GPU pipeline] Set 'Plumbline': [Enabled]"));
+    EXPECT_TRUE(Read<gboolean>("dsl", "plumbline-enabled"));
+    EXPECT_TRUE(gpu.SetDslAnimationDuration(250));
+    EXPECT_EQ(Read<guint>("dsl", "animation-duration"), 250u);
+    EXPECT_TRUE(gpu.SetDslBackgroundMode(1));
+    EXPECT_EQ(Read<guint>("gpu", "background-mode"), 1u);
+    EXPECT_TRUE(gpu.SetMaxTiltAngle(35));
+    EXPECT_EQ(Read<gint>("dsl", "max-tilt-angle"), 35);
+}
+
+TEST_F(GpuPipelineTest, PanIsClampedByTheElementToTheRangeOfTheZoom)
+{
+    Launch();
+    ASSERT_EQ(gpu.SetZoom(2.0), 0);
+    EXPECT_DOUBLE_EQ(gpu.GetPanXMin(), -0.25);
+    EXPECT_DOUBLE_EQ(gpu.GetPanXMax(), 0.25);
+    EXPECT_DOUBLE_EQ(gpu.GetPanYMin(), -0.25);
+    EXPECT_DOUBLE_EQ(gpu.GetPanYMax(), 0.25);
+    EXPECT_EQ(gpu.SetPanX(0.1), 0);
+    EXPECT_EQ(gpu.SetPanY(9.0), 0);
+    EXPECT_DOUBLE_EQ(gpu.GetPanX(), 0.1);
+    EXPECT_DOUBLE_EQ(gpu.GetPanY(), 0.25);
+}
+
+TEST_F(GpuPipelineTest, SharpeningIsWrittenToTilingButReadFromLevelling)
+{
+    Launch();
+    EXPECT_EQ(gpu.SetImageSharpen(true), 0);
+    EXPECT_EQ(gpu.SetImageSharpenAmount(2.5), 0);
+    EXPECT_EQ(gpu.SetDslAutoZoomOverride(true), 0);
+    EXPECT_TRUE(log.Contains(kInfo, "[GPU pipeline] Set 'Sharpen': [Enabled]"));
+    EXPECT_TRUE(log.Contains(kInfo, "[GPU pipeline] Set 'Sharpen Amount': [2.500000]"));
+    EXPECT_TRUE(log.Contains(kInfo, "[GPU pipeline] Set 'DSL Auto Zoom Override': [true]"));
+    EXPECT_TRUE(Read<gboolean>("gpu", "sharpen"));
+    EXPECT_DOUBLE_EQ(Read<double>("gpu", "sharpen-amount"), 2.5);
+    EXPECT_TRUE(Read<gboolean>("gpu", "dsl-auto-zoom-override"));
+
+    // The getters report what the levelling element holds.
+    EXPECT_DOUBLE_EQ(gpu.GetImageSharpen(), 0.0);
+    EXPECT_DOUBLE_EQ(gpu.GetImageSharpenAmount(), Read<double>("dsl", "sharpen-amount"));
+    EXPECT_FALSE(gpu.GetDslAutoZoomOverride());
+    g_autoptr(GstElement) dsl = Element("dsl");
+    g_object_set(dsl, "sharpen", 1.0, "sharpen-amount", 4.0, "dsl-auto-zoom-override", TRUE, nullptr);
+    EXPECT_DOUBLE_EQ(gpu.GetImageSharpen(), 1.0);
+    EXPECT_DOUBLE_EQ(gpu.GetImageSharpenAmount(), 4.0);
+    EXPECT_TRUE(gpu.GetDslAutoZoomOverride());
+}
+
+TEST_F(GpuPipelineTest, ZoomLevelsNeedExactlyThreeValuesAndApplyTheDefault)
+{
+    Launch();
+    ASSERT_EQ(gpu.SetZoom(2.0), 0);
+    log.Clear();
+    gpu.SetZoomLevels({ 1.5f, 1.0f });
+    gpu.SetZoomLevels({ 1.5f, 1.0f, 4.0f, 5.0f });
+    EXPECT_DOUBLE_EQ(gpu.GetZoom(), 2.0);
+    EXPECT_DOUBLE_EQ(gpu.GetZoomMax(), 4.0);
+    EXPECT_TRUE(log.Lines().empty());
+
+    gpu.SetZoomLevels({ 1.5f, 1.25f, 8.0f });
+    EXPECT_DOUBLE_EQ(gpu.GetZoom(), 1.5);
+    EXPECT_DOUBLE_EQ(gpu.GetZoomMin(), 1.25);
+    EXPECT_DOUBLE_EQ(gpu.GetZoomMax(), 8.0);
+    EXPECT_EQ(gpu.SetZoom(6.0), 0);
+    EXPECT_EQ(gpu.SetZoom(1.0), -1);
+}
+
+TEST_F(GpuPipelineTest, EveryLaunchAppliesTheDefaultZoom)
+{
+    gpu.SetZoomLevels({ 2.0f, 1.0f, 4.0f });
+    EXPECT_TRUE(
+        log.Contains(kError, "int VideoDaemon::GpuPipeline::SetZoom(double): pipeline == NULL (gpu)"));
+    Launch();
+    EXPECT_DOUBLE_EQ(gpu.GetZoom(), 2.0);
+    ASSERT_EQ(gpu.SetZoom(3.0), 0);
+    Launch();
+    EXPECT_DOUBLE_EQ(gpu.GetZoom(), 2.0);
+}
+
+TEST_F(GpuPipelineTest, CameraRollOfTheLevellingElementIsRelayed)
+{
+    std::vector<double> rolls;
+    gpu.signal_camera_roll.connect([&rolls](double roll) { rolls.push_back(roll); });
+    Launch();
+    Launch(); // a relaunch connects the new element once
+    g_autoptr(GstElement) dsl = Element("dsl");
+    g_signal_emit_by_name(dsl, "simulate-camera-angles", 17.5, -4.0);
+    EXPECT_EQ(rolls, std::vector<double> { 17.5 });
+    EXPECT_DOUBLE_EQ(gpu.GetCameraRoll(), 17.5);
+    EXPECT_DOUBLE_EQ(gpu.GetCameraTilt(), -4.0);
+    EXPECT_DOUBLE_EQ(gpu.GetDisplayRoll(), 0.0);
+    gpu.SetRotationEnabled(true);
+    EXPECT_DOUBLE_EQ(gpu.GetDisplayRoll(), 17.5);
+}
+
+TEST_F(GpuPipelineTest, PlumblineRelayIsConnectedByEveryEnableAndNeverDisconnected)
+{
+    std::vector<std::array<double, 5>> data;
+    gpu.signal_plumbline_data.connect([&data](double a, double b, double c, double d, double e) {
+        data.push_back({ a, b, c, d, e });
+    });
+    Launch();
+    g_autoptr(GstElement) dsl = Element("dsl");
+    auto fire = [&dsl] { g_signal_emit_by_name(dsl, "simulate-plumbline-data", 1.0, 2.0, 3.0, 4.0, 5.0); };
+
+    fire();
+    EXPECT_TRUE(data.empty());
+    EXPECT_TRUE(gpu.EnablePlumblineSignals(true));
+    fire();
+    ASSERT_EQ(data.size(), 1u);
+    EXPECT_EQ(data[0], (std::array<double, 5> { 1.0, 2.0, 3.0, 4.0, 5.0 }));
+
+    EXPECT_TRUE(gpu.EnablePlumblineSignals(false));
+    fire();
+    EXPECT_EQ(data.size(), 2u);
+    EXPECT_TRUE(gpu.EnablePlumblineSignals(true));
+    fire();
+    EXPECT_EQ(data.size(), 4u);
+}
+
+TEST_F(GpuPipelineTest, LaunchFailsWithoutAPipelineOrALevellingElement)
+{
+    GpuPipelineWithDescription broken("no_such_element_anywhere");
+    EXPECT_FALSE(broken.Launch(false, false, false));
+    EXPECT_TRUE(
+        log.Contains(kError, "virtual bool VideoDaemon::GpuPipeline::Launch(bool, bool, bool): !pipeline"));
+
+    GpuPipelineWithDescription without_dsl("videotestsrc ! tarnwell-tiling name=gpu ! fakesink");
+    EXPECT_FALSE(without_dsl.Launch(false, false, false));
+    const std::vector<std::pair<int, std::string>> tail {
+        { kError, "virtual bool VideoDaemon::GpuPipeline::Launch(bool, bool, bool): element == NULL (dsl)" },
+        { kError, "[GPU Pipeline]: DSL plugin is NULL" },
+    };
+    const auto lines = log.Lines();
+    ASSERT_GE(lines.size(), 2u);
+    const std::vector<std::pair<int, std::string>> last_two(lines.end() - 2, lines.end());
+    EXPECT_EQ(last_two, tail);
+}
+
+TEST_F(GpuPipelineTest, ZoomAndPanCropTheLivePicture)
+{
+    constexpr int kWidth = 64;
+    constexpr int kHeight = 48;
+    FrameProducer input("gpu_test_input", kWidth, kHeight);
+    FrameConsumer output("gpu_sink");
+    Launch();
+    g_autoptr(GstElement) source = Element("gpu_source");
+    g_object_set(source, "listen-to", "gpu_test_input", nullptr);
+    // Not live: it prerolls on the first frame pushed below.
+    ASSERT_EQ(gpu.SetState(GST_STATE_PLAYING, 0), 0);
+    const std::vector<uint8_t> quadrants = QuadrantFrame(kWidth, kHeight);
+
+    auto corner_colours_are = [](const std::vector<uint8_t>& frame, int expected_red, int expected_green) {
+        const Rgba top_left = PixelAt(frame, kWidth, 1, 1);
+        return std::abs(top_left.r - expected_red) < 30 && std::abs(top_left.g - expected_green) < 30;
+    };
+    EXPECT_TRUE(WaitForFrame(input, output, quadrants, [&](const std::vector<uint8_t>& f) {
+        return corner_colours_are(f, 255, 0);
+    })) << "the unzoomed picture shows red at the top left";
+
+    ASSERT_EQ(gpu.SetZoom(2.0), 0);
+    ASSERT_EQ(gpu.SetPanX(gpu.GetPanXMax()), 0);
+    ASSERT_EQ(gpu.SetPanY(gpu.GetPanYMin()), 0);
+    EXPECT_TRUE(WaitForFrame(input, output, quadrants, [&](const std::vector<uint8_t>& f) {
+        return corner_colours_are(f, 0, 255) && PixelAt(f, kWidth, kWidth - 2, kHeight - 2).g > 225
+            && PixelAt(f, kWidth, kWidth - 2, kHeight - 2).r < 30;
+    })) << "zoomed into the top-right quadrant, the whole frame is green";
+    EXPECT_EQ(gpu.SetState(GST_STATE_NULL), 0);
+}

@@ -1,0 +1,241 @@
+// OverlayPipeline: names per instance, the SVG queue of two, the render thread and real drawing.
+#include "pipelines/overlay_pipeline.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <mutex>
+#include <regex>
+#include <thread>
+
+#include "interpipe_frames.h"
+#include "log_capture.h"
+
+using VideoDaemon::OverlayPipeline;
+using VideoDaemon::Log::kError;
+using VideoDaemon::Log::kWarning;
+
+namespace
+{
+
+constexpr int kWidth = 64;
+constexpr int kHeight = 48;
+
+std::string FilledSvg(const char* colour)
+{
+    return std::string("<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"10\" height=\"10\">"
+                       "<rect x=\"0\" y=\"0\" width=\"10\" height=\"10\" fill=\"")
+        + colour + "\"/></svg>";
+}
+
+// An overlay pipeline whose description is replaced, to run the render
+// thread without a pipeline.
+class OverlayWithDescription : public OverlayPipeline
+{
+public:
+    OverlayWithDescription(const std::string& name, std::string text)
+        : OverlayPipeline(name)
+        , text_(std::move(text))
+    {
+    }
+    std::string GetDescription() override { return text_; }
+
+private:
+    std::string text_;
+};
+
+bool WaitForLine(const LogCapture& log, int priority, const std::string& line)
+{
+    for (int i = 0; i < 500; i++) {
+        if (log.Contains(priority, line))
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
+// Holds the render thread inside its first "data" update until opened, and
+// records every document the element receives.
+struct RenderGate {
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool open = false;
+    std::vector<std::string> documents;
+
+    static void OnData(GObject* element, GParamSpec*, gpointer user_data)
+    {
+        auto* gate = static_cast<RenderGate*>(user_data);
+        g_autofree gchar* data = nullptr;
+        g_object_get(element, "data", &data, nullptr);
+        std::unique_lock<std::mutex> lock(gate->mutex);
+        gate->documents.emplace_back(data ? data : "");
+        gate->changed.notify_all();
+        gate->changed.wait(lock, [gate] { return gate->open; });
+    }
+    template <typename Predicate> bool WaitUntil(Predicate predicate)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, std::chrono::seconds(5), [&] { return predicate(documents); });
+    }
+    void Open()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        open = true;
+        changed.notify_all();
+    }
+};
+
+struct GateOpener {
+    RenderGate& gate;
+    ~GateOpener() { gate.Open(); }
+};
+
+class OverlayPipelineTest : public ::testing::Test
+{
+protected:
+    static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
+    LogCapture log;
+};
+
+} // namespace
+
+TEST_F(OverlayPipelineTest, NameIsSplicedIntoInterpipeAndQueueNames)
+{
+    OverlayPipeline display("display");
+    EXPECT_EQ(std::regex_replace(display.GetDescription(), std::regex(" +"), " "),
+        "interpipesrc name=svg_overlay_source_display format=time max-buffers=1 leaky-type=2 ! "
+        "imxipuvideotransform name=video_transform_overlay ! video/x-raw, format=BGRA ! "
+        "rsvgoverlaytarnwell name=svg_overlay fit-to-frame=true enabled=true svg_overlay.src_first ! "
+        "queue name=display_overlay_queue max-size-buffers=1 max-size-time=50000000 leaky=downstream ! "
+        "interpipesink max-buffers=1 sync=false async=false name=svg_overlay_sink_first_display");
+    EXPECT_EQ(display.GetSourceName(), "svg_overlay_source_display");
+    EXPECT_EQ(display.GetSinkName(), "svg_overlay_sink_first_display");
+    EXPECT_EQ(display.GetName(), "OverlayPipeline");
+}
+
+TEST_F(OverlayPipelineTest, EnableOverlayBeforeLaunchFails)
+{
+    OverlayPipeline overlay("display");
+    EXPECT_FALSE(overlay.EnableOverlay(false));
+    EXPECT_TRUE(log.Contains(
+        kError, "bool VideoDaemon::OverlayPipeline::EnableOverlay(bool): pipeline == NULL (svg_overlay)"));
+}
+
+TEST_F(OverlayPipelineTest, EnableOverlaySwitchesTheSvgElement)
+{
+    OverlayPipeline overlay("display");
+    ASSERT_TRUE(overlay.Launch(false, false, false));
+    g_autoptr(GstElement) element = gst_bin_get_by_name(GST_BIN(overlay.GetPipeline()), "svg_overlay");
+    gboolean enabled = TRUE;
+    EXPECT_TRUE(overlay.EnableOverlay(false));
+    g_object_get(element, "enabled", &enabled, nullptr);
+    EXPECT_FALSE(enabled);
+    EXPECT_TRUE(overlay.EnableOverlay(true));
+    g_object_get(element, "enabled", &enabled, nullptr);
+    EXPECT_TRUE(enabled);
+}
+
+TEST_F(OverlayPipelineTest, KeepsAtMostTwoDocumentsAndDropsTheOldest)
+{
+    RenderGate gate;
+    OverlayPipeline overlay("display");
+    GateOpener opener { gate };
+    ASSERT_TRUE(overlay.Launch(false, false, false));
+    g_autoptr(GstElement) element = gst_bin_get_by_name(GST_BIN(overlay.GetPipeline()), "svg_overlay");
+    g_signal_connect(element, "notify::data", G_CALLBACK(&RenderGate::OnData), &gate);
+
+    std::string busy = FilledSvg("#000000");
+    overlay.UpdateSvgData(busy);
+    ASSERT_TRUE(gate.WaitUntil([](const auto& documents) { return documents.size() == 1; }))
+        << "the render thread took the first document";
+
+    std::string first = FilledSvg("#ff0000");
+    std::string second = FilledSvg("#00ff00");
+    std::string third = FilledSvg("#0000ff");
+    overlay.UpdateSvgData(first);
+    overlay.UpdateSvgData(second);
+    EXPECT_TRUE(log.Lines().empty());
+    overlay.UpdateSvgData(third);
+    EXPECT_EQ(log.Count(kWarning,
+                  "void VideoDaemon::OverlayPipeline::UpdateSvgData(std::__cxx11::string&): "
+                  "Reached maximum SVG buffers, drop svg"),
+        1u);
+
+    gate.Open();
+    ASSERT_TRUE(gate.WaitUntil([](const auto& documents) { return documents.size() == 3; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::lock_guard<std::mutex> lock(gate.mutex);
+    EXPECT_EQ(gate.documents,
+        (std::vector<std::string> { FilledSvg("#000000"), FilledSvg("#00ff00"), FilledSvg("#0000ff") }));
+}
+
+TEST_F(OverlayPipelineTest, RenderThreadWithoutAPipelineLogsTheLookupFailure)
+{
+    OverlayWithDescription overlay("display", "no_such_element_anywhere");
+    EXPECT_FALSE(overlay.Launch(false, false, false));
+    std::string svg = FilledSvg("#ff0000");
+    overlay.UpdateSvgData(svg);
+    EXPECT_TRUE(WaitForLine(log, kError,
+        "static void VideoDaemon::OverlayPipeline::RenderTask(VideoDaemon::OverlayPipeline*): "
+        "pipeline == NULL (svg_overlay)"));
+}
+
+TEST_F(OverlayPipelineTest, ASecondLaunchTerminatesTheProcess)
+{
+    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_DEATH(
+        {
+            OverlayWithDescription overlay("display", "fakesrc ! fakesink");
+            overlay.Launch(false, false, false);
+            overlay.Launch(false, false, false);
+        },
+        "");
+}
+
+TEST_F(OverlayPipelineTest, TwoInstancesRunSideBySideAndDrawTheirOwnDocuments)
+{
+    FrameProducer input("overlay_test_input", kWidth, kHeight);
+    OverlayPipeline display("display");
+    OverlayPipeline recording("recording");
+    FrameConsumer display_output(display.GetSinkName());
+    FrameConsumer recording_output(recording.GetSinkName());
+    for (OverlayPipeline* overlay : { &display, &recording }) {
+        ASSERT_TRUE(overlay->Launch(false, false, false));
+        g_autoptr(GstElement) source
+            = gst_bin_get_by_name(GST_BIN(overlay->GetPipeline()), overlay->GetSourceName().c_str());
+        ASSERT_NE(source, nullptr);
+        g_object_set(source, "listen-to", "overlay_test_input", nullptr);
+        ASSERT_EQ(overlay->SetState(GST_STATE_PLAYING), 0);
+    }
+    std::string red = FilledSvg("#ff0000");
+    std::string blue = FilledSvg("#0000ff");
+    display.UpdateSvgData(red);
+    recording.UpdateSvgData(blue);
+
+    const std::vector<uint8_t> picture = QuadrantFrame(kWidth, kHeight);
+    auto all_corners = [](const std::vector<uint8_t>& f, int r, int g, int b) {
+        const std::pair<int, int> corners[]
+            = { { 1, 1 }, { kWidth - 2, 1 }, { 1, kHeight - 2 }, { kWidth - 2, kHeight - 2 } };
+        for (const auto& [x, y] : corners) {
+            const Rgba p = PixelAt(f, kWidth, x, y);
+            if (std::abs(p.r - r) > 10 || std::abs(p.g - g) > 10 || std::abs(p.b - b) > 10)
+                return false;
+        }
+        return true;
+    };
+    EXPECT_TRUE(WaitForFrame(input, display_output, picture, [&](const std::vector<uint8_t>& f) {
+        return all_corners(f, 255, 0, 0);
+    })) << "the display overlay covers the frame in red";
+    EXPECT_TRUE(WaitForFrame(input, recording_output, picture, [&](const std::vector<uint8_t>& f) {
+        return all_corners(f, 0, 0, 255);
+    })) << "the recording overlay covers the frame in blue";
+
+    ASSERT_TRUE(display.EnableOverlay(false));
+    EXPECT_TRUE(WaitForFrame(input, display_output, picture, [&](const std::vector<uint8_t>& f) {
+        return PixelAt(f, kWidth, kWidth - 2, 1).g > 225 && PixelAt(f, kWidth, 1, 1).r > 225
+            && PixelAt(f, kWidth, 1, 1).g < 30;
+    })) << "without the overlay the input shows through";
+
+    display.SetState(GST_STATE_NULL);
+    recording.SetState(GST_STATE_NULL);
+}
