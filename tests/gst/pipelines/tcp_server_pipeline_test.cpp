@@ -1,0 +1,242 @@
+// The live stream server: its description and address, its settings, and the multipart JPEG stream a client
+// reads.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "log_capture.h"
+#include "media_test_support.h"
+#include "pipeline_harness.h"
+#include "pipelines/mjpeg_encode_pipeline.h"
+#include "pipelines/tcp_server_pipeline.h"
+
+using PipelineHarness::DescribedPipeline;
+using PipelineHarness::ElementOf;
+using VideoDaemon::MjpegEncodePipeline;
+using VideoDaemon::TcpServerPipeline;
+
+namespace
+{
+
+// A plain TCP client that splits the stream at the "frame" boundary.
+class StreamClient
+{
+public:
+    explicit StreamClient(int port)
+    {
+        fd_ = socket(AF_INET, SOCK_STREAM, 0);
+        timeval timeout { 1, 0 };
+        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+        sockaddr_in address {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        connected_ = connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    }
+    ~StreamClient()
+    {
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    StreamClient(const StreamClient&) = delete;
+    StreamClient& operator=(const StreamClient&) = delete;
+
+    bool Connected() const { return connected_; }
+
+    // The next whole part: its headers and its body. Empty after 5 s.
+    bool NextPart(std::string& headers, std::vector<uint8_t>& body)
+    {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (std::chrono::steady_clock::now() < deadline) {
+            if (TakePart(headers, body))
+                return true;
+            char chunk[65536];
+            ssize_t got = recv(fd_, chunk, sizeof chunk, 0);
+            if (got == 0)
+                return false;
+            if (got > 0)
+                data_.append(chunk, static_cast<size_t>(got));
+        }
+        return false;
+    }
+
+private:
+    bool TakePart(std::string& headers, std::vector<uint8_t>& body)
+    {
+        static const std::string boundary = "--frame\r\n";
+        size_t start = data_.find(boundary);
+        if (start == std::string::npos)
+            return false;
+        size_t header_end = data_.find("\r\n\r\n", start);
+        if (header_end == std::string::npos)
+            return false;
+        headers = data_.substr(start + boundary.size(), header_end - start - boundary.size());
+        size_t length_at = headers.find("Content-Length: ");
+        if (length_at == std::string::npos) {
+            data_.erase(0, header_end);
+            return false;
+        }
+        size_t length = std::stoul(headers.substr(length_at + 16));
+        size_t body_start = header_end + 4;
+        if (data_.size() < body_start + length)
+            return false;
+        body.assign(data_.begin() + body_start, data_.begin() + body_start + length);
+        data_.erase(0, body_start + length);
+        return true;
+    }
+
+    int fd_ = -1;
+    bool connected_ = false;
+    std::string data_;
+};
+
+// The live picture, the MJPEG encoder and the server, linked as the daemon links them.
+class LiveStream
+{
+public:
+    LiveStream()
+        : picture("videotestsrc is-live=true pattern=red "
+                  "! video/x-raw,format=BGRA,width=640,height=480,framerate=30/1 "
+                  "! interpipesink name=tcp_server_test_picture sync=false async=false",
+            "tcp_server_test_picture")
+    {
+        // Port 0: the system picks a free port, so tests can run side by side.
+        server.SetServerAddress("127.0.0.1", 0);
+        EXPECT_TRUE(picture.Launch(false, true, false));
+        EXPECT_TRUE(mjpeg.Launch(false, true, true));
+        EXPECT_TRUE(server.Launch(false, true, true));
+        EXPECT_TRUE(mjpeg.ListenTo(&picture, "", ""));
+        EXPECT_TRUE(server.ListenTo(&mjpeg, "", ""));
+        EXPECT_EQ(0, server.SetState(GST_STATE_PLAYING, 0));
+        EXPECT_EQ(0, mjpeg.SetState(GST_STATE_PLAYING, 0));
+        EXPECT_EQ(0, picture.SetState(GST_STATE_PLAYING, 0));
+    }
+    ~LiveStream()
+    {
+        picture.SetState(GST_STATE_NULL);
+        mjpeg.SetState(GST_STATE_NULL);
+        server.SetState(GST_STATE_NULL);
+    }
+
+    int Port()
+    {
+        int port = 0;
+        VideoDaemon::GstPtr<GstElement> sink = ElementOf(server, "tcp_server_sink");
+        if (sink)
+            g_object_get(sink.get(), "current-port", &port, nullptr);
+        return port;
+    }
+
+    DescribedPipeline picture;
+    MjpegEncodePipeline mjpeg;
+    TcpServerPipeline server;
+};
+
+} // namespace
+
+TEST(TcpServerPipeline, AppendsTheQuotedHostAndThePortToItsDescription)
+{
+    TcpServerPipeline server;
+    EXPECT_EQ("tcp_server_sink", server.GetSinkName());
+    EXPECT_EQ("tcp_server_source", server.GetSourceName());
+    EXPECT_EQ(0, server.GetQueueStates().at("tcp_server_queue"));
+    const std::string base = server.GetDescription();
+    server.SetServerAddress("0.0.0.0", 4000);
+    EXPECT_EQ(base + " host=\"0.0.0.0\" port=4000", server.GetDescription());
+    ASSERT_TRUE(server.Launch(false, false, false));
+    VideoDaemon::GstPtr<GstElement> sink = ElementOf(server, "tcp_server_sink");
+    ASSERT_TRUE(sink);
+    gchar* host = nullptr;
+    int port = 0;
+    g_object_get(sink.get(), "host", &host, "port", &port, nullptr);
+    VideoDaemon::GCharPtr host_text(host);
+    EXPECT_STREQ("0.0.0.0", host);
+    EXPECT_EQ(4000, port);
+}
+
+TEST(TcpServerPipeline, ServesTheLivePictureAsMultipartJpegFramesOverTcp)
+{
+    LiveStream stream;
+    const int port = stream.Port();
+    ASSERT_GT(port, 0);
+    StreamClient client(port);
+    ASSERT_TRUE(client.Connected());
+
+    std::string headers;
+    std::vector<uint8_t> body;
+    for (int i = 0; i < 3; i++) {
+        ASSERT_TRUE(client.NextPart(headers, body));
+        EXPECT_NE(std::string::npos, headers.find("Content-Type: image/jpeg")) << headers;
+        MediaTest::Picture picture = MediaTest::DecodeJpeg(body);
+        EXPECT_EQ(640, picture.width);
+        EXPECT_EQ(480, picture.height);
+        EXPECT_GT(picture.Mean(0), 200);
+        EXPECT_LT(picture.Mean(1), 60);
+    }
+}
+
+TEST(TcpServerPipeline, ReplacesTheLiveFramesWithTheStaticImageWhileEnabled)
+{
+    MediaTest::ScratchDir dir;
+    const std::string logo = dir.File("logo.jpg");
+    ASSERT_TRUE(MediaTest::WriteJpeg(logo, 640, 480, "blue"));
+    const std::vector<uint8_t> logo_bytes = MediaTest::ReadFile(logo);
+
+    LiveStream stream;
+    VideoDaemon::GstPtr<GstElement> static_jpeg = ElementOf(stream.server, "static_jpeg");
+    ASSERT_TRUE(static_jpeg);
+    g_object_set(static_jpeg.get(), "location", logo.c_str(), nullptr);
+    StreamClient client(stream.Port());
+    ASSERT_TRUE(client.Connected());
+
+    std::string headers;
+    std::vector<uint8_t> body;
+    gboolean silent = FALSE;
+    stream.server.EnableStaticImage(true);
+    g_object_get(static_jpeg.get(), "silent", &silent, nullptr);
+    EXPECT_FALSE(silent);
+    bool shown = false;
+    for (int i = 0; i < 30 && !shown; i++) {
+        ASSERT_TRUE(client.NextPart(headers, body));
+        shown = body == logo_bytes;
+    }
+    EXPECT_TRUE(shown);
+
+    stream.server.EnableStaticImage(false);
+    g_object_get(static_jpeg.get(), "silent", &silent, nullptr);
+    EXPECT_TRUE(silent);
+    bool live = false;
+    for (int i = 0; i < 30 && !live; i++) {
+        ASSERT_TRUE(client.NextPart(headers, body));
+        live = body != logo_bytes && MediaTest::DecodeJpeg(body).Mean(0) > 200;
+    }
+    EXPECT_TRUE(live);
+}
+
+TEST(TcpServerPipeline, SetsTheQueueSizeUncheckedAndLogsAMissingPipeline)
+{
+    LogCapture log;
+    TcpServerPipeline server;
+    server.SetQueueSize(7);
+    EXPECT_EQ(0, server.GetQueueSize());
+    server.EnableStaticImage(true);
+    EXPECT_TRUE(log.Contains(LOG_ERR,
+        "void VideoDaemon::TcpServerPipeline::SetQueueSize(int): pipeline == NULL (tcp_server_sink)"));
+    EXPECT_TRUE(log.Contains(LOG_ERR,
+        "int VideoDaemon::TcpServerPipeline::GetQueueSize() const: pipeline == NULL (tcp_server_sink)"));
+    EXPECT_TRUE(log.Contains(LOG_ERR,
+        "void VideoDaemon::TcpServerPipeline::EnableStaticImage(bool): pipeline == NULL (static_jpeg)"));
+
+    ASSERT_TRUE(server.Launch(false, false, false));
+    server.SetQueueSize(7);
+    EXPECT_EQ(7, server.GetQueueSize());
+    server.SetQueueSize(-1);
+    EXPECT_EQ(-1, server.GetQueueSize());
+}
