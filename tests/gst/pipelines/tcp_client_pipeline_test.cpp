@@ -1,0 +1,235 @@
+// The remote-picture receiver: 640x480 frames from a live stream server, and connection gained and lost
+// reports.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+
+#include "log_capture.h"
+#include "pipeline_harness.h"
+#include "pipelines/mjpeg_encode_pipeline.h"
+#include "pipelines/tcp_client_pipeline.h"
+#include "pipelines/tcp_server_pipeline.h"
+
+using PipelineHarness::Consumer;
+using PipelineHarness::DescribedPipeline;
+using PipelineHarness::ElementOf;
+using PipelineHarness::RunMainLoopFor;
+using PipelineHarness::RunMainLoopUntil;
+using PipelineHarness::SamplePtr;
+using VideoDaemon::MjpegEncodePipeline;
+using VideoDaemon::TcpClientPipeline;
+using VideoDaemon::TcpServerPipeline;
+
+namespace
+{
+
+const char kAcquired[] = "[TcpClientPipeline] Connection acquired!!";
+const char kLost[] = "[TcpClientPipeline] Connection lost!!";
+
+// The sending unit: live picture, MJPEG encoder and stream server on a free port.
+class SendingUnit
+{
+public:
+    SendingUnit()
+        : picture("videotestsrc is-live=true pattern=green "
+                  "! video/x-raw,format=BGRA,width=640,height=480,framerate=30/1 "
+                  "! interpipesink name=tcp_client_test_picture sync=false async=false",
+            "tcp_client_test_picture")
+    {
+        server.SetServerAddress("127.0.0.1", 0);
+        EXPECT_TRUE(picture.Launch(false, true, false));
+        EXPECT_TRUE(mjpeg.Launch(false, true, false));
+        EXPECT_TRUE(server.Launch(false, true, false));
+        EXPECT_TRUE(mjpeg.ListenTo(&picture, "", ""));
+        EXPECT_TRUE(server.ListenTo(&mjpeg, "", ""));
+        EXPECT_EQ(0, picture.SetState(GST_STATE_PLAYING, 0));
+        EXPECT_EQ(0, mjpeg.SetState(GST_STATE_PLAYING, 0));
+        EXPECT_EQ(0, server.SetState(GST_STATE_PLAYING, 0));
+    }
+    ~SendingUnit() { Stop(); }
+
+    int Port()
+    {
+        int port = 0;
+        VideoDaemon::GstPtr<GstElement> sink = ElementOf(server, "tcp_server_sink");
+        if (sink)
+            g_object_get(sink.get(), "current-port", &port, nullptr);
+        return port;
+    }
+    // Closes the server and its client connections.
+    void Stop()
+    {
+        server.SetState(GST_STATE_NULL);
+        mjpeg.SetState(GST_STATE_NULL);
+        picture.SetState(GST_STATE_NULL);
+    }
+
+    DescribedPipeline picture;
+    MjpegEncodePipeline mjpeg;
+    TcpServerPipeline server;
+};
+
+// A TCP server that accepts connections and never sends anything.
+class SilentServer
+{
+public:
+    SilentServer()
+    {
+        fd_ = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        listen(fd_, 4);
+        socklen_t length = sizeof address;
+        getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
+        port_ = ntohs(address.sin_port);
+    }
+    ~SilentServer() { close(fd_); }
+    SilentServer(const SilentServer&) = delete;
+    SilentServer& operator=(const SilentServer&) = delete;
+    uint16_t Port() const { return port_; }
+
+private:
+    int fd_ = -1;
+    uint16_t port_ = 0;
+};
+
+} // namespace
+
+TEST(TcpClientPipeline, ReceivesTheRemotePictureAndReportsConnectionAcquiredAndLostOnce)
+{
+    LogCapture log;
+    SendingUnit unit;
+    ASSERT_GT(unit.Port(), 0);
+
+    TcpClientPipeline client;
+    EXPECT_EQ("tcpclient_video", client.GetSinkName());
+    EXPECT_EQ("tcpclient_source_video", client.GetSourceName());
+    ASSERT_TRUE(client.Launch(false, true, false));
+    std::atomic<int> acquired { 0 };
+    int lost = 0;
+    client.signal_connection_acquired.connect([&] { acquired++; });
+    client.signal_connection_lost.connect([&] { lost++; });
+    client.SetHostPort("127.0.0.1", static_cast<uint16_t>(unit.Port()));
+    EXPECT_TRUE(log.Contains(LOG_INFO, "setting host/port to 127.0.0.1/" + std::to_string(unit.Port())));
+
+    Consumer viewer("tcp_client_test_view");
+    ASSERT_TRUE(viewer.Launch(false, true, false));
+    ASSERT_TRUE(viewer.ListenTo(&client, "", ""));
+    ASSERT_EQ(0, viewer.SetState(GST_STATE_PLAYING, 0));
+    ASSERT_EQ(0, client.SetState(GST_STATE_PLAYING, 0));
+
+    for (int i = 0; i < 3; i++) {
+        SamplePtr sample(viewer.Pull(5000));
+        ASSERT_TRUE(sample);
+        PipelineHarness::VideoFormat format = PipelineHarness::FormatOf(sample.get());
+        EXPECT_EQ(640, format.width);
+        EXPECT_EQ(480, format.height);
+        EXPECT_EQ("RGBA", format.format);
+        GstMapInfo map;
+        GstBuffer* buffer = gst_sample_get_buffer(sample.get());
+        ASSERT_TRUE(gst_buffer_map(buffer, &map, GST_MAP_READ));
+        const uint8_t* centre = map.data + (240 * 640 + 320) * 4;
+        EXPECT_LT(centre[0], 60); // green picture
+        EXPECT_GT(centre[1], 200);
+        gst_buffer_unmap(buffer, &map);
+    }
+    EXPECT_TRUE(client.IsConnected());
+    EXPECT_GT(client.GetBytesReceived(), 0u);
+    EXPECT_EQ(1, acquired.load());
+    EXPECT_EQ(1u, log.Count(LOG_INFO, kAcquired));
+    EXPECT_EQ(0, lost);
+
+    // The server goes away: the stream ends, and the loss is reported once.
+    unit.Stop();
+    ASSERT_TRUE(RunMainLoopUntil([&] { return lost > 0; }, 8000));
+    RunMainLoopFor(300);
+    EXPECT_EQ(1, lost);
+    EXPECT_EQ(1u, log.Count(LOG_ERR, kLost));
+    EXPECT_EQ(1, acquired.load());
+    EXPECT_FALSE(client.IsConnected());
+
+    viewer.SetState(GST_STATE_NULL);
+    client.SetState(GST_STATE_NULL);
+    EXPECT_TRUE(client.TearDown());
+    EXPECT_EQ(0u, client.GetBytesReceived());
+}
+
+TEST(TcpClientPipeline, ReportsNothingWhenTheServerNeverSendsAndGivesUpAfterFiveSeconds)
+{
+    LogCapture log;
+    SilentServer server;
+    TcpClientPipeline client;
+    ASSERT_TRUE(client.Launch(false, true, false));
+    int ended = 0;
+    client.signal_error.connect([&](std::string) { ended++; });
+    client.signal_eos.connect([&] { ended++; });
+    client.SetHostPort("127.0.0.1", server.Port());
+    client.SetState(GST_STATE_PLAYING, 0);
+
+    ASSERT_TRUE(RunMainLoopUntil([&] { return ended > 0; }, 9000));
+    EXPECT_EQ(0u, log.Count(LOG_INFO, kAcquired));
+    EXPECT_EQ(0u, log.Count(LOG_ERR, kLost));
+    EXPECT_EQ(0u, client.GetBytesReceived());
+    client.SetState(GST_STATE_NULL);
+}
+
+TEST(TcpClientPipeline, ConnectsAndDisconnectsItsSignalsOnlyOnALaunchedPipeline)
+{
+    LogCapture log;
+    TcpClientPipeline client;
+    EXPECT_FALSE(client.TearDown());
+    EXPECT_TRUE(log.Contains(
+        LOG_ERR, "bool VideoDaemon::TcpClientPipeline::DisconnectSignals(): pipeline == NULL (tcp_tracker)"));
+    EXPECT_TRUE(log.Contains(
+        LOG_ERR, "bool VideoDaemon::TcpClientPipeline::DisconnectSignals(): identity element not found"));
+    EXPECT_FALSE(client.ConnectSignals());
+    EXPECT_TRUE(log.Contains(
+        LOG_INFO, "bool VideoDaemon::TcpClientPipeline::ConnectSignals(): Connecting TCP signals..."));
+    EXPECT_TRUE(log.Contains(
+        LOG_ERR, "bool VideoDaemon::TcpClientPipeline::ConnectSignals(): pipeline == NULL (tcp_tracker)"));
+
+    log.Clear();
+    ASSERT_TRUE(client.Launch(false, false, false));
+    EXPECT_TRUE(log.Contains(
+        LOG_INFO, "bool VideoDaemon::TcpClientPipeline::ConnectSignals(): Connecting TCP signals..."));
+    EXPECT_TRUE(client.DisconnectSignals());
+    EXPECT_TRUE(client.ConnectSignals());
+    // Relaunching builds a new pipeline with its own connections.
+    ASSERT_TRUE(client.Launch(false, false, false));
+    EXPECT_TRUE(client.TearDown());
+    EXPECT_EQ(nullptr, client.GetPipeline());
+}
+
+TEST(TcpClientPipeline, SetsTheServerAddressOnTheSource)
+{
+    TcpClientPipeline client;
+    ASSERT_TRUE(client.Launch(false, false, false));
+    client.SetHostPort("192.0.2.7", 4000);
+    VideoDaemon::GstPtr<GstElement> source = ElementOf(client, "tcpclient_source_video");
+    ASSERT_TRUE(source);
+    gchar* host = nullptr;
+    int port = 0;
+    g_object_get(source.get(), "host", &host, "port", &port, nullptr);
+    VideoDaemon::GCharPtr host_text(host);
+    EXPECT_STREQ("192.0.2.7", host);
+    EXPECT_EQ(4000, port);
+}
+
+TEST(TcpClientPipelineDeathTest, EndsTheProcessWhenTheAddressIsSetWithoutAPipeline)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            TcpClientPipeline client;
+            client.SetHostPort("127.0.0.1", 4000);
+        },
+        "src/pipelines/tcp_client_pipeline.cpp:[0-9]+:.*SetHostPort.*assertion failed");
+}
