@@ -62,3 +62,31 @@ TEST(ImxVpuEncMjpeg, QualityFactorRangesFromOneToHundredAndChangesWhilePlaying)
     g_object_get(encoder.get(), "quality-factor", &quality, nullptr);
     EXPECT_EQ(quality, 42u);
 }
+
+TEST(ImxVpuEncMjpeg, SnapshotChainFollowsANewPictureSizeWhilePlaying)
+{
+    TestPipeline pipeline(
+        "appsrc name=in format=time caps=video/x-raw,format=BGRA,width=640,height=480,"
+        "framerate=30/1 ! imxipuvideotransform name=snapshot_jpeg_transform ! capsfilter "
+        "name=jpeg_image_caps caps=video/x-raw,format=I420,width=640,height=480 ! imxvpuenc_mjpeg "
+        "name=jpeg_encoder quality-factor=85 ! jpegdec ! appsink name=out sync=false");
+    ASSERT_TRUE(pipeline.Parsed()) << pipeline.ParseError();
+    ASSERT_NE(pipeline.Play(), GST_STATE_CHANGE_FAILURE);
+    GstAppSrc* source = GST_APP_SRC(pipeline.Element("in"));
+    // Width * 10000 + height of the picture encoded from one frame.
+    auto picture_size = [&](int index) {
+        GstBuffer* frame = gst_buffer_new_allocate(nullptr, 640 * 480 * 4, nullptr);
+        gst_buffer_memset(frame, 0, 0x80, 640 * 480 * 4);
+        GST_BUFFER_PTS(frame) = static_cast<GstClockTime>(index) * GST_SECOND / 30;
+        EXPECT_EQ(gst_app_src_push_buffer(source, frame), GST_FLOW_OK);
+        SamplePtr picture = pipeline.Pull("out");
+        GstVideoInfo info;
+        if (!picture || !gst_video_info_from_caps(&info, gst_sample_get_caps(picture.get())))
+            return 0;
+        return GST_VIDEO_INFO_WIDTH(&info) * 10000 + GST_VIDEO_INFO_HEIGHT(&info);
+    };
+    EXPECT_EQ(picture_size(0), 640 * 10000 + 480);
+    g_autoptr(GstCaps) thumbnail = gst_caps_from_string("video/x-raw,format=I420,width=160,height=120");
+    g_object_set(pipeline.Element("jpeg_image_caps"), "caps", thumbnail, nullptr);
+    EXPECT_EQ(picture_size(1), 160 * 10000 + 120);
+}
