@@ -2,7 +2,8 @@
 // main profile, no B-frames and no look-ahead (one frame in, one access unit
 // out), byte-stream with SPS/PPS before every IDR frame. "bitrate" in kbit/s,
 // 0 meaning a constant quantiser "quant-param"; an I frame every "gop-size"
-// frames and an IDR frame every "idr-interval" frames (0: only at the start).
+// frames (0: none but the IDR frames) and an IDR frame every "idr-interval"
+// frames (0: only at the start).
 // A property changed while playing takes effect on the next frame, which is
 // then an IDR frame.
 //
@@ -340,8 +341,8 @@ static void imx_vpu_enc_h264_class_init(ImxVpuEncH264Class* klass)
         g_param_spec_uint("quant-param", "Quantiser", "Constant quantiser used while bitrate is 0", 0,
             kMaxQuantParam, kDefaultQuantParam, flags));
     g_object_class_install_property(gobject_class, PROP_GOP_SIZE,
-        g_param_spec_uint("gop-size", "GOP size", "Distance between I frames, in frames", 1, kMaxGopSize,
-            kDefaultGopSize, flags));
+        g_param_spec_uint("gop-size", "GOP size", "Distance between I frames, in frames (0: IDR frames only)",
+            0, kMaxGopSize, kDefaultGopSize, flags));
     g_object_class_install_property(gobject_class, PROP_IDR_INTERVAL,
         g_param_spec_uint("idr-interval", "IDR interval",
             "Distance between IDR frames, in frames (0: only the first frame)", 0, G_MAXINT,
