@@ -1,7 +1,10 @@
 // Registers the interpipe stand-in elements.
 #include "standins.h"
 
-gboolean RegisterInterpipeElements(GstPlugin* /*plugin*/)
+#include "interpipe_sink.h"
+#include "interpipe_src.h"
+
+gboolean RegisterInterpipeElements(GstPlugin* plugin)
 {
-    return TRUE;
+    return GST_ELEMENT_REGISTER(interpipesink, plugin) && GST_ELEMENT_REGISTER(interpipesrc, plugin);
 }
