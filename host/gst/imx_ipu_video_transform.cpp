@@ -90,6 +90,8 @@ namespace
 GstCaps* TransformCaps(
     GstBaseTransform* /*trans*/, GstPadDirection /*direction*/, GstCaps* caps, GstCaps* filter)
 {
+    if (gst_caps_is_any(caps))
+        return filter ? gst_caps_ref(filter) : gst_caps_new_any();
     GstCaps* result = gst_caps_new_empty();
     for (guint i = 0; i < gst_caps_get_size(caps); ++i) {
         GstStructure* structure = gst_structure_copy(gst_caps_get_structure(caps, i));
@@ -120,8 +122,11 @@ GstCaps* FixateCaps(GstBaseTransform* trans, GstPadDirection /*direction*/, GstC
         gst_structure_fixate_field_nearest_int(out, "height", value);
     if (gst_structure_get_fraction(in, "framerate", &num, &den))
         gst_structure_fixate_field_nearest_fraction(out, "framerate", num, den);
+    // The picture is stretched to the output size, square pixels unless told otherwise.
     if (gst_structure_has_field(out, "pixel-aspect-ratio"))
         gst_structure_fixate_field_nearest_fraction(out, "pixel-aspect-ratio", 1, 1);
+    else
+        gst_structure_set(out, "pixel-aspect-ratio", GST_TYPE_FRACTION, 1, 1, nullptr);
     State* s = IMX_IPU_VIDEO_TRANSFORM(trans)->state;
     GST_OBJECT_LOCK(trans);
     const bool deinterlace = s->deinterlace;
