@@ -292,7 +292,8 @@ int PlaybackPipeline::_Seek(int offsetMs)
     if (target > _Duration)
         target = _Duration;
 
-    if (!_VideoSink
+    // A file opened paused has no rate yet, and a seek needs one.
+    if (!_VideoSink || _Rate == 0.0
         || !gst_element_seek(_VideoSink.get(), _Rate, GST_FORMAT_TIME, kExactFlags, GST_SEEK_TYPE_SET,
             target * GST_MSECOND, GST_SEEK_TYPE_SET, kNoStop)) {
         Log::Warning("[Playback] failed to send seek event to set position\n");

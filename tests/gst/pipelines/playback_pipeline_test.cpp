@@ -1,0 +1,397 @@
+// The playback pipeline on a file the tests record: opening paused, rates, seeks, end of stream and the final
+// report.
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "log_capture.h"
+#include "media_test_support.h"
+#include "pipeline_harness.h"
+#include "pipelines/playback_pipeline.h"
+
+using PipelineHarness::ElementOf;
+using PipelineHarness::RunMainLoopFor;
+using PipelineHarness::RunMainLoopUntil;
+using VideoDaemon::PlaybackPipeline;
+
+namespace
+{
+
+// Three seconds of H.264 with a key frame every half second, and AAC stereo.
+class Recording
+{
+public:
+    static const std::string& Path()
+    {
+        static Recording recording;
+        return recording.path_;
+    }
+
+private:
+    Recording()
+        : path_(dir_.File("clip.mp4"))
+    {
+        EXPECT_TRUE(MediaTest::RunToEnd("mp4mux name=mux ! filesink location=\"" + path_
+            + "\" "
+              "videotestsrc num-buffers=90 pattern=ball ! video/x-raw,width=320,height=240,framerate=30/1 "
+              "  ! x264enc key-int-max=15 speed-preset=ultrafast ! h264parse ! mux. "
+              "audiotestsrc num-buffers=141 samplesperbuffer=1024 ! audio/x-raw,rate=48000,channels=2 "
+              "  ! avenc_aac ! aacparse ! mux."));
+        // The thumbnail that the capture took when it started.
+        EXPECT_TRUE(MediaTest::WriteJpeg(path_ + "-thumb.jpg", 320, 240, "snow"));
+    }
+
+    MediaTest::ScratchDir dir_;
+    std::string path_;
+};
+
+struct Report {
+    void* user_data;
+    bool error;
+    bool eos;
+    double rate;
+    int64_t position;
+    int64_t duration;
+};
+
+// Every progress report the pipeline makes.
+struct Reports {
+    std::vector<Report> all;
+
+    VideoDaemon::playback_callback_t Callback()
+    {
+        return
+            [this](void* user_data, bool error, bool eos, double rate, int64_t position, int64_t duration) {
+                all.push_back({ user_data, error, eos, rate, position, duration });
+            };
+    }
+    size_t EndReports() const
+    {
+        size_t count = 0;
+        for (const Report& report : all)
+            count += report.eos;
+        return count;
+    }
+};
+
+// The seeks that reach the video sink, seen on its pad as they go upstream.
+class SeekWatch
+{
+public:
+    struct Seek {
+        double rate;
+        int flags;
+        gint64 start;
+        gint64 stop;
+    };
+
+    explicit SeekWatch(PlaybackPipeline& playback, const char* sink_name)
+    {
+        VideoDaemon::GstPtr<GstElement> sink = ElementOf(playback, sink_name);
+        EXPECT_TRUE(sink);
+        if (!sink)
+            return;
+        pad_.reset(gst_element_get_static_pad(sink.get(), "sink"));
+        probe_ = gst_pad_add_probe(
+            pad_.get(), GST_PAD_PROBE_TYPE_EVENT_UPSTREAM, &SeekWatch::OnEvent, this, nullptr);
+    }
+    ~SeekWatch()
+    {
+        if (pad_)
+            gst_pad_remove_probe(pad_.get(), probe_);
+    }
+
+    std::vector<Seek> Taken()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        std::vector<Seek> taken;
+        taken.swap(seeks_);
+        return taken;
+    }
+
+private:
+    static GstPadProbeReturn OnEvent(GstPad*, GstPadProbeInfo* info, gpointer self)
+    {
+        GstEvent* event = GST_PAD_PROBE_INFO_EVENT(info);
+        if (GST_EVENT_TYPE(event) == GST_EVENT_SEEK) {
+            Seek seek {};
+            GstFormat format;
+            GstSeekFlags flags;
+            GstSeekType start_type, stop_type;
+            gst_event_parse_seek(
+                event, &seek.rate, &format, &flags, &start_type, &seek.start, &stop_type, &seek.stop);
+            seek.flags = flags;
+            auto* watch = static_cast<SeekWatch*>(self);
+            std::lock_guard<std::mutex> lock(watch->mutex_);
+            watch->seeks_.push_back(seek);
+        }
+        return GST_PAD_PROBE_OK;
+    }
+
+    VideoDaemon::GstPtr<GstPad> pad_;
+    gulong probe_ = 0;
+    std::mutex mutex_;
+    std::vector<Seek> seeks_;
+};
+
+// Brings a pipeline to NULL when the test ends, however it ends.
+class NullOnExit
+{
+public:
+    explicit NullOnExit(VideoDaemon::Pipeline& pipeline)
+        : pipeline_(pipeline)
+    {
+    }
+    ~NullOnExit() { pipeline_.SetState(GST_STATE_NULL, 0); }
+
+private:
+    VideoDaemon::Pipeline& pipeline_;
+};
+
+// Opens the recording paused with the thumbnail shown, and waits until its duration is known.
+void OpenPaused(PlaybackPipeline& playback, Reports& reports)
+{
+    ASSERT_TRUE(playback.Launch(false, true, false));
+    ASSERT_EQ(0, playback.Play(Recording::Path(), 0.0, reports.Callback(), 50, nullptr));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return !reports.all.empty() && reports.all.back().duration > 0; }));
+}
+
+} // namespace
+
+TEST(PlaybackPipeline, OpensTheFilePausedAtRateZeroAndKeepsReporting)
+{
+    LogCapture log;
+    PlaybackPipeline playback(false);
+    NullOnExit null_on_exit(playback);
+    Reports reports;
+    int marker = 0;
+    ASSERT_TRUE(playback.Launch(false, true, false));
+    ASSERT_EQ(0, playback.Play(Recording::Path(), 0.0, reports.Callback(), 50, &marker));
+    EXPECT_EQ(GST_STATE_PAUSED, playback.GetState());
+    EXPECT_TRUE(log.ContainsText("[Playback]: PLAY _Uri: file://"));
+    EXPECT_TRUE(log.Contains(LOG_INFO,
+        "int VideoDaemon::PlaybackPipeline::Play(std::__cxx11::string, gdouble, "
+        "VideoDaemon::playback_callback_t, "
+        "guint, void*): Playing JPEG: "
+            + Recording::Path() + "-thumb.jpg"));
+
+    ASSERT_TRUE(RunMainLoopUntil([&] { return reports.all.size() >= 3; }));
+    RunMainLoopFor(200);
+    EXPECT_EQ(GST_STATE_PAUSED, playback.GetState());
+    const Report& last = reports.all.back();
+    EXPECT_EQ(&marker, last.user_data);
+    EXPECT_FALSE(last.eos);
+    EXPECT_FALSE(last.error);
+    EXPECT_EQ(0, last.position);
+    EXPECT_NEAR(3000, last.duration, 100);
+    EXPECT_EQ("", playback.GetCurrentFile());
+
+    bool active = false, eos = true, error = true;
+    double rate = -1;
+    int64_t position = -1, duration = -1;
+    EXPECT_EQ(0, playback.GetPlaybackStatus(active, eos, error, rate, position, duration));
+    EXPECT_TRUE(active);
+    EXPECT_FALSE(eos);
+    EXPECT_FALSE(error);
+    EXPECT_EQ(last.duration, duration);
+
+    // A second Play is refused while the timer still runs.
+    EXPECT_EQ(-1, playback.Play(Recording::Path(), 1.0, reports.Callback(), 50, nullptr));
+    EXPECT_TRUE(log.Contains(LOG_ERR, "[Playback] still not done state=3 timer active = 1\n"));
+    playback.Stop();
+    RunMainLoopUntil([&] { return reports.EndReports() > 0; });
+}
+
+TEST(PlaybackPipeline, RefusesToRewindFromTheStartOfTheFile)
+{
+    LogCapture log;
+    PlaybackPipeline playback(false);
+    NullOnExit null_on_exit(playback);
+    Reports reports;
+    ASSERT_TRUE(playback.Launch(false, true, false));
+    EXPECT_EQ(-1, playback.Play(Recording::Path(), -2.0, reports.Callback(), 50, nullptr));
+    EXPECT_TRUE(log.Contains(LOG_ERR, "[Playback] can't rewind from start of file\n"));
+    RunMainLoopFor(200);
+    EXPECT_TRUE(reports.all.empty());
+    EXPECT_EQ(GST_STATE_NULL, playback.GetState());
+}
+
+TEST(PlaybackPipeline, ChoosesTheSeekFlagsByRate)
+{
+    LogCapture log;
+    PlaybackPipeline playback(false);
+    NullOnExit null_on_exit(playback);
+    Reports reports;
+    OpenPaused(playback, reports);
+    SeekWatch watch(playback, "fake-display");
+
+    struct Row {
+        double rate;
+        int flags;
+        const char* log;
+    };
+    const Row rows[] = {
+        { 0.5, 53, "FAST FORWARD (SLOW)" },
+        { 2.0, 53, "FAST FORWARD (SLOW)" },
+        { 4.0, 437, "FAST FORWARD (FAST)" },
+        { 8.0, 437, "FAST FORWARD (FAST)" },
+        { 1.0, 3, "NORMAL PLAYBACK" },
+    };
+    for (const Row& row : rows) {
+        log.Clear();
+        EXPECT_EQ(0, playback.SetRate(row.rate)) << row.rate;
+        std::vector<SeekWatch::Seek> seeks = watch.Taken();
+        ASSERT_EQ(1u, seeks.size()) << row.rate;
+        EXPECT_EQ(row.flags, seeks[0].flags) << row.rate;
+        EXPECT_EQ(row.rate, seeks[0].rate);
+        EXPECT_EQ(-1, seeks[0].stop);
+        EXPECT_DOUBLE_EQ(row.rate, playback.GetRate());
+        EXPECT_TRUE(log.Contains(
+            LOG_INFO, std::string("int VideoDaemon::PlaybackPipeline::_SetRate(gdouble): ") + row.log))
+            << row.rate;
+        RunMainLoopFor(100);
+    }
+
+    // Rewind plays from the current position back to the start.
+    playback.SetRate(-2.0);
+    std::vector<SeekWatch::Seek> seeks = watch.Taken();
+    ASSERT_EQ(1u, seeks.size());
+    EXPECT_EQ(437, seeks[0].flags);
+    EXPECT_EQ(0, seeks[0].start);
+    EXPECT_GE(seeks[0].stop, 0);
+    EXPECT_TRUE(log.Contains(LOG_INFO, "int VideoDaemon::PlaybackPipeline::_SetRate(gdouble): REWIND"));
+    RunMainLoopFor(100);
+
+    const double before = playback.GetRate();
+    EXPECT_EQ(-1, playback.SetRate(0.0));
+    EXPECT_TRUE(log.Contains(LOG_WARNING, "[Playback] failed to set rate to paused\n"));
+    EXPECT_TRUE(watch.Taken().empty());
+    EXPECT_EQ(before, playback.GetRate());
+
+    playback.Stop();
+    RunMainLoopUntil([&] { return reports.EndReports() > 0; });
+}
+
+TEST(PlaybackPipeline, ClampsSeeksToTheStartAndToTheDuration)
+{
+    PlaybackPipeline playback(false);
+    NullOnExit null_on_exit(playback);
+    Reports reports;
+    OpenPaused(playback, reports);
+    const int64_t duration = reports.all.back().duration;
+    SeekWatch watch(playback, "fake-display");
+
+    // Opened paused, the file has no rate to seek at yet.
+    LogCapture log;
+    EXPECT_EQ(-1, playback.Seek(1000));
+    EXPECT_TRUE(log.Contains(LOG_WARNING, "[Playback] failed to send seek event to set position\n"));
+    EXPECT_TRUE(watch.Taken().empty());
+    ASSERT_EQ(0, playback.SetRate(1.0));
+    watch.Taken();
+
+    EXPECT_EQ(0, playback.Seek(1000));
+    EXPECT_EQ(0, playback.Seek(-10 * 60 * 1000));
+    EXPECT_EQ(0, playback.Seek(10 * 60 * 1000));
+    std::vector<SeekWatch::Seek> seeks = watch.Taken();
+    ASSERT_EQ(3u, seeks.size());
+    EXPECT_EQ(1000 * GST_MSECOND, static_cast<GstClockTime>(seeks[0].start));
+    EXPECT_EQ(0, seeks[1].start);
+    EXPECT_EQ(duration * static_cast<gint64>(GST_MSECOND), seeks[2].start);
+    for (const SeekWatch::Seek& seek : seeks) {
+        EXPECT_EQ(3, seek.flags);
+        EXPECT_EQ(-1, seek.stop);
+    }
+    playback.Stop();
+    RunMainLoopUntil([&] { return reports.EndReports() > 0; });
+}
+
+TEST(PlaybackPipeline, IgnoresRateAndSeekWhenNotPlayingAndTogglesPauseOnlyWhenOpen)
+{
+    LogCapture log;
+    PlaybackPipeline playback(false);
+    NullOnExit null_on_exit(playback);
+    ASSERT_TRUE(playback.Launch(false, true, false));
+    EXPECT_EQ(0, playback.SetRate(4.0));
+    EXPECT_EQ(0, playback.Seek(1000));
+    EXPECT_TRUE(
+        log.Contains(LOG_WARNING, "[PlaybackPipeline::SetRate] not playing or paused, so ignoring\n"));
+    EXPECT_TRUE(log.Contains(LOG_WARNING, "[PlaybackPipeline::Seek] not playing or paused, so ignoring\n"));
+    EXPECT_EQ(-1, playback.TogglePause());
+
+    Reports reports;
+    ASSERT_EQ(0, playback.Play(Recording::Path(), 0.0, reports.Callback(), 50, nullptr));
+    EXPECT_EQ(0, playback.TogglePause());
+    EXPECT_EQ(GST_STATE_PLAYING, playback.GetState());
+    EXPECT_EQ(0, playback.TogglePause());
+    EXPECT_EQ(GST_STATE_PAUSED, playback.GetState());
+    playback.Stop();
+    RunMainLoopUntil([&] { return reports.EndReports() > 0; });
+}
+
+TEST(PlaybackPipeline, ReportsTheDurationAsPositionAtTheEndAndStopsReporting)
+{
+    LogCapture log;
+    PlaybackPipeline playback(true);
+    NullOnExit null_on_exit(playback);
+    ASSERT_TRUE(playback.Launch(false, true, false));
+    Reports reports;
+    ASSERT_EQ(0, playback.Play(Recording::Path(), 1.0, reports.Callback(), 100, nullptr));
+    // The playbin takes its sinks in once it opens the file.
+    VideoDaemon::GstPtr<GstElement> display = ElementOf(playback, "imx-ipu-display");
+    ASSERT_TRUE(display);
+    gint rotation = 0;
+    gboolean vsync = FALSE, sync = FALSE;
+    g_object_get(display.get(), "output-rotation", &rotation, "use-vsync", &vsync, "sync", &sync, nullptr);
+    EXPECT_EQ(5, rotation);
+    EXPECT_TRUE(vsync);
+    EXPECT_TRUE(sync);
+    EXPECT_TRUE(ElementOf(playback, "alsa-speaker"));
+    EXPECT_EQ(Recording::Path(), playback.GetCurrentFile());
+    EXPECT_FALSE(log.ContainsText("Playing JPEG"));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return reports.EndReports() > 0; }, 8000));
+    RunMainLoopFor(400);
+    ASSERT_EQ(1u, reports.EndReports());
+    const Report& last = reports.all.back();
+    EXPECT_TRUE(last.eos);
+    EXPECT_FALSE(last.error);
+    EXPECT_DOUBLE_EQ(1.0, last.rate);
+    EXPECT_NEAR(3000, last.duration, 100);
+    EXPECT_EQ(last.duration, last.position);
+    EXPECT_TRUE(log.Contains(LOG_INFO, "[Playback] End Of Stream\n"));
+    EXPECT_EQ(GST_STATE_NULL, playback.GetState());
+    guint64 shown = 0;
+    g_object_get(display.get(), "frames-shown", &shown, nullptr);
+    EXPECT_GT(shown, 60u);
+
+    // Idle again: the file can be played once more.
+    EXPECT_EQ(0, playback.Play(Recording::Path(), 0.0, reports.Callback(), 100, nullptr));
+    playback.Stop();
+    RunMainLoopUntil([&] { return reports.EndReports() > 1; });
+}
+
+TEST(PlaybackPipeline, MakesExactlyOneFinalReportAfterStop)
+{
+    PlaybackPipeline playback(false);
+    NullOnExit null_on_exit(playback);
+    Reports reports;
+    ASSERT_TRUE(playback.Launch(false, true, false));
+    ASSERT_EQ(0, playback.Play(Recording::Path(), 1.0, reports.Callback(), 50, nullptr));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return reports.all.size() >= 4; }));
+    playback.Stop();
+    EXPECT_EQ("", playback.GetCurrentFile());
+    EXPECT_EQ(GST_STATE_NULL, playback.GetState());
+    ASSERT_TRUE(RunMainLoopUntil([&] { return reports.EndReports() > 0; }));
+    const size_t count = reports.all.size();
+    RunMainLoopFor(400);
+    EXPECT_EQ(count, reports.all.size());
+    EXPECT_EQ(1u, reports.EndReports());
+    EXPECT_TRUE(reports.all.back().eos);
+    EXPECT_EQ(reports.all.back().duration, reports.all.back().position);
+
+    // With the timer already ended, Stop reports at once.
+    playback.Stop();
+    EXPECT_EQ(2u, reports.EndReports());
+    EXPECT_EQ(count + 1, reports.all.size());
+}
