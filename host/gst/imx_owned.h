@@ -29,6 +29,11 @@ struct ObjectUnref {
 };
 using ClockPtr = std::unique_ptr<GstClock, ObjectUnref>;
 
+struct ClockIdUnref {
+    void operator()(GstClockID id) const { gst_clock_id_unref(id); }
+};
+using ClockIdPtr = std::unique_ptr<void, ClockIdUnref>;
+
 // A mapped video frame, unmapped when the handle goes out of scope.
 class MappedFrame
 {

@@ -145,17 +145,16 @@ GstFlowReturn WaitForCapture(ImxV4l2VideoSrc* self, GstClockTime* capture_time)
     if (!GST_CLOCK_TIME_IS_VALID(s->next_time) || now > s->next_time + duration)
         s->next_time = now;
     const GstClockTime target = s->next_time;
-    s->wait_id = gst_clock_new_single_shot_id(clock.get(), base_time + target);
-    GstClockID id = s->wait_id;
+    ClockIdPtr id(gst_clock_new_single_shot_id(clock.get(), base_time + target));
+    s->wait_id = id.get();
     GST_OBJECT_UNLOCK(self);
 
-    const GstClockReturn result = gst_clock_id_wait(id, nullptr);
+    const GstClockReturn result = gst_clock_id_wait(id.get(), nullptr);
 
     GST_OBJECT_LOCK(self);
     s->wait_id = nullptr;
     const bool flushing = s->flushing;
     GST_OBJECT_UNLOCK(self);
-    gst_clock_id_unref(id);
     if (flushing || result == GST_CLOCK_UNSCHEDULED)
         return GST_FLOW_FLUSHING;
     *capture_time = target;
