@@ -73,6 +73,10 @@ TEST_F(GpuPipelineTest, DescriptionIsTheProcessingChainBetweenTwoInterpipeEnds)
     ASSERT_EQ(queues.size(), 2u);
     EXPECT_EQ(queues.at("gpu_input_queue"), 0);
     EXPECT_EQ(queues.at("gpu_output_queue"), 0);
+
+    ASSERT_TRUE(gpu.Launch(false, false, false));
+    EXPECT_EQ(gpu.AttachProbes(), 0) << "the probe's pad exists";
+    EXPECT_EQ(gpu.GetProbeRates().count("gpu"), 1u);
 }
 
 TEST_F(GpuPipelineTest, SettersBeforeLaunchFailWithThePipelineMessage)

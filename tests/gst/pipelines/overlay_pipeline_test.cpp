@@ -111,6 +111,11 @@ TEST_F(OverlayPipelineTest, NameIsSplicedIntoInterpipeAndQueueNames)
     EXPECT_EQ(display.GetSourceName(), "svg_overlay_source_display");
     EXPECT_EQ(display.GetSinkName(), "svg_overlay_sink_first_display");
     EXPECT_EQ(display.GetName(), "OverlayPipeline");
+
+    // The frame-rate probe sits on the instance's own sink.
+    ASSERT_TRUE(display.Launch(false, false, false));
+    EXPECT_EQ(display.AttachProbes(), 0);
+    EXPECT_EQ(display.GetProbeRates().count("overlay_display"), 1u);
 }
 
 TEST_F(OverlayPipelineTest, EnableOverlayBeforeLaunchFails)
