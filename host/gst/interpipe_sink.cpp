@@ -380,4 +380,6 @@ static void interpipe_sink_init(InterpipeSink* self)
     self->forwardEvents = TRUE;
     self->forwardPreroll = TRUE;
     self->listeners = new Listeners();
+    // Nobody looks at the last sample of a hand-over; keeping it costs a lock per buffer.
+    gst_base_sink_set_last_sample_enabled(GST_BASE_SINK(self), FALSE);
 }
