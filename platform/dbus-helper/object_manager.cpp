@@ -5,7 +5,6 @@
 #include "dbus-helper/dbus_connector.h"
 #include "dbus-helper/sdbus_utils.h"
 
-using DbusHelper::SdBusError;
 using DbusHelper::SdBusMessagePtr;
 
 namespace sdbus_utils
@@ -86,20 +85,10 @@ namespace object_manager
 int GetManagedObjects(sd_bus* bus, const std::string& service, const std::string& path,
     ManagedObjects& objects, std::string& error)
 {
-    if (!bus)
-        bus = DefaultBus(error);
-    if (!bus)
-        return -ENOTCONN;
-    SdBusError call_error;
-    sd_bus_message* raw = nullptr;
-    int r = sd_bus_call_method(bus, service.c_str(), path.c_str(), kObjectManagerInterface,
-        "GetManagedObjects", call_error.Get(), &raw, "");
-    SdBusMessagePtr reply(raw);
-    if (r < 0) {
-        error = call_error.IsSet() ? std::string(call_error.Name()) + ": " + call_error.Message()
-                                   : std::string(std::strerror(-r));
+    SdBusMessagePtr reply;
+    int r = CallMethod(bus, service, path, kObjectManagerInterface, "GetManagedObjects", &reply, error, "");
+    if (r < 0)
         return r;
-    }
     r = sd_bus_message_enter_container(reply.get(), SD_BUS_TYPE_ARRAY, "{oa{sa{sv}}}");
     while (r > 0
         && (r = sd_bus_message_enter_container(reply.get(), SD_BUS_TYPE_DICT_ENTRY, "oa{sa{sv}}")) > 0) {

@@ -2,6 +2,7 @@
 #include "dbus-helper/sdbus_utils.h"
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 
@@ -50,14 +51,8 @@ sd_bus* Resolve(sd_bus* bus, std::string& error)
 int CallGet(sd_bus* bus, const std::string& service, const std::string& path, const std::string& interface,
     const std::string& name, SdBusMessagePtr& reply, std::string& error)
 {
-    SdBusError call_error;
-    sd_bus_message* raw = nullptr;
-    const int r = sd_bus_call_method(bus, service.c_str(), path.c_str(), kPropertiesInterface, "Get",
-        call_error.Get(), &raw, "ss", interface.c_str(), name.c_str());
-    reply.reset(raw);
-    if (r < 0)
-        error = ErrorText(call_error, r);
-    return r;
+    return CallMethod(bus, service, path, kPropertiesInterface, "Get", &reply, error, "ss", interface.c_str(),
+        name.c_str());
 }
 
 template <typename T>
@@ -197,19 +192,48 @@ SDBUS_UTILS_DEFINE_PROPERTY_TYPE(std::vector<std::string>)
 
 #undef SDBUS_UTILS_DEFINE_PROPERTY_TYPE
 
+int CallMethod(sd_bus* bus, const std::string& service, const std::string& path, const std::string& interface,
+    const std::string& member, SdBusMessagePtr* reply, std::string& error, const char* types, ...)
+{
+    bus = Resolve(bus, error);
+    if (!bus)
+        return -ENOTCONN;
+    sd_bus_message* raw = nullptr;
+    int r = sd_bus_message_new_method_call(
+        bus, &raw, service.c_str(), path.c_str(), interface.c_str(), member.c_str());
+    SdBusMessagePtr call(raw);
+    if (r >= 0 && types && *types) {
+        va_list args;
+        va_start(args, types);
+        r = sd_bus_message_appendv(call.get(), types, args);
+        va_end(args);
+    }
+    if (r < 0) {
+        error = std::string("failed to build ") + member + " call: " + std::strerror(-r);
+        return r;
+    }
+    SdBusError call_error;
+    raw = nullptr;
+    r = sd_bus_call(bus, call.get(), DbusHelper::kMethodCallTimeoutUsec, call_error.Get(), &raw);
+    SdBusMessagePtr answer(raw);
+    if (r < 0) {
+        error = ErrorText(call_error, r);
+        return r;
+    }
+    if (reply)
+        *reply = std::move(answer);
+    return r;
+}
+
 int GetAllProperties(sd_bus* bus, const std::string& service, const std::string& path,
     const std::string& interface, SdBusMessagePtr& reply, std::string& error)
 {
     bus = Resolve(bus, error);
     if (!bus)
         return -ENOTCONN;
-    SdBusError call_error;
-    sd_bus_message* raw = nullptr;
-    const int r = sd_bus_call_method(bus, service.c_str(), path.c_str(), kPropertiesInterface, "GetAll",
-        call_error.Get(), &raw, "s", interface.c_str());
-    reply.reset(raw);
+    const int r = CallMethod(
+        bus, service, path, kPropertiesInterface, "GetAll", &reply, error, "s", interface.c_str());
     if (r < 0) {
-        error = ErrorText(call_error, r);
         reply.reset();
         return r;
     }

@@ -65,11 +65,10 @@ int32_t CameraObject::RequestTiles(uint32_t& tiles)
 {
     if (!_Bus)
         return -ENOTCONN;
-    DbusHelper::SdBusError error;
-    sd_bus_message* raw = nullptr;
-    int32_t r = sd_bus_call_method(_Bus, CAMERA_DAEMON_SERVICE, _Path.c_str(), CAMERA_INTERFACE,
-        CAMERA_METHOD_REQUEST_TILES, error.Get(), &raw, "");
-    DbusHelper::SdBusMessagePtr reply(raw);
+    std::string error;
+    DbusHelper::SdBusMessagePtr reply;
+    int32_t r = sdbus_utils::CallMethod(
+        _Bus, CAMERA_DAEMON_SERVICE, _Path, CAMERA_INTERFACE, CAMERA_METHOD_REQUEST_TILES, &reply, error, "");
     if (r < 0) {
         Error("sd_bus_call_method CAMERA_METHOD_REQUEST_TILES failed (r = %d)", r);
         return r;

@@ -210,20 +210,12 @@ HELM_READ(GetPermittedActions, std::vector<std::string>, HELM_DAEMON_POWER_PATH,
 
 int HelmDaemonDbusHandler::ZeroReelCount()
 {
-    std::string error_text;
-    sd_bus* bus = sdbus_utils::DefaultBus(error_text);
-    if (!bus) {
-        Error("%s: %s", VIDEOD_SIGNATURE, error_text.c_str());
-        return -ENOTCONN;
-    }
-    DbusHelper::SdBusError error;
-    sd_bus_message* reply = nullptr;
-    const int r = sd_bus_call_method(bus, HELM_DAEMON_SERVICE, HELM_DAEMON_REEL_PATH,
-        HELM_DAEMON_REEL_INTERFACE, "ZeroCount", error.Get(), &reply, "");
-    DbusHelper::SdBusMessagePtr owned_reply(reply);
+    std::string error;
+    const int r = sdbus_utils::CallMethod(nullptr, HELM_DAEMON_SERVICE, HELM_DAEMON_REEL_PATH,
+        HELM_DAEMON_REEL_INTERFACE, "ZeroCount", nullptr, error, "");
     if (r < 0)
         Error("%s:sd_bus_call_method call failed (r = %d)", VIDEOD_SIGNATURE, r);
-    return r;
+    return r < 0 ? r : 0;
 }
 
 int HelmDaemonDbusHandler::EmitChangedProperties(sd_bus_message* message, PropertiesSignal& signal)

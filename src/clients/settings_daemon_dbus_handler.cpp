@@ -2,11 +2,9 @@
 #include "settings_daemon_dbus_handler.h"
 
 #include <cerrno>
-#include <cstdarg>
 #include <string>
 #include <vector>
 
-#include "dbus-helper/sd_bus_ptr.h"
 #include "log.h"
 #include "pipelines/function_signature.h"
 
@@ -143,40 +141,34 @@ int32_t SettingsDaemonDbusHandler::SetSetting(const std::string& section, const 
     return r;
 }
 
-int32_t SettingsDaemonDbusHandler::CallResetMethod(
-    const char* caller, const char* method, const char* types, ...)
-{
-    std::string error_text;
-    sd_bus* bus = sdbus_utils::DefaultBus(error_text);
-    int32_t r = -ENOTCONN;
-    if (bus) {
-        DbusHelper::SdBusError error;
-        va_list args;
-        va_start(args, types);
-        sd_bus_message* reply = nullptr;
-        r = sd_bus_call_methodv(bus, SETTINGS_DAEMON_SERVICE, SETTINGS_DAEMON_BASE_PATH,
-            SETTINGS_DAEMON_INTERFACE, method, error.Get(), &reply, types, args);
-        va_end(args);
-        DbusHelper::SdBusMessagePtr owned_reply(reply);
-    }
-    if (r < 0)
-        Error("%s:sd_bus_call_method call failed (r = %d)", caller, r);
-    return r < 0 ? r : 0;
-}
-
 int32_t SettingsDaemonDbusHandler::ResetToDefaults(bool value)
 {
-    return CallResetMethod(VIDEOD_SIGNATURE, "ResetToDefaults", "b", static_cast<int>(value));
+    std::string error;
+    const int32_t r = sdbus_utils::CallMethod(nullptr, SETTINGS_DAEMON_SERVICE, SETTINGS_DAEMON_BASE_PATH,
+        SETTINGS_DAEMON_INTERFACE, "ResetToDefaults", nullptr, error, "b", static_cast<int>(value));
+    if (r < 0)
+        Error("%s:sd_bus_call_method call failed (r = %d)", VIDEOD_SIGNATURE, r);
+    return r < 0 ? r : 0;
 }
 
 int32_t SettingsDaemonDbusHandler::ResetSection(const std::string& section)
 {
-    return CallResetMethod(VIDEOD_SIGNATURE, "ResetSection", "s", section.c_str());
+    std::string error;
+    const int32_t r = sdbus_utils::CallMethod(nullptr, SETTINGS_DAEMON_SERVICE, SETTINGS_DAEMON_BASE_PATH,
+        SETTINGS_DAEMON_INTERFACE, "ResetSection", nullptr, error, "s", section.c_str());
+    if (r < 0)
+        Error("%s:sd_bus_call_method call failed (r = %d)", VIDEOD_SIGNATURE, r);
+    return r < 0 ? r : 0;
 }
 
 int32_t SettingsDaemonDbusHandler::ResetSetting(const std::string& section, const std::string& key)
 {
-    return CallResetMethod(VIDEOD_SIGNATURE, "ResetSetting", "ss", section.c_str(), key.c_str());
+    std::string error;
+    const int32_t r = sdbus_utils::CallMethod(nullptr, SETTINGS_DAEMON_SERVICE, SETTINGS_DAEMON_BASE_PATH,
+        SETTINGS_DAEMON_INTERFACE, "ResetSetting", nullptr, error, "ss", section.c_str(), key.c_str());
+    if (r < 0)
+        Error("%s:sd_bus_call_method call failed (r = %d)", VIDEOD_SIGNATURE, r);
+    return r < 0 ? r : 0;
 }
 
 template int32_t SettingsDaemonDbusHandler::GetSetting<bool>(const std::string&, const std::string&, bool&);

@@ -84,8 +84,6 @@ public:
     static int32_t PropertiesChanged(sd_bus_message* message, void* userdata, sd_bus_error* error);
 
 private:
-    static int32_t CallResetMethod(const char* caller, const char* method, const char* types, ...);
-
     // Section name -> its signal, for routing.
     std::map<std::string, SectionChangedSignal*> _SectionSignals;
 };

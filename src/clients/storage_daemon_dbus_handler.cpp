@@ -2,7 +2,6 @@
 #include "storage_daemon_dbus_handler.h"
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstring>
 
 #include "dbus-helper/dbus_connector.h"
@@ -136,39 +135,40 @@ int32_t StorageDaemonDbusHandler::GetIsSafeToRemove(const std::string& path, boo
     return ReadDeviceProperty(VIDEOD_SIGNATURE, "PROP_IS_SAFE_TO_REMOVE", path, PROP_IS_SAFE_TO_REMOVE, safe);
 }
 
-int32_t StorageDaemonDbusHandler::CallDeviceMethod(
-    const char* operation, const std::string& path, const char* method, const char* types, ...)
+int32_t StorageDaemonDbusHandler::SetWriteActive(const std::string& path, uint8_t type, bool active)
 {
     DbusHelper::SdBusPtr bus;
     int32_t r = DbusHelper::DbusConnector::OpenUserBus(bus);
     if (r < 0) {
-        Error("%s: sd_bus_open_user failed r = %d", operation, r);
+        Error("%s: sd_bus_open_user failed r = %d", "SetWriteActive", r);
         return r;
     }
-    DbusHelper::SdBusError error;
-    sd_bus_message* reply = nullptr;
-    va_list args;
-    va_start(args, types);
-    r = sd_bus_call_methodv(bus.get(), STORAGE_DAEMON_SERVICE, path.c_str(), STORAGE_DAEMON_DEVICE_INTERFACE,
-        method, error.Get(), &reply, types, args);
-    va_end(args);
-    DbusHelper::SdBusMessagePtr owned_reply(reply);
+    std::string error;
+    r = sdbus_utils::CallMethod(bus.get(), STORAGE_DAEMON_SERVICE, path, STORAGE_DAEMON_DEVICE_INTERFACE,
+        "SetWriteActive", nullptr, error, "yb", type, static_cast<int>(active));
     if (r < 0) {
-        Error("%s: sd_bus_call_method failed r = %d, reason = %s", operation, r,
-            error.IsSet() ? error.Message() : std::strerror(-r));
+        Error("%s: sd_bus_call_method failed r = %d, reason = %s", "SetWriteActive", r, error.c_str());
         return r;
     }
     return 0;
 }
 
-int32_t StorageDaemonDbusHandler::SetWriteActive(const std::string& path, uint8_t type, bool active)
-{
-    return CallDeviceMethod("SetWriteActive", path, "SetWriteActive", "yb", type, static_cast<int>(active));
-}
-
 int32_t StorageDaemonDbusHandler::StartStorageFormat(const std::string& path)
 {
-    return CallDeviceMethod("StartStorageFormat", path, "StartFormat", "");
+    DbusHelper::SdBusPtr bus;
+    int32_t r = DbusHelper::DbusConnector::OpenUserBus(bus);
+    if (r < 0) {
+        Error("%s: sd_bus_open_user failed r = %d", "StartStorageFormat", r);
+        return r;
+    }
+    std::string error;
+    r = sdbus_utils::CallMethod(bus.get(), STORAGE_DAEMON_SERVICE, path, STORAGE_DAEMON_DEVICE_INTERFACE,
+        "StartFormat", nullptr, error, "");
+    if (r < 0) {
+        Error("%s: sd_bus_call_method failed r = %d, reason = %s", "StartStorageFormat", r, error.c_str());
+        return r;
+    }
+    return 0;
 }
 
 int32_t StorageDaemonDbusHandler::GetStorageObjectPaths(std::vector<std::string>& paths)

@@ -83,8 +83,6 @@ private:
     static int InterfacesAdded(sd_bus_message* message, void* userdata, sd_bus_error* error);
     static int InterfacesRemoved(sd_bus_message* message, void* userdata, sd_bus_error* error);
     static int PropertiesChanged(sd_bus_message* message, void* userdata, sd_bus_error* error);
-    static int32_t CallDeviceMethod(
-        const char* operation, const std::string& path, const char* method, const char* types, ...);
 };
 
 } // namespace Storaged

@@ -162,7 +162,8 @@ TEST_F(StorageClient, MethodFailuresLogTheOperationAndTheReason)
     LogCapture log;
     EXPECT_LT(StorageDaemonDbusHandler::SetWriteActive(kBase + "/usb", 9, true), 0);
     EXPECT_TRUE(log.ContainsText("SetWriteActive: sd_bus_call_method failed r = -"));
-    EXPECT_TRUE(log.ContainsText(", reason = Write type 9 is not 1 to 4"));
+    EXPECT_TRUE(
+        log.ContainsText(", reason = org.freedesktop.DBus.Error.InvalidArgs: Write type 9 is not 1 to 4"));
 
     ASSERT_EQ(StorageDaemonDbusHandler::SetWriteActive(kBase + "/usb", 1, true), 0);
     EXPECT_LT(StorageDaemonDbusHandler::StartStorageFormat(kBase + "/usb"), 0);

@@ -84,6 +84,14 @@ int SetProperty(sd_bus* bus, const std::string& service, const std::string& path
     return SetProperty(bus, service, path, interface, name, wire, error);
 }
 
+// Calls a method with arguments `types`/... (sd_bus_message_append
+// conventions), waiting at most DbusHelper::kMethodCallTimeoutUsec whatever
+// the connection's own default. On success `reply` (when given) holds the
+// answer; on failure returns a negative errno with `error` filled.
+int CallMethod(sd_bus* bus, const std::string& service, const std::string& path, const std::string& interface,
+    const std::string& member, DbusHelper::SdBusMessagePtr* reply, std::string& error, const char* types,
+    ...);
+
 // Calls org.freedesktop.DBus.Properties.GetAll; on success `reply` is
 // positioned at its "a{sv}" dictionary, ready for ParseProperties.
 int GetAllProperties(sd_bus* bus, const std::string& service, const std::string& path,
