@@ -130,7 +130,9 @@ bool Pipeline::ConnectBusMessages()
         return false;
 
     GstPtr<GstBus> bus(gst_pipeline_get_bus(pipeline.get()));
+    RemoveBusWatch();
     gst_bus_add_watch(bus.get(), gst_bus_async_signal_func, nullptr);
+    bus_watched_ = true;
 
     g_signal_connect(bus.get(), "message::state-changed", G_CALLBACK(&Pipeline::OnStateChanged), this);
     g_signal_connect(bus.get(), "message::error", G_CALLBACK(&Pipeline::OnError), this);
@@ -146,7 +148,9 @@ void Pipeline::RemoveBusWatch()
     if (!pipeline)
         return;
     GstPtr<GstBus> bus(gst_pipeline_get_bus(pipeline.get()));
-    gst_bus_remove_watch(bus.get());
+    if (bus_watched_)
+        gst_bus_remove_watch(bus.get());
+    bus_watched_ = false;
     // The bus may outlive this object; nothing must call back into it.
     g_signal_handlers_disconnect_by_data(bus.get(), this);
 }

@@ -125,6 +125,8 @@ private:
     // Lets queue reports already handed to the main loop detect that this
     // object is gone.
     std::shared_ptr<Pipeline*> alive_;
+    // Whether the current pipeline's bus has a watch to remove.
+    bool bus_watched_ = false;
 };
 
 } // namespace VideoDaemon
