@@ -1,0 +1,348 @@
+// The MP4 mux and SnapVoice pipelines recording real files from the recording chain.
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cmath>
+#include <thread>
+
+#include "ffprobe.h"
+#include "log_capture.h"
+#include "pipeline_harness.h"
+#include "pipelines/snapvoice_pipeline.h"
+#include "recording_chain.h"
+
+using namespace PipelineHarness;
+using VideoDaemon::Mp4muxPipeline;
+
+namespace
+{
+
+class TempDir
+{
+public:
+    TempDir()
+    {
+        char pattern[] = "/tmp/videod-mp4mux-XXXXXX";
+        path_ = mkdtemp(pattern);
+    }
+    ~TempDir() { CommandLines("rm -rf '" + path_ + "'"); }
+    std::string File(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+off_t FileSize(const std::string& path)
+{
+    struct stat info;
+    return stat(path.c_str(), &info) == 0 ? info.st_size : -1;
+}
+
+void Sleep(int ms)
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+}
+
+double Seconds(std::chrono::steady_clock::time_point since)
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
+}
+
+// Asks the muxer to finish the file and waits for its EOS on the main loop.
+bool CloseWithEos(RecordingChain& chain)
+{
+    int eos = 0;
+    sigc::connection connection = chain.mux->signal_eos.connect([&] { ++eos; });
+    bool ok = chain.mux->CloseRecord(true) == 0 && RunMainLoopUntil([&] { return eos > 0; }, 5000);
+    connection.disconnect();
+    chain.FinishRecording();
+    return ok;
+}
+
+// Largest distance between consecutive presentation times of a stream.
+double LargestGap(const std::vector<Packet>& packets)
+{
+    std::vector<double> times;
+    for (const Packet& packet : packets)
+        times.push_back(packet.pts);
+    std::sort(times.begin(), times.end());
+    double gap = 0;
+    for (size_t i = 1; i < times.size(); ++i)
+        gap = std::max(gap, times[i] - times[i - 1]);
+    return gap;
+}
+
+class Mp4muxDeathTest : public ::testing::Test
+{
+protected:
+    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+} // namespace
+
+TEST(Mp4muxPipeline, NamesEveryElementAfterItsPrefix)
+{
+    Mp4muxPipeline mux("autolog");
+    EXPECT_EQ(mux.GetName(), "autolog_Mp4muxPipeline");
+    EXPECT_EQ(mux.GetSinkName(), "autolog_mp4mux_filesink");
+    EXPECT_EQ(mux.GetSourceName(), "autolog_mp4mux_video0");
+    EXPECT_EQ(mux.GetAudioSourceName(), "autolog_mp4mux_audio0");
+    LogCapture log;
+    ASSERT_TRUE(mux.Launch(false, false, false));
+    EXPECT_TRUE(log.Contains(LOG_INFO, "Initialising mux pause objects"));
+    for (const char* name : { "autolog_mp4mux_video0", "autolog_idr_valve", "autolog_mp4mux_mque",
+             "autolog_mp4mux_vid_pause", "autolog_mux", "autolog_mp4mux_queue", "autolog_mp4mux_tracker",
+             "autolog_mp4mux_filesink", "autolog_mp4mux_audio0", "autolog_mp4mux_aud_pause" })
+        EXPECT_NE(ElementOf(mux, name), nullptr) << name;
+    gchar* location = nullptr;
+    g_object_get(ElementOf(mux, "autolog_mp4mux_filesink").get(), "location", &location, nullptr);
+    EXPECT_STREQ(location, "/dev/null");
+    g_free(location);
+}
+
+TEST(Mp4muxPipeline, OperationsBeforeLaunchReportTheMissingPipeline)
+{
+    LogCapture log;
+    Mp4muxPipeline mux("video");
+    mux.SetLocation("/tmp/x.mp4");
+    EXPECT_TRUE(log.Contains(LOG_INFO, "SetLocation '/tmp/x.mp4'"));
+    EXPECT_TRUE(log.Contains(LOG_ERR,
+        "virtual void VideoDaemon::Mp4muxPipeline::SetLocation(const string&): "
+        "pipeline == NULL (video_mp4mux_filesink)"));
+    EXPECT_TRUE(log.Contains(LOG_ERR, "video_mp4mux_filesink: element not found"));
+    mux.SetDropIDR(false);
+    EXPECT_TRUE(log.Contains(LOG_WARNING, "Set Drop IDR to : 0"));
+    EXPECT_TRUE(log.Contains(LOG_ERR,
+        "void VideoDaemon::Mp4muxPipeline::SetDropIDR(bool): pipeline == NULL "
+        "(video_idr_valve)"));
+    EXPECT_TRUE(log.Contains(LOG_WARNING, "Failed to find video_idr_valve element"));
+    mux.SetMoovRecoveryFile("/tmp/x.mrf");
+    EXPECT_TRUE(log.Contains(LOG_ERR,
+        "void VideoDaemon::Mp4muxPipeline::SetMoovRecoveryFile(const string&): "
+        "pipeline == NULL (video_mux)"));
+    EXPECT_FALSE(mux.EnableTrackerSignals(true));
+    EXPECT_TRUE(log.Contains(LOG_ERR,
+        "bool VideoDaemon::Mp4muxPipeline::EnableTrackerSignals(bool): pipeline == "
+        "NULL (video_mp4mux_tracker)"));
+    EXPECT_TRUE(log.Contains(LOG_ERR, "video_mp4mux_tracker: identity element not found"));
+}
+
+TEST(Mp4muxPipeline, RecordsH264MainAndAac48kStereoStartingOnAnIdrFrame)
+{
+    TempDir dir;
+    const std::string file = dir.File("recording.mp4");
+    const std::string recovery = dir.File("recording.mrf");
+    RecordingChain chain;
+    ASSERT_TRUE(chain.Start());
+    // Let the sources run a while, as they do before a capture starts.
+    Sleep(500);
+
+    LogCapture log;
+    auto started = std::chrono::steady_clock::now();
+    ASSERT_TRUE(chain.StartRecording(file, recovery));
+    EXPECT_TRUE(log.Contains(LOG_INFO, "OpenRecord '" + file + "'"));
+    EXPECT_TRUE(log.Contains(LOG_INFO, "SetMoovRecoveryFile '" + recovery + "'"));
+    EXPECT_EQ(chain.mux->GetLocation(), file);
+    EXPECT_EQ(chain.mux->GetMoovRecoveryFile(), recovery);
+    Sleep(3000);
+    // The muxer keeps its recovery data while the file is written.
+    EXPECT_GT(FileSize(recovery), 0);
+    EXPECT_GT(chain.mux->GetBytesWritten(), 0u);
+    double recorded = Seconds(started);
+    ASSERT_TRUE(CloseWithEos(chain));
+    EXPECT_EQ(chain.mux->GetPreviousLocation(), file);
+    EXPECT_EQ(chain.mux->GetLocation(), "");
+    EXPECT_EQ(chain.mux->GetBytesWritten(), 0u);
+    chain.Stop();
+
+    auto info
+        = ProbeEntries(file, "stream=codec_type,codec_name,profile,sample_rate,channels:format=duration");
+    EXPECT_EQ(info["streams.stream.0.codec_type"], "video");
+    EXPECT_EQ(info["streams.stream.0.codec_name"], "h264");
+    EXPECT_EQ(info["streams.stream.0.profile"], "Main");
+    EXPECT_EQ(info["streams.stream.1.codec_type"], "audio");
+    EXPECT_EQ(info["streams.stream.1.codec_name"], "aac");
+    EXPECT_EQ(info["streams.stream.1.sample_rate"], "48000");
+    EXPECT_EQ(info["streams.stream.1.channels"], "2");
+    double duration = std::strtod(info["format.duration"].c_str(), nullptr);
+    EXPECT_NEAR(duration, recorded, recorded * 0.1);
+
+    std::vector<Packet> video = ProbePackets(file, "v:0");
+    ASSERT_FALSE(video.empty());
+    EXPECT_EQ(video.front().flags.substr(0, 1), "K");
+    auto first = ProbeEntries(file, "frame=key_frame,pict_type", "-select_streams v:0 -read_intervals %+#1");
+    EXPECT_EQ(first["frames.frame.0.key_frame"], "1");
+    EXPECT_EQ(first["frames.frame.0.pict_type"], "I");
+}
+
+TEST(Mp4muxPipeline, PauseAndResumeLeaveNoGap)
+{
+    TempDir dir;
+    const std::string file = dir.File("paused.mp4");
+    RecordingChain chain;
+    ASSERT_TRUE(chain.Start());
+    Sleep(300);
+
+    LogCapture log;
+    double recorded = 0;
+    auto segment = std::chrono::steady_clock::now();
+    ASSERT_TRUE(chain.StartRecording(file));
+    Sleep(1500);
+    recorded += Seconds(segment);
+    ASSERT_TRUE(chain.Pause());
+    EXPECT_TRUE(log.Contains(LOG_ERR, "Mp4muxPipeline::SetMuxPause (pause)"));
+    Sleep(1000);
+    segment = std::chrono::steady_clock::now();
+    ASSERT_TRUE(chain.Resume());
+    EXPECT_TRUE(log.Contains(LOG_ERR, "Mp4muxPipeline::SetMuxPause (resume)"));
+    Sleep(1500);
+    recorded += Seconds(segment);
+
+    // A second pause hands the video's accumulated pause length to the audio.
+    ASSERT_TRUE(chain.Pause());
+    guint64 video_length = 0, audio_length = 0;
+    g_object_get(
+        ElementOf(*chain.mux, "video_mp4mux_vid_pause").get(), "pause_length", &video_length, nullptr);
+    g_object_get(
+        ElementOf(*chain.mux, "video_mp4mux_aud_pause").get(), "pause_length", &audio_length, nullptr);
+    EXPECT_GT(video_length, 0u);
+    EXPECT_EQ(audio_length, video_length);
+    Sleep(1000);
+    segment = std::chrono::steady_clock::now();
+    ASSERT_TRUE(chain.Resume());
+    Sleep(1000);
+    recorded += Seconds(segment);
+    ASSERT_TRUE(CloseWithEos(chain));
+    chain.Stop();
+
+    auto info = ProbeEntries(file, "format=duration");
+    double duration = std::strtod(info["format.duration"].c_str(), nullptr);
+    EXPECT_NEAR(duration, recorded, recorded * 0.1);
+    std::vector<Packet> video = ProbePackets(file, "v:0");
+    std::vector<Packet> audio = ProbePackets(file, "a:0");
+    ASSERT_GT(video.size(), 60u);
+    ASSERT_GT(audio.size(), 60u);
+    // 29.97 fps video and 1024-sample AAC frames at 48 kHz: a handful of
+    // frames at most between samples, never the second of the pause.
+    EXPECT_LT(LargestGap(video), 0.3);
+    EXPECT_LT(LargestGap(audio), 0.3);
+}
+
+TEST(Mp4muxPipeline, CloseWithoutEosKillsThePipelineAndKeepsThePreviousLocation)
+{
+    TempDir dir;
+    const std::string file = dir.File("killed.mp4");
+    RecordingChain chain;
+    ASSERT_TRUE(chain.Start());
+    ASSERT_TRUE(chain.StartRecording(file));
+    Sleep(500);
+
+    LogCapture log;
+    EXPECT_EQ(chain.mux->CloseRecord(false), 0);
+    EXPECT_TRUE(log.Contains(LOG_ERR, "Killing off MP4 pipeline without sending EOS..."));
+    EXPECT_TRUE(log.Contains(LOG_WARNING, "Set Drop IDR to : 1"));
+    EXPECT_FALSE(log.ContainsText("Sending EOS event"));
+    EXPECT_EQ(chain.mux->GetState(), GST_STATE_NULL);
+    EXPECT_EQ(chain.mux->GetPreviousLocation(), file);
+    EXPECT_EQ(chain.mux->GetLocation(), "");
+    EXPECT_EQ(chain.mux->GetBytesWritten(), 0u);
+    gboolean drop = FALSE;
+    g_object_get(ElementOf(*chain.mux, "video_idr_valve").get(), "drop", &drop, nullptr);
+    EXPECT_TRUE(drop);
+    chain.Stop();
+}
+
+TEST(Mp4muxPipeline, EnablingTheTrackerTwiceStopsTheCounting)
+{
+    TempDir dir;
+    RecordingChain chain;
+    ASSERT_TRUE(chain.Start());
+    ASSERT_TRUE(chain.StartRecording(dir.File("counted.mp4")));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return chain.mux->GetBytesWritten() > 0; }, 3000));
+
+    EXPECT_TRUE(chain.mux->EnableTrackerSignals(true));
+    guint64 frozen = chain.mux->GetBytesWritten();
+    Sleep(700);
+    EXPECT_EQ(chain.mux->GetBytesWritten(), frozen);
+    gboolean silent = TRUE;
+    g_object_get(ElementOf(*chain.mux, "video_mp4mux_tracker").get(), "silent", &silent, nullptr);
+    EXPECT_FALSE(silent);
+
+    // A third enable counts again.
+    EXPECT_TRUE(chain.mux->EnableTrackerSignals(true));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return chain.mux->GetBytesWritten() > frozen; }, 3000));
+    EXPECT_TRUE(chain.mux->EnableTrackerSignals(false));
+    g_object_get(ElementOf(*chain.mux, "video_mp4mux_tracker").get(), "silent", &silent, nullptr);
+    EXPECT_TRUE(silent);
+    EXPECT_EQ(chain.mux->CloseRecord(false), 0);
+    chain.Stop();
+}
+
+TEST(SnapvoicePipeline, RecordsAStillPictureWithNarration)
+{
+    TempDir dir;
+    const std::string file = dir.File("note.mp4");
+    RecordingChain chain(std::make_unique<VideoDaemon::SnapvoicePipeline>());
+    EXPECT_EQ(chain.mux->GetName(), "snapvoice_Mp4muxPipeline");
+    EXPECT_EQ(chain.mux->GetSinkName(), "snapvoice_mp4mux_filesink");
+    ASSERT_TRUE(chain.Start());
+    EXPECT_NE(ElementOf(*chain.mux, "snapvoice_filter"), nullptr);
+    EXPECT_NE(ElementOf(*chain.mux, "snapvoice_mp4mux_queue"), nullptr);
+    ASSERT_TRUE(chain.StartRecording(file));
+    Sleep(2000);
+    ASSERT_TRUE(CloseWithEos(chain));
+    chain.Stop();
+
+    auto info = ProbeEntries(file, "stream=codec_type,codec_name:format=duration");
+    EXPECT_EQ(info["streams.stream.0.codec_name"], "h264");
+    EXPECT_EQ(info["streams.stream.1.codec_name"], "aac");
+    std::vector<Packet> video = ProbePackets(file, "v:0");
+    std::vector<Packet> audio = ProbePackets(file, "a:0");
+    ASSERT_FALSE(video.empty());
+    EXPECT_EQ(video.front().flags.substr(0, 1), "K");
+    // The narration runs on; the picture does not.
+    EXPECT_GT(audio.size(), 50u);
+    EXPECT_LT(video.size(), audio.size() / 4);
+}
+
+TEST_F(Mp4muxDeathTest, MuxPauseWithoutPipelineEndsTheProcess)
+{
+    Mp4muxPipeline mux("video");
+    EXPECT_DEATH(
+        {
+            LogToStderr();
+            mux.ResetMuxPause();
+        },
+        "Mp4muxPipeline::ResetMuxPause.*<3>void VideoDaemon::MuxPause::Reset\\(\\): pipeline == NULL "
+        "\\(video_mp4mux_vid_pause\\).*src/pipelines/mp4mux_pipeline.cpp:[0-9]+:.*assertion failed: "
+        "\\(element\\)");
+    EXPECT_DEATH(
+        {
+            LogToStderr();
+            mux.SetMuxPause(true);
+        },
+        "<3>guint64 VideoDaemon::MuxPause::GetPauseLength\\(\\): pipeline == NULL "
+        "\\(video_mp4mux_vid_pause\\)"
+        ".*src/pipelines/mp4mux_pipeline.cpp");
+    EXPECT_DEATH(
+        {
+            LogToStderr();
+            mux.SetMuxPause(false);
+        },
+        "<3>void VideoDaemon::MuxPause::Resume\\(\\): pipeline == NULL \\(video_mp4mux_vid_pause\\)"
+        ".*src/pipelines/mp4mux_pipeline.cpp");
+}
+
+TEST_F(Mp4muxDeathTest, MuxPauseOfATornDownPipelineEndsTheProcess)
+{
+    Mp4muxPipeline mux("video");
+    ASSERT_TRUE(mux.Launch(false, false, false));
+    mux.ResetMuxPause();
+    ASSERT_TRUE(mux.TearDown());
+    EXPECT_DEATH(
+        {
+            LogToStderr();
+            mux.SetMuxPause(false);
+        },
+        "void VideoDaemon::MuxPause::Resume\\(\\): pipeline == NULL.*assertion failed: \\(element\\)");
+}

@@ -1,0 +1,124 @@
+// The recording chain linked as the streamer links it: test input, BGRA stage, H.264 "video",
+// microphone, AAC and the "video" MP4 muxer.
+#pragma once
+
+#include <memory>
+#include <vector>
+#include <string>
+
+#include "described_pipeline.h"
+#include "pipelines/aac_encode_pipeline.h"
+#include "pipelines/h264_encode_pipeline.h"
+#include "pipelines/mic_input_pipeline.h"
+#include "pipelines/mp4mux_pipeline.h"
+#include "pipelines/test_input_pipeline.h"
+
+namespace PipelineHarness
+{
+
+// Stands in for the picture processing between the input and the encoders,
+// which hands the encoders BGRA.
+class BgraStage : public DescribedPipeline
+{
+public:
+    BgraStage()
+        : DescribedPipeline(
+            "interpipesrc name=chain_bgra_src is-live=false max-buffers=1 leaky-type=2 "
+            "! videoconvert ! video/x-raw,format=BGRA "
+            "! interpipesink name=chain_bgra_sink max-buffers=1 sync=false forward-events=true",
+            "chain_bgra_sink", "chain_bgra_src")
+    {
+    }
+};
+
+struct RecordingChain {
+    VideoDaemon::TestInputPipeline input;
+    BgraStage bgra;
+    VideoDaemon::H264EncodePipeline h264 { "video" };
+    VideoDaemon::MicInputPipeline mic;
+    VideoDaemon::AacEncodePipeline aac;
+    std::unique_ptr<VideoDaemon::Mp4muxPipeline> mux;
+
+    explicit RecordingChain(std::unique_ptr<VideoDaemon::Mp4muxPipeline> muxer = nullptr)
+        : mux(muxer ? std::move(muxer) : std::make_unique<VideoDaemon::Mp4muxPipeline>("video"))
+    {
+    }
+
+    ~RecordingChain() { Stop(); }
+    RecordingChain(const RecordingChain&) = delete;
+    RecordingChain& operator=(const RecordingChain&) = delete;
+
+    std::vector<VideoDaemon::Pipeline*> All()
+    {
+        return { &input, &bgra, &h264, &mic, &aac, mux.get() };
+    }
+
+    // Launches and links everything; the sources and the encoder play, the
+    // encoder's valve stays closed, the AAC encoder and the muxer stay idle.
+    bool Start()
+    {
+        for (VideoDaemon::Pipeline* pipeline : All())
+            if (!pipeline->Launch(true, true, true))
+                return false;
+        bool linked = bgra.ListenTo(&input, "", "") && h264.ListenTo(&bgra, "", "")
+            && aac.ListenTo(&mic, "", "") && mux->ListenTo(&h264, "", "")
+            && mux->ListenTo(&aac, "", mux->GetAudioSourceName());
+        return linked && input.SetState(GST_STATE_PLAYING, 0) == 0 && bgra.SetState(GST_STATE_PLAYING, 0) == 0
+            && mic.SetState(GST_STATE_PLAYING, 0) == 0 && h264.SetState(GST_STATE_PLAYING, 0) == 0;
+    }
+
+    // Starts a file as a video recording does.
+    bool StartRecording(const std::string& path, const std::string& recovery_path = "")
+    {
+        if (!recovery_path.empty())
+            mux->SetMoovRecoveryFile(recovery_path);
+        mux->OpenRecord(path);
+        h264.SetValve(false);
+        if (aac.SetState(GST_STATE_PLAYING, 0) != 0 || mux->SetState(GST_STATE_PLAYING, 0) != 0)
+            return false;
+        mux->SetDropIDR(false);
+        return true;
+    }
+
+    // Detaches the muxer from both encoders and holds its timeline.
+    bool Pause()
+    {
+        for (const std::string& source : { mux->GetSourceName(), mux->GetAudioSourceName() }) {
+            VideoDaemon::GstPtr<GstElement> element(
+                gst_bin_get_by_name(GST_BIN(mux->GetPipeline()), source.c_str()));
+            if (!element)
+                return false;
+            g_object_set(element.get(), "listen-to", "null", nullptr);
+        }
+        mux->SetMuxPause(true);
+        mux->SetDropIDR(true);
+        return mux->SetState(GST_STATE_PAUSED, 0) == 0;
+    }
+
+    bool Resume()
+    {
+        if (!mux->ListenTo(&h264, "", "") || !mux->ListenTo(&aac, "", mux->GetAudioSourceName()))
+            return false;
+        mux->SetMuxPause(false);
+        mux->SetDropIDR(false);
+        return mux->SetState(GST_STATE_PLAYING) == 0;
+    }
+
+    // After the muxer's EOS: idle again, as the streamer leaves it.
+    void FinishRecording()
+    {
+        mux->ResetMuxPause();
+        mux->SetDropIDR(true);
+        mux->SetState(GST_STATE_NULL);
+        h264.SetValve(true);
+        aac.SetState(GST_STATE_NULL);
+    }
+
+    void Stop()
+    {
+        for (VideoDaemon::Pipeline* pipeline : All())
+            pipeline->SetState(GST_STATE_NULL);
+    }
+};
+
+} // namespace PipelineHarness
