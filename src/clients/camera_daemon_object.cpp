@@ -84,12 +84,10 @@ int32_t CameraDaemonObject::GetActiveCameraIndex(int32_t& index)
         Error("%s: d-bus is NULL", VIDEOD_SIGNATURE);
         return -ENOTCONN;
     }
+    // Callers report a failed read in their own words.
     std::string error;
     const int32_t r = sdbus_utils::GetProperty(_Bus, CAMERA_DAEMON_SERVICE, CAMERA_DAEMON_PATH,
         CAMERA_DAEMON_INTERFACE, CAMERA_PROP_ACTIVE_CAMERA_INDEX, index, error);
-    if (r < 0)
-        Error("%s: Failed to get %s property, err:%s", VIDEOD_SIGNATURE, CAMERA_PROP_ACTIVE_CAMERA_INDEX,
-            error.c_str());
     return r;
 }
 

@@ -145,7 +145,9 @@ TEST_F(CameraClient, WithoutTheCameraDaemonOperationsFailWithTheirMessages)
     EXPECT_TRUE(
         log.ContainsText("Camerad::CameraDaemonObject::CameraDaemonObject(sd_bus*): Failed to fetch managed "
                          "objects: -"));
+    log.Clear();
     EXPECT_EQ(daemon.GetActiveCamera(), nullptr);
+    EXPECT_EQ(log.Lines().size(), 1u);
     EXPECT_TRUE(log.Contains(kError,
         "std::shared_ptr<Camerad::CameraObject> Camerad::CameraDaemonObject::"
         "GetActiveCamera(): d-bus error, failed to get camera idx"));
