@@ -86,6 +86,19 @@ int PacedPcm::Constrain()
     return err;
 }
 
+bool PacedPcm::IsStopped() const
+{
+    switch (_Io.state) {
+    case SND_PCM_STATE_PREPARED:
+    case SND_PCM_STATE_RUNNING:
+    case SND_PCM_STATE_DRAINING:
+    case SND_PCM_STATE_PAUSED:
+        return false;
+    default:
+        return true;
+    }
+}
+
 uint64_t PacedPcm::FramesAt(uint64_t now) const
 {
     if (now <= _StartTime)
@@ -143,7 +156,9 @@ void PacedPcm::ArmForNextWake(uint64_t now)
 {
     bool xrun = false;
     const snd_pcm_uframes_t avail = AvailableNow(now, &xrun);
-    if (xrun || avail >= _AvailMin)
+    if (IsStopped())
+        _Timer.Arm(now, 0);
+    else if (xrun || avail >= _AvailMin)
         _Timer.Arm(now, PeriodDuration());
     else if (_Running)
         _Timer.Arm(TimeOfFrame(FramesAt(now) + (_AvailMin - avail)), PeriodDuration());
@@ -271,7 +286,8 @@ int PacedPcm::PollRevents(struct pollfd* pfd, unsigned int nfds, unsigned short*
 {
     std::lock_guard<std::mutex> lock(_Lock);
     _Timer.Clear();
-    if (nfds < 1 || (pfd->revents & (POLLERR | POLLNVAL))) {
+    // alsa-lib turns the error into the stream state's own error code.
+    if (nfds < 1 || (pfd->revents & (POLLERR | POLLNVAL)) || IsStopped()) {
         *revents = POLLERR;
         return 0;
     }

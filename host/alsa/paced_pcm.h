@@ -28,6 +28,8 @@ private:
     int Constrain();
 
     bool IsCapture() const { return _Io.stream == SND_PCM_STREAM_CAPTURE; }
+    // Not prepared, running, draining or paused: pollers get an error at once.
+    bool IsStopped() const;
     // Frames the device has moved since it started, at monotonic time `now`.
     uint64_t FramesAt(uint64_t now) const;
     // Monotonic time at which the device will have moved `frames` frames.
