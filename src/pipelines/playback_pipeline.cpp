@@ -91,12 +91,12 @@ bool PlaybackPipeline::Launch(bool attach_probes, bool connect_bus, bool connect
             g_object_set(_VideoSink.get(), "sync", TRUE, nullptr);
     }
     if (!_VideoSink) {
-        pipeline.reset();
+        ReleaseElements();
         return false;
     }
     _AudioSink.reset(MakeElement("alsasink", "alsa-speaker"));
     if (!_AudioSink) {
-        pipeline.reset();
+        ReleaseElements();
         return false;
     }
     g_object_set(_AudioSink.get(), "sync", TRUE, nullptr);
@@ -112,6 +112,16 @@ bool PlaybackPipeline::Launch(bool attach_probes, bool connect_bus, bool connect
     _BusHandlerIds.push_back(
         g_signal_connect(bus.get(), "message::error", G_CALLBACK(&PlaybackPipeline::OnPlaybackError), this));
     return result;
+}
+
+void PlaybackPipeline::ReleaseElements()
+{
+    RemoveBusWatch();
+    _Playbin.reset();
+    _JpegSource.reset();
+    _VideoSink.reset();
+    _AudioSink.reset();
+    pipeline.reset();
 }
 
 int PlaybackPipeline::Play(

@@ -42,6 +42,8 @@ public:
     const std::string& GetCurrentFile() const { return _CurrentFile; }
 
 private:
+    // Drops the pipeline and the handles into it after a failed launch.
+    void ReleaseElements();
     int _SetRate(gdouble rate);
     int _Seek(int offsetMs);
     // The playbin's position in ms into _Position; false when unknown.

@@ -150,6 +150,13 @@ private:
     VideoDaemon::Pipeline& pipeline_;
 };
 
+// Waits (bounded) until a flushing seek has prerolled again, as a user
+// would before the next seek.
+void Settle(PlaybackPipeline& playback)
+{
+    gst_element_get_state(GST_ELEMENT(playback.GetPipeline()), nullptr, nullptr, 2 * GST_SECOND);
+}
+
 // Opens the recording paused with the thumbnail shown, and waits until its duration is known.
 void OpenPaused(PlaybackPipeline& playback, Reports& reports)
 {
@@ -251,7 +258,7 @@ TEST(PlaybackPipeline, ChoosesTheSeekFlagsByRate)
         EXPECT_TRUE(log.Contains(
             LOG_INFO, std::string("int VideoDaemon::PlaybackPipeline::_SetRate(gdouble): ") + row.log))
             << row.rate;
-        RunMainLoopFor(100);
+        Settle(playback);
     }
 
     // Rewind plays from the current position back to the start.
@@ -262,7 +269,7 @@ TEST(PlaybackPipeline, ChoosesTheSeekFlagsByRate)
     EXPECT_EQ(0, seeks[0].start);
     EXPECT_GE(seeks[0].stop, 0);
     EXPECT_TRUE(log.Contains(LOG_INFO, "int VideoDaemon::PlaybackPipeline::_SetRate(gdouble): REWIND"));
-    RunMainLoopFor(100);
+    Settle(playback);
 
     const double before = playback.GetRate();
     EXPECT_EQ(-1, playback.SetRate(0.0));
@@ -289,10 +296,13 @@ TEST(PlaybackPipeline, ClampsSeeksToTheStartAndToTheDuration)
     EXPECT_TRUE(log.Contains(LOG_WARNING, "[Playback] failed to send seek event to set position\n"));
     EXPECT_TRUE(watch.Taken().empty());
     ASSERT_EQ(0, playback.SetRate(1.0));
+    Settle(playback);
     watch.Taken();
 
     EXPECT_EQ(0, playback.Seek(1000));
+    Settle(playback);
     EXPECT_EQ(0, playback.Seek(-10 * 60 * 1000));
+    Settle(playback);
     EXPECT_EQ(0, playback.Seek(10 * 60 * 1000));
     std::vector<SeekWatch::Seek> seeks = watch.Taken();
     ASSERT_EQ(3u, seeks.size());

@@ -274,3 +274,61 @@ TEST(SnapshotPipelineDeathTest, EndsTheProcessWhenTheLocationCannotBeSet)
         },
         "src/pipelines/snapshot_pipeline.cpp:131:.*assertion failed: \\(element\\)");
 }
+
+TEST(SnapshotPipeline, JudgesTheSinksAnnouncementsAgainstTheRequestedFile)
+{
+    MediaTest::ScratchDir dir;
+    const std::string path = dir.File("wanted.jpg");
+    SnapshotPipeline snapshot;
+    ASSERT_TRUE(snapshot.Launch(false, false, false));
+    VideoDaemon::GstPtr<GstElement> sink = ElementOf(snapshot, "snapshotSink");
+    VideoDaemon::GstPtr<GstElement> valve = ElementOf(snapshot, "snapshot_valve");
+    ASSERT_TRUE(sink && valve);
+    auto announce = [&](const char* source, const std::string& filename) {
+        VideoDaemon::GstMessagePtr message(gst_message_new_element(GST_OBJECT(sink.get()),
+            gst_structure_new("GstMultiFileSink", "filename", G_TYPE_STRING, filename.c_str(), nullptr)));
+        snapshot.OnElementMessage(source, message.get());
+    };
+    std::vector<std::string> created;
+    snapshot.signal_snapshot_created.connect([&](const std::string& file) { created.push_back(file); });
+    std::string error;
+    int status = -100;
+    auto start = [&] {
+        status = -100;
+        ASSERT_EQ(0,
+            snapshot.TakeSnapshotAsync(
+                path, 640, 480, 85, false, [&](int s) { status = s; }, error));
+        guint open = 0;
+        g_object_get(valve.get(), "num-buffers-pass", &open, nullptr);
+        EXPECT_EQ(1u, open);
+    };
+
+    // Another element, or another file, is not the snapshot.
+    start();
+    announce("somethingElse", path);
+    EXPECT_EQ(-100, status);
+    announce("snapshotSink", dir.File("other.jpg"));
+    EXPECT_EQ(1, status);
+
+    // The requested file, but empty.
+    start();
+    ASSERT_TRUE(MediaTest::WriteJpeg(path, 64, 48, "black"));
+    std::filesystem::resize_file(path, 0);
+    announce("snapshotSink", path);
+    EXPECT_EQ(1, status);
+    EXPECT_TRUE(created.empty());
+
+    // The requested file, named another way.
+    start();
+    ASSERT_TRUE(MediaTest::WriteJpeg(path, 64, 48, "black"));
+    announce("snapshotSink", dir.File(".//wanted.jpg"));
+    EXPECT_EQ(0, status);
+    EXPECT_EQ(1u, created.size());
+
+    // With nothing in progress, an announcement closes the valve.
+    announce("snapshotSink", path);
+    guint open = 99;
+    g_object_get(valve.get(), "num-buffers-pass", &open, nullptr);
+    EXPECT_EQ(0u, open);
+    EXPECT_EQ(1u, created.size());
+}
