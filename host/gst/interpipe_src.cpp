@@ -11,7 +11,8 @@
 //
 // "format" starts as time rather than appsrc's bytes.
 //
-// "stream-sync" decides the timestamps: 0 passes them through, 1 moves them
+// "stream-sync" decides the timestamps (unless "do-timestamp" restamps
+// them on the way out): 0 passes them through, 1 moves them
 // from the producer's running time to this pipeline's (both pipelines'
 // base times, one clock), so they stay monotonic across pipelines started
 // at different times and across producer switches, 2 restarts them at zero
@@ -165,6 +166,11 @@ void interpipe_src_receive(InterpipeSrc* self, GstBuffer* buffer, const Interpip
         && gst_app_src_get_current_level_buffers(appsrc) >= origin->maxBuffers)
         return;
 
+    // With "do-timestamp" the frame is stamped with this pipeline's running
+    // time as it leaves, the way a capture source stamps what it captures,
+    // so a producer whose timestamps run ahead of the clock cannot hold up
+    // a listener that syncs.
+    const bool restamp = gst_base_src_get_do_timestamp(GST_BASE_SRC(self));
     GstBuffer* out = nullptr;
     {
         std::lock_guard<std::mutex> lock(self->link->mutex);
@@ -190,7 +196,13 @@ void interpipe_src_receive(InterpipeSrc* self, GstBuffer* buffer, const Interpip
             break;
         }
         default:
-            out = gst_buffer_ref(buffer);
+            if (restamp) {
+                out = gst_buffer_copy(buffer);
+                GST_BUFFER_PTS(out) = GST_CLOCK_TIME_NONE;
+                GST_BUFFER_DTS(out) = GST_CLOCK_TIME_NONE;
+            } else {
+                out = gst_buffer_ref(buffer);
+            }
             break;
         }
     }
