@@ -232,6 +232,8 @@ TEST(PlaybackPipeline, ChoosesTheSeekFlagsByRate)
     NullOnExit null_on_exit(playback);
     Reports reports;
     OpenPaused(playback, reports);
+    if (HasFatalFailure())
+        return;
     SeekWatch watch(playback, "fake-display");
 
     struct Row {
@@ -287,6 +289,8 @@ TEST(PlaybackPipeline, ClampsSeeksToTheStartAndToTheDuration)
     NullOnExit null_on_exit(playback);
     Reports reports;
     OpenPaused(playback, reports);
+    if (HasFatalFailure())
+        return;
     const int64_t duration = reports.all.back().duration;
     SeekWatch watch(playback, "fake-display");
 
