@@ -409,3 +409,22 @@ TEST(PlaybackPipeline, MakesExactlyOneFinalReportAfterStop)
     EXPECT_EQ(2u, reports.EndReports());
     EXPECT_EQ(count + 1, reports.all.size());
 }
+
+TEST(PlaybackPipeline, LogsEachTickWithoutACallback)
+{
+    LogCapture log;
+    PlaybackPipeline playback(false);
+    NullOnExit null_on_exit(playback);
+    ASSERT_TRUE(playback.Launch(false, true, false));
+    ASSERT_EQ(0, playback.Play(Recording::Path(), 0.0, nullptr, 50, nullptr));
+    const std::string line
+        = "static gboolean VideoDaemon::PlaybackPipeline::_UpdateTimerCb(gpointer) _UpdateCb == NULL\n";
+    ASSERT_TRUE(RunMainLoopUntil([&] { return log.Count(LOG_INFO, line) >= 2; }));
+    playback.Stop();
+    ASSERT_TRUE(RunMainLoopUntil([&] { return playback.GetState() == GST_STATE_NULL; }));
+    const size_t ticks = log.Count(LOG_INFO, line);
+    RunMainLoopFor(300);
+    // The tick after Stop was the last one.
+    EXPECT_LE(log.Count(LOG_INFO, line), ticks + 1);
+    EXPECT_TRUE(log.Contains(LOG_INFO, "void VideoDaemon::PlaybackPipeline::Stop()"));
+}
