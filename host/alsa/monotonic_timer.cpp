@@ -34,17 +34,17 @@ MonotonicTimer::~MonotonicTimer()
 
 void MonotonicTimer::Arm(uint64_t at, uint64_t interval)
 {
-    itimerspec spec;
+    itimerspec setting;
     // An all-zero expiry would disarm the timer instead.
-    spec.it_value = ToTimespec(at > 0 ? at : 1);
-    spec.it_interval = ToTimespec(interval);
-    timerfd_settime(_Fd, TFD_TIMER_ABSTIME, &spec, nullptr);
+    setting.it_value = ToTimespec(at > 0 ? at : 1);
+    setting.it_interval = ToTimespec(interval);
+    timerfd_settime(_Fd, TFD_TIMER_ABSTIME, &setting, nullptr);
 }
 
 void MonotonicTimer::Disarm()
 {
-    itimerspec spec {};
-    timerfd_settime(_Fd, 0, &spec, nullptr);
+    itimerspec setting {};
+    timerfd_settime(_Fd, 0, &setting, nullptr);
 }
 
 void MonotonicTimer::Clear()

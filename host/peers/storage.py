@@ -125,10 +125,10 @@ def main():
     args = parser.parse_args()
     conn = peerlib.connect("storage")
     manager = Manager(conn)
-    for index, spec in enumerate(args.devices):
-        name, sep, directory = spec.partition("=")
+    for index, device in enumerate(args.devices):
+        name, sep, directory = device.partition("=")
         if not sep:
-            name, directory = "device%d" % index, spec
+            name, directory = "device%d" % index, device
         try:
             manager.add_device(name, directory, announce=False)
         except dbus.DBusException as e:

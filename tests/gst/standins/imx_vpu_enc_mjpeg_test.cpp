@@ -51,12 +51,12 @@ TEST(ImxVpuEncMjpeg, QualityFactorRangesFromOneToHundredAndChangesWhilePlaying)
     ElementPtr encoder(
         GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("imxvpuenc_mjpeg", nullptr))));
     ASSERT_TRUE(encoder);
-    auto* spec = G_PARAM_SPEC_UINT(
+    auto* param = G_PARAM_SPEC_UINT(
         g_object_class_find_property(G_OBJECT_GET_CLASS(encoder.get()), "quality-factor"));
-    ASSERT_NE(spec, nullptr);
-    EXPECT_EQ(spec->minimum, 1u);
-    EXPECT_EQ(spec->maximum, 100u);
-    EXPECT_TRUE(G_PARAM_SPEC(spec)->flags & GST_PARAM_MUTABLE_PLAYING);
+    ASSERT_NE(param, nullptr);
+    EXPECT_EQ(param->minimum, 1u);
+    EXPECT_EQ(param->maximum, 100u);
+    EXPECT_TRUE(G_PARAM_SPEC(param)->flags & GST_PARAM_MUTABLE_PLAYING);
     g_object_set(encoder.get(), "quality-factor", 42u, nullptr);
     guint quality = 0;
     g_object_get(encoder.get(), "quality-factor", &quality, nullptr);
