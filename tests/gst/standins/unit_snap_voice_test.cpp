@@ -4,9 +4,10 @@
 #include <string>
 #include <vector>
 
-#include "unit_test_pipeline.h"
+#include "support/ffprobe.h"
+#include "support/gst_test_pipeline.h"
 
-using namespace UnitTest;
+using namespace GstTest;
 
 TEST(SnapVoice, PassesTheFirstIdrFrameAfterEachResetAndDropsTheRest)
 {
@@ -68,8 +69,7 @@ TEST(SnapVoice, MakesAnMp4FileOfOnePictureAndTheWholeNarration)
     ASSERT_TRUE(pipeline.WaitForEos());
     pipeline.SetState(GST_STATE_NULL);
 
-    EXPECT_EQ(
-        Ffprobe({ "-show_entries", "stream=codec_name", "-of", "default=nw=1:nk=1", file }), "h264\naac\n");
+    EXPECT_EQ(FfprobeValues(file, "stream=codec_name"), (std::vector<std::string> { "h264", "aac" }));
     EXPECT_EQ(FfprobeNumber(file, "stream=nb_read_frames", "v"), 1);
     EXPECT_NEAR(FfprobeNumber(file, "stream=duration", "a"), 3.0, 0.2);
 }

@@ -1,0 +1,99 @@
+// Reads media files with ffprobe (and ffmpeg), the independent readers of the tests.
+#pragma once
+
+#include <glib.h>
+
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace GstTest
+{
+
+// Runs a program found on PATH; true when it ran and exited with status 0.
+inline bool RunProgram(
+    const std::vector<std::string>& arguments, std::string* out, std::string* err = nullptr)
+{
+    std::vector<gchar*> argv;
+    for (const std::string& argument : arguments)
+        argv.push_back(const_cast<gchar*>(argument.c_str()));
+    argv.push_back(nullptr);
+    g_autofree gchar* output = nullptr;
+    g_autofree gchar* errors = nullptr;
+    gint status = 0;
+    const bool ran = g_spawn_sync(nullptr, argv.data(), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr,
+        &output, &errors, &status, nullptr);
+    if (out != nullptr)
+        *out = output != nullptr ? output : "";
+    if (err != nullptr)
+        *err = errors != nullptr ? errors : "";
+    return ran && g_spawn_check_wait_status(status, nullptr);
+}
+
+// What ffprobe prints for the arguments; "" when it fails.
+inline std::string Ffprobe(std::vector<std::string> arguments)
+{
+    arguments.insert(arguments.begin(), { "ffprobe", "-v", "error" });
+    std::string output;
+    return RunProgram(arguments, &output) ? output : "";
+}
+
+// The values of entries ("stream=codec_name", "frame=pict_type", ...) in file order, one per line;
+// streams selects ("v:0", "a") or is empty for all.
+inline std::vector<std::string> FfprobeValues(
+    const std::string& file, const std::string& entries, const std::string& streams = "")
+{
+    std::vector<std::string> arguments;
+    if (!streams.empty())
+        arguments.insert(arguments.end(), { "-select_streams", streams });
+    if (entries.find("nb_read_frames") != std::string::npos)
+        arguments.push_back("-count_frames");
+    arguments.insert(arguments.end(), { "-show_entries", entries, "-of", "default=nw=1:nk=1", file });
+    std::vector<std::string> values;
+    std::istringstream lines(Ffprobe(arguments));
+    for (std::string line; std::getline(lines, line);)
+        if (!line.empty())
+            values.push_back(line);
+    return values;
+}
+
+// One numeric entry ("format=duration", "stream=nb_read_frames", ...) of a file; -1 when absent.
+inline double FfprobeNumber(
+    const std::string& file, const std::string& entry, const std::string& streams = "")
+{
+    const std::vector<std::string> values = FfprobeValues(file, entry, streams);
+    if (values.empty())
+        return -1;
+    char* end = nullptr;
+    const double value = g_ascii_strtod(values.front().c_str(), &end);
+    return end == values.front().c_str() ? -1 : value;
+}
+
+// Several entries by key, e.g. FfprobeEntries(file, "stream=codec_name,profile", "v:0")["profile"].
+inline std::map<std::string, std::string> FfprobeEntries(
+    const std::string& file, const std::string& entries, const std::string& streams = "")
+{
+    std::vector<std::string> arguments;
+    if (!streams.empty())
+        arguments.insert(arguments.end(), { "-select_streams", streams });
+    arguments.insert(arguments.end(), { "-show_entries", entries, "-of", "default=nw=1", file });
+    std::map<std::string, std::string> values;
+    std::istringstream lines(Ffprobe(arguments));
+    for (std::string line; std::getline(lines, line);) {
+        const auto equals = line.find('=');
+        if (equals != std::string::npos)
+            values[line.substr(0, equals)] = line.substr(equals + 1);
+    }
+    return values;
+}
+
+// True when ffmpeg decodes the whole file without a complaint.
+inline bool FfmpegDecodesCleanly(const std::string& file)
+{
+    std::string errors;
+    return RunProgram({ "ffmpeg", "-v", "error", "-i", file, "-f", "null", "-" }, nullptr, &errors)
+        && errors.empty();
+}
+
+} // namespace GstTest
