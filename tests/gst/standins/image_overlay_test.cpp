@@ -1,5 +1,12 @@
 // The SVG overlay stand-in draws its document over the frames.
-#include "image_frame_harness.h"
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "support/gst_test_pipeline.h"
+
+using namespace GstTest;
 
 namespace
 {
@@ -56,12 +63,12 @@ int CountColour(const std::vector<uint8_t>& frame, int x0, int y0, int x1, int y
 
 TEST(RsvgOverlayTarnwell, DrawsTheDocumentWhereItHasContentOnly)
 {
-    FrameHarness harness(kBgraCaps, kOverlay);
-    ASSERT_TRUE(harness.Ok());
-    g_autoptr(GstElement) overlay = harness.Element("svg_overlay");
-    g_object_set(overlay, "data", kLeftHalfRed, nullptr);
+    TestPipeline harness(FrameLoop(kBgraCaps, kOverlay));
+    ASSERT_TRUE(harness.Parsed() && harness.Start()) << harness.Error();
+    ObjectPtr<GstElement> overlay = harness.Element("svg_overlay");
+    g_object_set(overlay.get(), "data", kLeftHalfRed, nullptr);
 
-    const std::vector<uint8_t> output = harness.Run(GreyFrame());
+    const std::vector<uint8_t> output = harness.PushFrame(GreyFrame());
     ASSERT_EQ(output.size(), GreyFrame().size());
     EXPECT_EQ(CountColour(output, 0, 0, 32, kHeight, kRed), 32 * kHeight);
     EXPECT_EQ(CountColour(output, 32, 0, kWidth, kHeight, kGrey), 32 * kHeight);
@@ -69,62 +76,48 @@ TEST(RsvgOverlayTarnwell, DrawsTheDocumentWhereItHasContentOnly)
 
 TEST(RsvgOverlayTarnwell, FitToFrameStretchesTheDocumentOverTheWholeFrame)
 {
-    FrameHarness harness(kBgraCaps, kOverlay);
-    ASSERT_TRUE(harness.Ok());
-    g_autoptr(GstElement) overlay = harness.Element("svg_overlay");
-    g_object_set(overlay, "data", kSmallBlue, nullptr);
+    TestPipeline harness(FrameLoop(kBgraCaps, kOverlay));
+    ASSERT_TRUE(harness.Parsed() && harness.Start()) << harness.Error();
+    ObjectPtr<GstElement> overlay = harness.Element("svg_overlay");
+    g_object_set(overlay.get(), "data", kSmallBlue, nullptr);
 
-    std::vector<uint8_t> output = harness.Run(GreyFrame());
+    std::vector<uint8_t> output = harness.PushFrame(GreyFrame());
     EXPECT_EQ(CountColour(output, 0, 0, 16, 16, kBlue), 16 * 16);
     EXPECT_EQ(PixelAt(output, 40, 30), kGrey) << "a document drawn at its own size";
 
-    g_object_set(overlay, "fit-to-frame", TRUE, nullptr);
-    output = harness.Run(GreyFrame());
+    g_object_set(overlay.get(), "fit-to-frame", TRUE, nullptr);
+    output = harness.PushFrame(GreyFrame());
     EXPECT_EQ(CountColour(output, 0, 0, kWidth, kHeight, kBlue), kWidth * kHeight);
 }
 
 TEST(RsvgOverlayTarnwell, DisabledOrEmptyOverlayPassesFramesUnchanged)
 {
-    FrameHarness harness(kBgraCaps,
-        "rsvgoverlaytarnwell name=svg_overlay fit-to-frame=true enabled=true svg_overlay.src_first");
-    ASSERT_TRUE(harness.Ok());
-    g_autoptr(GstElement) overlay = harness.Element("svg_overlay");
-    EXPECT_EQ(harness.Run(GreyFrame()), GreyFrame()) << "no document yet";
+    TestPipeline harness(FrameLoop(kBgraCaps,
+        "rsvgoverlaytarnwell name=svg_overlay fit-to-frame=true enabled=true svg_overlay.src_first"));
+    ASSERT_TRUE(harness.Parsed() && harness.Start()) << harness.Error();
+    ObjectPtr<GstElement> overlay = harness.Element("svg_overlay");
+    EXPECT_EQ(harness.PushFrame(GreyFrame()), GreyFrame()) << "no document yet";
 
-    g_object_set(overlay, "data", kLeftHalfRed, nullptr);
-    EXPECT_NE(harness.Run(GreyFrame()), GreyFrame());
+    g_object_set(overlay.get(), "data", kLeftHalfRed, nullptr);
+    EXPECT_NE(harness.PushFrame(GreyFrame()), GreyFrame());
 
-    g_object_set(overlay, "enabled", FALSE, nullptr);
-    EXPECT_EQ(harness.Run(GreyFrame()), GreyFrame());
+    g_object_set(overlay.get(), "enabled", FALSE, nullptr);
+    EXPECT_EQ(harness.PushFrame(GreyFrame()), GreyFrame());
 
-    g_object_set(overlay, "enabled", TRUE, "data", "this is not svg", nullptr);
-    EXPECT_EQ(harness.Run(GreyFrame()), GreyFrame()) << "an unreadable document draws nothing";
+    g_object_set(overlay.get(), "enabled", TRUE, "data", "this is not svg", nullptr);
+    EXPECT_EQ(harness.PushFrame(GreyFrame()), GreyFrame()) << "an unreadable document draws nothing";
 }
 
 TEST(RsvgOverlayTarnwell, ANewDocumentReplacesTheOldOneWhilePlaying)
 {
-    FrameHarness harness(kBgraCaps, kOverlay);
-    ASSERT_TRUE(harness.Ok());
-    g_autoptr(GstElement) overlay = harness.Element("svg_overlay");
-    g_object_set(overlay, "data", kLeftHalfRed, nullptr);
-    EXPECT_EQ(PixelAt(harness.Run(GreyFrame()), 4, 4), kRed);
+    TestPipeline harness(FrameLoop(kBgraCaps, kOverlay));
+    ASSERT_TRUE(harness.Parsed() && harness.Start()) << harness.Error();
+    ObjectPtr<GstElement> overlay = harness.Element("svg_overlay");
+    g_object_set(overlay.get(), "data", kLeftHalfRed, nullptr);
+    EXPECT_EQ(PixelAt(harness.PushFrame(GreyFrame()), 4, 4), kRed);
 
-    g_object_set(overlay, "data", kSmallBlue, nullptr);
-    const std::vector<uint8_t> output = harness.Run(GreyFrame());
+    g_object_set(overlay.get(), "data", kSmallBlue, nullptr);
+    const std::vector<uint8_t> output = harness.PushFrame(GreyFrame());
     EXPECT_EQ(PixelAt(output, 4, 4), kBlue);
     EXPECT_EQ(PixelAt(output, 20, 20), kGrey) << "the red bar is gone";
-}
-
-TEST(RsvgOverlayTarnwell, OffersThePropertiesAndPadTheOverlayPipelineUses)
-{
-    gst_init(nullptr, nullptr);
-    g_autoptr(GstElement) overlay = gst_element_factory_make("rsvgoverlaytarnwell", nullptr);
-    ASSERT_NE(overlay, nullptr);
-    gst_object_ref_sink(overlay);
-    ExpectProperty(G_OBJECT(overlay), "data", G_TYPE_STRING);
-    ExpectProperty(G_OBJECT(overlay), "enabled", G_TYPE_BOOLEAN);
-    ExpectProperty(G_OBJECT(overlay), "fit-to-frame", G_TYPE_BOOLEAN);
-    g_autoptr(GstPad) pad = gst_element_get_static_pad(overlay, "src_first");
-    ASSERT_NE(pad, nullptr);
-    EXPECT_EQ(gst_pad_get_direction(pad), GST_PAD_SRC);
 }

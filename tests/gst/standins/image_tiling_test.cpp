@@ -1,5 +1,12 @@
 // The zoom and pan stand-in crops and scales real pixels.
-#include "image_frame_harness.h"
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "support/gst_test_pipeline.h"
+
+using namespace GstTest;
 
 namespace
 {
@@ -63,22 +70,22 @@ double GetDouble(GstElement* element, const char* name)
 
 TEST(TarnwellTiling, LeavesThePictureUntouchedAtZoomOne)
 {
-    FrameHarness harness(kRgbaCaps, "tarnwell-tiling name=gpu background-mode=2 silent=false");
-    ASSERT_TRUE(harness.Ok());
+    TestPipeline harness(FrameLoop(kRgbaCaps, "tarnwell-tiling name=gpu background-mode=2 silent=false"));
+    ASSERT_TRUE(harness.Parsed() && harness.Start()) << harness.Error();
     const std::vector<uint8_t> input = GradientFrame();
-    EXPECT_EQ(harness.Run(input), input);
+    EXPECT_EQ(harness.PushFrame(input), input);
 }
 
 TEST(TarnwellTiling, ZoomWhilePlayingShowsTheCentreScaledToTheFullFrame)
 {
-    FrameHarness harness(kRgbaCaps, "tarnwell-tiling name=gpu");
-    ASSERT_TRUE(harness.Ok());
+    TestPipeline harness(FrameLoop(kRgbaCaps, "tarnwell-tiling name=gpu"));
+    ASSERT_TRUE(harness.Parsed() && harness.Start()) << harness.Error();
     const std::vector<uint8_t> input = GradientFrame();
-    ASSERT_EQ(harness.Run(input), input);
+    ASSERT_EQ(harness.PushFrame(input), input);
 
-    g_autoptr(GstElement) gpu = harness.Element("gpu");
-    g_object_set(gpu, "zoom", 2.0, nullptr);
-    const std::vector<uint8_t> output = harness.Run(input);
+    ObjectPtr<GstElement> gpu = harness.Element("gpu");
+    g_object_set(gpu.get(), "zoom", 2.0, nullptr);
+    const std::vector<uint8_t> output = harness.PushFrame(input);
     ASSERT_EQ(output.size(), input.size());
     // At zoom 2 the output pixel (x, y) comes from (16 + x/2, 12 + y/2).
     for (int y = 4; y < kHeight - 4; y += 7) {
@@ -89,8 +96,8 @@ TEST(TarnwellTiling, ZoomWhilePlayingShowsTheCentreScaledToTheFullFrame)
         }
     }
 
-    g_object_set(gpu, "zoom", 1.0, nullptr);
-    EXPECT_EQ(harness.Run(input), input);
+    g_object_set(gpu.get(), "zoom", 1.0, nullptr);
+    EXPECT_EQ(harness.PushFrame(input), input);
 }
 
 // The window reaches exactly the frame's edge at the pan limits, in packed
@@ -102,15 +109,16 @@ class TarnwellTilingPan : public ::testing::TestWithParam<const char*>
 TEST_P(TarnwellTilingPan, PanToTheLimitsShowsOneQuadrantOnly)
 {
     const std::string format = GetParam();
-    FrameHarness harness(kRgbaCaps,
+    TestPipeline harness(FrameLoop(kRgbaCaps,
         "videoconvert ! video/x-raw,format=" + format
-            + " ! tarnwell-tiling name=gpu ! videoconvert ! video/x-raw,format=RGBA");
-    ASSERT_TRUE(harness.Ok());
-    g_autoptr(GstElement) gpu = harness.Element("gpu");
-    g_object_set(gpu, "zoom", 2.0, nullptr);
-    g_object_set(gpu, "pan-x", GetDouble(gpu, "pan-x-max"), "pan-y", GetDouble(gpu, "pan-y-min"), nullptr);
+            + " ! tarnwell-tiling name=gpu ! videoconvert ! video/x-raw,format=RGBA"));
+    ASSERT_TRUE(harness.Parsed() && harness.Start()) << harness.Error();
+    ObjectPtr<GstElement> gpu = harness.Element("gpu");
+    g_object_set(gpu.get(), "zoom", 2.0, nullptr);
+    g_object_set(gpu.get(), "pan-x", GetDouble(gpu.get(), "pan-x-max"), "pan-y",
+        GetDouble(gpu.get(), "pan-y-min"), nullptr);
 
-    const std::vector<uint8_t> output = harness.Run(QuadrantFrame());
+    const std::vector<uint8_t> output = harness.PushFrame(QuadrantFrame());
     ASSERT_EQ(output.size(), static_cast<size_t>(kWidth * kHeight * 4));
     int wrong = 0;
     for (int y = 0; y < kHeight; y++) {
@@ -121,8 +129,9 @@ TEST_P(TarnwellTilingPan, PanToTheLimitsShowsOneQuadrantOnly)
     }
     EXPECT_EQ(wrong, 0) << "pixels outside the top-right quadrant's green";
 
-    g_object_set(gpu, "pan-x", GetDouble(gpu, "pan-x-min"), "pan-y", GetDouble(gpu, "pan-y-max"), nullptr);
-    const Rgb blue = PixelAt(harness.Run(QuadrantFrame()), kWidth / 2, kHeight / 2);
+    g_object_set(gpu.get(), "pan-x", GetDouble(gpu.get(), "pan-x-min"), "pan-y",
+        GetDouble(gpu.get(), "pan-y-max"), nullptr);
+    const Rgb blue = PixelAt(harness.PushFrame(QuadrantFrame()), kWidth / 2, kHeight / 2);
     EXPECT_LT(blue.r, 40);
     EXPECT_LT(blue.g, 40);
     EXPECT_GT(blue.b, 215);
@@ -132,60 +141,32 @@ INSTANTIATE_TEST_SUITE_P(Formats, TarnwellTilingPan, ::testing::Values("RGBA", "
 
 TEST(TarnwellTiling, PanLimitsFollowTheZoomAndClampThePan)
 {
-    gst_init(nullptr, nullptr);
-    g_autoptr(GstElement) gpu = gst_element_factory_make("tarnwell-tiling", "gpu");
+    ObjectPtr<GstElement> gpu = MakeElement("tarnwell-tiling");
     ASSERT_NE(gpu, nullptr);
-    gst_object_ref_sink(gpu);
 
-    EXPECT_DOUBLE_EQ(GetDouble(gpu, "pan-x-min"), 0.0);
-    EXPECT_DOUBLE_EQ(GetDouble(gpu, "pan-x-max"), 0.0);
-    g_object_set(gpu, "pan-x", 0.2, nullptr);
-    EXPECT_DOUBLE_EQ(GetDouble(gpu, "pan-x"), 0.0) << "no pan at zoom 1";
+    EXPECT_DOUBLE_EQ(GetDouble(gpu.get(), "pan-x-min"), 0.0);
+    EXPECT_DOUBLE_EQ(GetDouble(gpu.get(), "pan-x-max"), 0.0);
+    g_object_set(gpu.get(), "pan-x", 0.2, nullptr);
+    EXPECT_DOUBLE_EQ(GetDouble(gpu.get(), "pan-x"), 0.0) << "no pan at zoom 1";
 
-    g_object_set(gpu, "zoom", 2.0, nullptr);
-    EXPECT_DOUBLE_EQ(GetDouble(gpu, "pan-x-min"), -0.25);
-    EXPECT_DOUBLE_EQ(GetDouble(gpu, "pan-x-max"), 0.25);
-    EXPECT_DOUBLE_EQ(GetDouble(gpu, "pan-y-min"), -0.25);
-    EXPECT_DOUBLE_EQ(GetDouble(gpu, "pan-y-max"), 0.25);
+    g_object_set(gpu.get(), "zoom", 2.0, nullptr);
+    EXPECT_DOUBLE_EQ(GetDouble(gpu.get(), "pan-x-min"), -0.25);
+    EXPECT_DOUBLE_EQ(GetDouble(gpu.get(), "pan-x-max"), 0.25);
+    EXPECT_DOUBLE_EQ(GetDouble(gpu.get(), "pan-y-min"), -0.25);
+    EXPECT_DOUBLE_EQ(GetDouble(gpu.get(), "pan-y-max"), 0.25);
 
-    g_object_set(gpu, "zoom", 4.0, nullptr);
-    EXPECT_DOUBLE_EQ(GetDouble(gpu, "pan-x-max"), 0.375);
-    g_object_set(gpu, "pan-x", 3.0, "pan-y", -0.5, nullptr);
-    EXPECT_DOUBLE_EQ(GetDouble(gpu, "pan-x"), 0.375);
-    EXPECT_DOUBLE_EQ(GetDouble(gpu, "pan-y"), -0.375);
+    g_object_set(gpu.get(), "zoom", 4.0, nullptr);
+    EXPECT_DOUBLE_EQ(GetDouble(gpu.get(), "pan-x-max"), 0.375);
+    g_object_set(gpu.get(), "pan-x", 3.0, "pan-y", -0.5, nullptr);
+    EXPECT_DOUBLE_EQ(GetDouble(gpu.get(), "pan-x"), 0.375);
+    EXPECT_DOUBLE_EQ(GetDouble(gpu.get(), "pan-y"), -0.375);
 
     // Zooming out pulls the pan back inside the narrower range.
-    g_object_set(gpu, "zoom", 2.0, nullptr);
-    EXPECT_DOUBLE_EQ(GetDouble(gpu, "pan-x"), 0.25);
-    EXPECT_DOUBLE_EQ(GetDouble(gpu, "pan-y"), -0.25);
-}
+    g_object_set(gpu.get(), "zoom", 2.0, nullptr);
+    EXPECT_DOUBLE_EQ(GetDouble(gpu.get(), "pan-x"), 0.25);
+    EXPECT_DOUBLE_EQ(GetDouble(gpu.get(), "pan-y"), -0.25);
 
-TEST(TarnwellTiling, OffersThePropertiesTheGpuPipelineUses)
-{
-    gst_init(nullptr, nullptr);
-    g_autoptr(GstElement) gpu = gst_element_factory_make("tarnwell-tiling", nullptr);
-    ASSERT_NE(gpu, nullptr);
-    gst_object_ref_sink(gpu);
-    GObject* object = G_OBJECT(gpu);
-    ExpectProperty(object, "silent", G_TYPE_BOOLEAN);
-    ExpectProperty(object, "background-mode", G_TYPE_UINT);
-    ExpectProperty(object, "zoom", G_TYPE_DOUBLE);
-    ExpectProperty(object, "max-dsl-zoom-in", G_TYPE_DOUBLE);
-    ExpectProperty(object, "max-dsl-zoom", G_TYPE_DOUBLE, true);
-    ExpectProperty(object, "dsl-zoom-period", G_TYPE_UINT);
-    ExpectProperty(object, "dsl-zoom-delay", G_TYPE_UINT);
-    ExpectProperty(object, "dsl-hysteresis", G_TYPE_UINT);
-    ExpectProperty(object, "pan-x", G_TYPE_DOUBLE);
-    ExpectProperty(object, "pan-y", G_TYPE_DOUBLE);
-    for (const char* limit : { "pan-x-min", "pan-x-max", "pan-y-min", "pan-y-max" }) {
-        ExpectProperty(object, limit, G_TYPE_DOUBLE, true);
-    }
-    ExpectProperty(object, "sharpen", G_TYPE_BOOLEAN);
-    ExpectProperty(object, "sharpen-amount", G_TYPE_DOUBLE);
-    ExpectProperty(object, "dsl-auto-zoom-override", G_TYPE_BOOLEAN);
-
-    // The levelling zoom limit written as "max-dsl-zoom-in" reads back as
-    // "max-dsl-zoom".
-    g_object_set(gpu, "max-dsl-zoom-in", 1.5, nullptr);
-    EXPECT_DOUBLE_EQ(GetDouble(gpu, "max-dsl-zoom"), 1.5);
+    // The levelling zoom limit written as "max-dsl-zoom-in" reads back as "max-dsl-zoom".
+    g_object_set(gpu.get(), "max-dsl-zoom-in", 1.5, nullptr);
+    EXPECT_DOUBLE_EQ(GetDouble(gpu.get(), "max-dsl-zoom"), 1.5);
 }
