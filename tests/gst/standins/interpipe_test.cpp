@@ -1,30 +1,16 @@
 // The interpipe stand-ins on real pipelines: routing by name while playing, caps, events and timestamps.
-#include <gst/app/gstappsink.h>
-#include <gst/gst.h>
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "support/gst_test_pipeline.h"
+
+using namespace GstTest;
+
 namespace
 {
-
-constexpr GstClockTime kWait = 5 * GST_SECOND;
-
-struct ObjectUnref {
-    void operator()(gpointer object) const { gst_object_unref(object); }
-};
-struct MessageUnref {
-    void operator()(GstMessage* message) const { gst_message_unref(message); }
-};
-struct SampleUnref {
-    void operator()(GstSample* sample) const { gst_sample_unref(sample); }
-};
-template <typename T> using ObjectPtr = std::unique_ptr<T, ObjectUnref>;
-using MessagePtr = std::unique_ptr<GstMessage, MessageUnref>;
-using SamplePtr = std::unique_ptr<GstSample, SampleUnref>;
 
 // A live producer of small grey frames: pattern "black" or "white", so a
 // listener can tell the producers apart by the first byte.
@@ -43,71 +29,10 @@ std::string Listener(const std::string& sourceProperties, const std::string& sin
         + sinkProperties;
 }
 
-class Pipeline
+void ListenTo(const TestPipeline& listener, const char* name)
 {
-public:
-    explicit Pipeline(const std::string& description)
-    {
-        gst_init(nullptr, nullptr);
-        GError* error = nullptr;
-        _Pipeline.reset(gst_parse_launch(description.c_str(), &error));
-        EXPECT_EQ(error, nullptr) << (error ? error->message : "") << " in: " << description;
-        g_clear_error(&error);
-    }
-    ~Pipeline()
-    {
-        if (_Pipeline)
-            gst_element_set_state(_Pipeline.get(), GST_STATE_NULL);
-    }
-    Pipeline(const Pipeline&) = delete;
-    Pipeline& operator=(const Pipeline&) = delete;
-
-    GstElement* Get() const { return _Pipeline.get(); }
-    ObjectPtr<GstElement> Element(const char* name) const
-    {
-        return ObjectPtr<GstElement>(gst_bin_get_by_name(GST_BIN(_Pipeline.get()), name));
-    }
-
-    // Requests the state. A listener completes its change to PLAYING only once
-    // data arrives, so listeners are started without waiting.
-    GstStateChangeReturn Request(GstState state) const
-    {
-        return gst_element_set_state(_Pipeline.get(), state);
-    }
-    bool Start() const { return Request(GST_STATE_PLAYING) != GST_STATE_CHANGE_FAILURE; }
-    bool Play() const
-    {
-        if (Request(GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE)
-            return false;
-        return gst_element_get_state(_Pipeline.get(), nullptr, nullptr, kWait) != GST_STATE_CHANGE_FAILURE;
-    }
-    GstState State() const
-    {
-        GstState state = GST_STATE_VOID_PENDING;
-        gst_element_get_state(_Pipeline.get(), &state, nullptr, kWait);
-        return state;
-    }
-
-    MessagePtr WaitFor(GstMessageType types, GstClockTime timeout = kWait) const
-    {
-        ObjectPtr<GstBus> bus(gst_element_get_bus(_Pipeline.get()));
-        return MessagePtr(gst_bus_timed_pop_filtered(bus.get(), timeout, types));
-    }
-
-    SamplePtr Pull(GstClockTime timeout = kWait) const
-    {
-        auto out = Element("out");
-        return SamplePtr(gst_app_sink_try_pull_sample(GST_APP_SINK(out.get()), timeout));
-    }
-
-    void SetListenTo(const char* name) const
-    {
-        g_object_set(Element("src").get(), "listen-to", name, nullptr);
-    }
-
-private:
-    std::unique_ptr<GstElement, ObjectUnref> _Pipeline;
-};
+    listener.Set("src", "listen-to", name);
+}
 
 guint8 FirstByte(GstSample* sample)
 {
@@ -122,10 +47,10 @@ bool IsWhite(GstSample* sample)
 }
 
 // Pulls until a frame of the wanted producer shows up; false when none comes in time.
-bool ReceivesFrom(const Pipeline& listener, bool white, GstClockTime timeout = kWait)
+bool ReceivesFrom(const TestPipeline& listener, bool white, GstClockTime timeout = 5 * GST_SECOND)
 {
     for (int i = 0; i < 200; ++i) {
-        SamplePtr sample = listener.Pull(timeout);
+        SamplePtr sample = listener.Pull("out", timeout);
         if (!sample)
             return false;
         if (IsWhite(sample.get()) == white)
@@ -135,52 +60,41 @@ bool ReceivesFrom(const Pipeline& listener, bool white, GstClockTime timeout = k
 }
 
 // Empties the listener's appsink, then reports whether anything else arrives within the time.
-bool StaysQuiet(const Pipeline& listener, GstClockTime quiet = 300 * GST_MSECOND)
+bool StaysQuiet(const TestPipeline& listener, GstClockTime quiet = 300 * GST_MSECOND)
 {
-    for (int i = 0; i < 1000 && listener.Pull(quiet); ++i)
+    for (int i = 0; i < 1000 && listener.Pull("out", quiet); ++i)
         ;
-    return !listener.Pull(quiet);
+    return !listener.Pull("out", quiet);
 }
 
 // Whether end-of-stream reaches the listener's bus within the time. The
 // appsink holds EOS back until its samples are taken, so they are taken.
-bool ReachesEos(const Pipeline& listener, GstClockTime within)
+bool ReachesEos(const TestPipeline& listener, GstClockTime within)
 {
     const gint64 deadline = g_get_monotonic_time() + static_cast<gint64>(within / GST_USECOND);
     while (g_get_monotonic_time() < deadline) {
-        listener.Pull(20 * GST_MSECOND);
+        listener.Pull("out", 20 * GST_MSECOND);
         if (listener.WaitFor(GST_MESSAGE_EOS, 0))
             return true;
     }
     return false;
 }
 
-std::string ErrorText(GstMessage* message)
-{
-    GError* error = nullptr;
-    gchar* debug = nullptr;
-    gst_message_parse_error(message, &error, &debug);
-    std::string text = std::string(error->message) + " / " + (debug ? debug : "");
-    g_clear_error(&error);
-    g_free(debug);
-    return text;
-}
-
 } // namespace
 
 TEST(InterpipeRouting, SwitchesProducersWhilePlayingWithoutStoppingAnyPipeline)
 {
-    Pipeline black(Producer("switch_black", "black"));
-    Pipeline white(Producer("switch_white", "white"));
-    Pipeline listener(Listener("is-live=true listen-to=switch_black"));
+    TestPipeline black(Producer("switch_black", "black"));
+    TestPipeline white(Producer("switch_white", "white"));
+    TestPipeline listener(Listener("is-live=true listen-to=switch_black"));
     ASSERT_TRUE(black.Play());
     ASSERT_TRUE(white.Play());
     ASSERT_TRUE(listener.Start());
 
     EXPECT_TRUE(ReceivesFrom(listener, false));
-    listener.SetListenTo("switch_white");
+    ListenTo(listener, "switch_white");
     EXPECT_TRUE(ReceivesFrom(listener, true));
-    listener.SetListenTo("switch_black");
+    ListenTo(listener, "switch_black");
     EXPECT_TRUE(ReceivesFrom(listener, false));
 
     EXPECT_EQ(black.State(), GST_STATE_PLAYING);
@@ -190,16 +104,16 @@ TEST(InterpipeRouting, SwitchesProducersWhilePlayingWithoutStoppingAnyPipeline)
 
 TEST(InterpipeRouting, ASourceListeningToAMissingSinkStartsReceivingWhenItAppears)
 {
-    Pipeline listener(Listener("is-live=true listen-to=late_sink"));
+    TestPipeline listener(Listener("is-live=true listen-to=late_sink"));
     ASSERT_TRUE(listener.Start());
-    EXPECT_FALSE(listener.Pull(300 * GST_MSECOND));
+    EXPECT_FALSE(listener.Pull("out", 300 * GST_MSECOND));
 
-    Pipeline late(Producer("late_sink", "white"));
+    TestPipeline late(Producer("late_sink", "white"));
     ASSERT_TRUE(late.Play());
     EXPECT_TRUE(ReceivesFrom(listener, true));
 
     // The sink going away and coming back again reattaches the source.
-    late.Request(GST_STATE_NULL);
+    late.SetState(GST_STATE_NULL);
     EXPECT_TRUE(StaysQuiet(listener));
     ASSERT_TRUE(late.Play());
     EXPECT_TRUE(ReceivesFrom(listener, true));
@@ -207,10 +121,10 @@ TEST(InterpipeRouting, ASourceListeningToAMissingSinkStartsReceivingWhenItAppear
 
 TEST(InterpipeRouting, ManyListenersShareTheProducersBuffersWithoutCopies)
 {
-    Pipeline producer(Producer("shared_sink", "white", 16, "forward-events=true"));
-    Pipeline first(Listener("is-live=true listen-to=shared_sink"));
-    Pipeline second(Listener("is-live=true listen-to=shared_sink"));
-    Pipeline third(Listener("is-live=true listen-to=shared_sink max-buffers=1 leaky-type=2"));
+    TestPipeline producer(Producer("shared_sink", "white", 16, "forward-events=true"));
+    TestPipeline first(Listener("is-live=true listen-to=shared_sink"));
+    TestPipeline second(Listener("is-live=true listen-to=shared_sink"));
+    TestPipeline third(Listener("is-live=true listen-to=shared_sink max-buffers=1 leaky-type=2"));
     // Listeners first, so that every one sees the first buffer.
     ASSERT_TRUE(first.Start());
     ASSERT_TRUE(second.Start());
@@ -223,9 +137,9 @@ TEST(InterpipeRouting, ManyListenersShareTheProducersBuffersWithoutCopies)
     // Each listener takes every frame in order; the second frame of each is
     // the producer's own buffer (the first carries a discontinuity mark that
     // each source sets on a metadata copy).
-    ASSERT_TRUE(first.Pull() && second.Pull() && third.Pull());
-    SamplePtr a = first.Pull();
-    SamplePtr b = second.Pull();
+    ASSERT_TRUE(first.Pull("out") && second.Pull("out") && third.Pull("out"));
+    SamplePtr a = first.Pull("out");
+    SamplePtr b = second.Pull("out");
     ASSERT_TRUE(a && b);
     EXPECT_EQ(gst_sample_get_buffer(a.get()), gst_sample_get_buffer(b.get()));
     GstMemory* memoryA = gst_buffer_peek_memory(gst_sample_get_buffer(a.get()), 0);
@@ -235,13 +149,13 @@ TEST(InterpipeRouting, ManyListenersShareTheProducersBuffersWithoutCopies)
 
 TEST(InterpipeRouting, DetachingStopsTheDataAndReattachingResumesIt)
 {
-    Pipeline producer(Producer("detach_sink", "white"));
-    Pipeline listener(Listener("is-live=true listen-to=detach_sink"));
+    TestPipeline producer(Producer("detach_sink", "white"));
+    TestPipeline listener(Listener("is-live=true listen-to=detach_sink"));
     ASSERT_TRUE(producer.Play());
     ASSERT_TRUE(listener.Start());
     ASSERT_TRUE(ReceivesFrom(listener, true));
 
-    listener.SetListenTo(nullptr);
+    ListenTo(listener, nullptr);
     gchar* listenTo = nullptr;
     g_object_get(listener.Element("src").get(), "listen-to", &listenTo, nullptr);
     EXPECT_EQ(listenTo, nullptr);
@@ -250,36 +164,36 @@ TEST(InterpipeRouting, DetachingStopsTheDataAndReattachingResumesIt)
     EXPECT_EQ(listener.State(), GST_STATE_PLAYING);
     EXPECT_EQ(producer.State(), GST_STATE_PLAYING);
 
-    listener.SetListenTo("detach_sink");
+    ListenTo(listener, "detach_sink");
     EXPECT_TRUE(ReceivesFrom(listener, true));
 }
 
 TEST(InterpipeRouting, ASecondSinkWithATakenNameFailsWithAnElementError)
 {
-    Pipeline first(Producer("dup_sink", "black"));
-    Pipeline second(Producer("dup_sink", "white"));
+    TestPipeline first(Producer("dup_sink", "black"));
+    TestPipeline second(Producer("dup_sink", "white"));
     ASSERT_TRUE(first.Start());
-    EXPECT_EQ(second.Request(GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+    EXPECT_FALSE(second.Start());
     MessagePtr error = second.WaitFor(GST_MESSAGE_ERROR);
     ASSERT_TRUE(error);
     EXPECT_NE(ErrorText(error.get()).find("\"dup_sink\" already exists"), std::string::npos);
 
     // Once the first is gone, the name is free again.
-    first.Request(GST_STATE_NULL);
-    second.Request(GST_STATE_NULL);
+    first.SetState(GST_STATE_NULL);
+    second.SetState(GST_STATE_NULL);
     EXPECT_TRUE(second.Start());
 }
 
 TEST(InterpipeEvents, EndOfStreamReachesListenersOnlyWhenForwardedAndAccepted)
 {
-    Pipeline forwarding(Producer("eos_fwd", "white", 16, "forward-eos=true"));
-    Pipeline keeping(Producer("eos_keep", "white"));
-    Pipeline accepting(Listener("is-live=true listen-to=eos_fwd"));
-    Pipeline refusing(Listener("is-live=true listen-to=eos_fwd accept-eos-event=false"));
-    Pipeline other(Listener("is-live=true listen-to=eos_keep"));
+    TestPipeline forwarding(Producer("eos_fwd", "white", 16, "forward-eos=true"));
+    TestPipeline keeping(Producer("eos_keep", "white"));
+    TestPipeline accepting(Listener("is-live=true listen-to=eos_fwd"));
+    TestPipeline refusing(Listener("is-live=true listen-to=eos_fwd accept-eos-event=false"));
+    TestPipeline other(Listener("is-live=true listen-to=eos_keep"));
     ASSERT_TRUE(forwarding.Play());
     ASSERT_TRUE(keeping.Play());
-    for (const Pipeline* p : { &accepting, &refusing, &other })
+    for (const TestPipeline* p : { &accepting, &refusing, &other })
         ASSERT_TRUE(p->Start());
     ASSERT_TRUE(ReceivesFrom(accepting, true));
     ASSERT_TRUE(ReceivesFrom(refusing, true));
@@ -296,17 +210,17 @@ TEST(InterpipeEvents, EndOfStreamReachesListenersOnlyWhenForwardedAndAccepted)
 
 TEST(InterpipeEvents, CustomEventsAreForwardedInOrderUnlessTheSinkOrSourceSaysNo)
 {
-    Pipeline producer(Producer("event_sink", "white", 16, "forward-events=true"));
-    Pipeline quiet(Producer("event_quiet", "white", 16, "forward-events=false"));
-    Pipeline accepting(Listener("is-live=true listen-to=event_sink"));
-    Pipeline refusing(Listener("is-live=true listen-to=event_sink accept-events=false"));
-    Pipeline other(Listener("is-live=true listen-to=event_quiet"));
+    TestPipeline producer(Producer("event_sink", "white", 16, "forward-events=true"));
+    TestPipeline quiet(Producer("event_quiet", "white", 16, "forward-events=false"));
+    TestPipeline accepting(Listener("is-live=true listen-to=event_sink"));
+    TestPipeline refusing(Listener("is-live=true listen-to=event_sink accept-events=false"));
+    TestPipeline other(Listener("is-live=true listen-to=event_quiet"));
 
     struct Seen {
         std::mutex mutex;
         int count = 0;
     };
-    auto watch = [](const Pipeline& listener, Seen* seen) {
+    auto watch = [](const TestPipeline& listener, Seen* seen) {
         auto out = listener.Element("out");
         ObjectPtr<GstPad> pad(gst_element_get_static_pad(out.get(), "sink"));
         gst_pad_add_probe(
@@ -329,7 +243,7 @@ TEST(InterpipeEvents, CustomEventsAreForwardedInOrderUnlessTheSinkOrSourceSaysNo
     watch(other, &seenOther);
     ASSERT_TRUE(producer.Play());
     ASSERT_TRUE(quiet.Play());
-    for (const Pipeline* p : { &accepting, &refusing, &other })
+    for (const TestPipeline* p : { &accepting, &refusing, &other })
         ASSERT_TRUE(p->Start());
     ASSERT_TRUE(ReceivesFrom(accepting, true));
     ASSERT_TRUE(ReceivesFrom(refusing, true));
@@ -344,9 +258,9 @@ TEST(InterpipeEvents, CustomEventsAreForwardedInOrderUnlessTheSinkOrSourceSaysNo
     gst_pad_send_event(quietPad.get(), marker());
     // The event travels with the buffers: once later frames are out, it is too.
     for (int i = 0; i < 10; ++i) {
-        ASSERT_TRUE(accepting.Pull());
-        ASSERT_TRUE(refusing.Pull());
-        ASSERT_TRUE(other.Pull());
+        ASSERT_TRUE(accepting.Pull("out"));
+        ASSERT_TRUE(refusing.Pull("out"));
+        ASSERT_TRUE(other.Pull("out"));
     }
     {
         std::lock_guard<std::mutex> lock(seenAccepting.mutex);
@@ -364,15 +278,16 @@ static std::vector<GstClockTime> TimestampsAcrossASwitch(const char* streamSync,
 {
     const std::string first = prefix + "_early";
     const std::string second = prefix + "_late";
-    Pipeline early(Producer(first, "black"));
+    TestPipeline early(Producer(first, "black"));
     EXPECT_TRUE(early.Play());
     // Non-live, like a muxer's sources: it prerolls on the first buffer. The
     // appsink keeps only the newest frame, so each pull sees the present.
-    Pipeline listener(Listener(std::string("format=time stream-sync=") + streamSync + " listen-to=" + first,
-        "max-buffers=1 drop=true"));
+    TestPipeline listener(
+        Listener(std::string("format=time stream-sync=") + streamSync + " listen-to=" + first,
+            "max-buffers=1 drop=true"));
     EXPECT_TRUE(listener.Start());
     g_usleep(700 * 1000);
-    Pipeline late(Producer(second, "white"));
+    TestPipeline late(Producer(second, "white"));
     EXPECT_TRUE(late.Play());
 
     // Frames of the early producer, then of the late one after the switch.
@@ -380,7 +295,7 @@ static std::vector<GstClockTime> TimestampsAcrossASwitch(const char* streamSync,
     auto collect = [&](bool white, size_t count) {
         const size_t until = stamps.size() + count;
         for (int i = 0; i < 500 && stamps.size() < until; ++i) {
-            SamplePtr sample = listener.Pull();
+            SamplePtr sample = listener.Pull("out");
             if (!sample)
                 return;
             if (IsWhite(sample.get()) == white)
@@ -388,7 +303,7 @@ static std::vector<GstClockTime> TimestampsAcrossASwitch(const char* streamSync,
         }
     };
     collect(false, 10);
-    listener.SetListenTo(second.c_str());
+    ListenTo(listener, second.c_str());
     collect(true, 20);
     return stamps;
 }
@@ -418,15 +333,15 @@ TEST(InterpipeTimestamps, CompensationKeepsTimestampsMonotonicAcrossPipelinesAnd
 
 TEST(InterpipeTimestamps, RestartBeginsEachProducerAtZero)
 {
-    Pipeline producer(Producer("restart_sink", "white"));
+    TestPipeline producer(Producer("restart_sink", "white"));
     ASSERT_TRUE(producer.Play());
     g_usleep(300 * 1000);
-    Pipeline listener(Listener("is-live=true stream-sync=2 listen-to=restart_sink"));
+    TestPipeline listener(Listener("is-live=true stream-sync=2 listen-to=restart_sink"));
     ASSERT_TRUE(listener.Start());
-    SamplePtr sample = listener.Pull();
+    SamplePtr sample = listener.Pull("out");
     ASSERT_TRUE(sample);
     EXPECT_EQ(GST_BUFFER_PTS(gst_sample_get_buffer(sample.get())), 0u);
-    SamplePtr next = listener.Pull();
+    SamplePtr next = listener.Pull("out");
     ASSERT_TRUE(next);
     EXPECT_GT(GST_BUFFER_PTS(gst_sample_get_buffer(next.get())), 0u);
 }
@@ -440,19 +355,19 @@ static gint Width(GstSample* sample)
 
 TEST(InterpipeCaps, ASwitchToOtherCapsRenegotiatesWhenAllowed)
 {
-    Pipeline narrow(Producer("caps_narrow", "black", 16));
-    Pipeline wide(Producer("caps_wide", "white", 32));
-    Pipeline listener(Listener("is-live=true listen-to=caps_narrow"));
+    TestPipeline narrow(Producer("caps_narrow", "black", 16));
+    TestPipeline wide(Producer("caps_wide", "white", 32));
+    TestPipeline listener(Listener("is-live=true listen-to=caps_narrow"));
     ASSERT_TRUE(narrow.Play());
     ASSERT_TRUE(wide.Play());
     ASSERT_TRUE(listener.Start());
-    SamplePtr sample = listener.Pull();
+    SamplePtr sample = listener.Pull("out");
     ASSERT_TRUE(sample);
     EXPECT_EQ(Width(sample.get()), 16);
 
-    listener.SetListenTo("caps_wide");
+    ListenTo(listener, "caps_wide");
     ASSERT_TRUE(ReceivesFrom(listener, true));
-    sample = listener.Pull();
+    sample = listener.Pull("out");
     ASSERT_TRUE(sample);
     EXPECT_EQ(Width(sample.get()), 32);
     EXPECT_FALSE(listener.WaitFor(GST_MESSAGE_ERROR, 0));
@@ -460,15 +375,15 @@ TEST(InterpipeCaps, ASwitchToOtherCapsRenegotiatesWhenAllowed)
 
 TEST(InterpipeCaps, ASwitchToOtherCapsIsNotNegotiatedWhenRenegotiationIsOff)
 {
-    Pipeline narrow(Producer("fixed_narrow", "black", 16));
-    Pipeline wide(Producer("fixed_wide", "white", 32));
-    Pipeline listener(Listener("is-live=true allow-renegotiation=false listen-to=fixed_narrow"));
+    TestPipeline narrow(Producer("fixed_narrow", "black", 16));
+    TestPipeline wide(Producer("fixed_wide", "white", 32));
+    TestPipeline listener(Listener("is-live=true allow-renegotiation=false listen-to=fixed_narrow"));
     ASSERT_TRUE(narrow.Play());
     ASSERT_TRUE(wide.Play());
     ASSERT_TRUE(listener.Start());
     ASSERT_TRUE(ReceivesFrom(listener, false));
 
-    listener.SetListenTo("fixed_wide");
+    ListenTo(listener, "fixed_wide");
     MessagePtr error = listener.WaitFor(GST_MESSAGE_ERROR);
     ASSERT_TRUE(error);
     EXPECT_NE(ErrorText(error.get()).find("not-negotiated"), std::string::npos);
@@ -479,12 +394,12 @@ TEST(InterpipeCaps, ASwitchToOtherCapsIsNotNegotiatedWhenRenegotiationIsOff)
 TEST(InterpipeCaps, TheSinkCapsPropertyDecidesWhatTheProducerNegotiates)
 {
     // An unconstrained producer takes the sink's caps, and listeners see them.
-    Pipeline producer("videotestsrc is-live=true ! interpipesink name=restricted_sink sync=false "
-                      "caps=video/x-raw,format=GRAY8,width=24,height=16,framerate=100/1");
-    Pipeline listener(Listener("is-live=true listen-to=restricted_sink"));
+    TestPipeline producer("videotestsrc is-live=true ! interpipesink name=restricted_sink sync=false "
+                          "caps=video/x-raw,format=GRAY8,width=24,height=16,framerate=100/1");
+    TestPipeline listener(Listener("is-live=true listen-to=restricted_sink"));
     ASSERT_TRUE(producer.Play());
     ASSERT_TRUE(listener.Start());
-    SamplePtr sample = listener.Pull();
+    SamplePtr sample = listener.Pull("out");
     ASSERT_TRUE(sample);
     EXPECT_EQ(Width(sample.get()), 24);
 
