@@ -1,5 +1,4 @@
 // The software sound device behind ALSA's default device: real-time pace, monotonic timestamps, a test tone.
-#include <gst/gst.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,10 +10,12 @@
 #include <string>
 #include <vector>
 
+#include "support/gst_test_pipeline.h"
+
+using namespace GstTest;
+
 namespace
 {
-
-constexpr GstClockTime kWait = 5 * GST_SECOND;
 
 // The daemon's microphone and speaker, as they are launched on the board.
 const char* const kMicDescription
@@ -27,83 +28,17 @@ const char* const kSpeakerDescription
     = "interpipesrc name=audio_speaker_source is-live=true "
       "! alsasink name=audio_speaker_sink sync=false enable-last-sample=false";
 
-struct ObjectUnref {
-    void operator()(gpointer object) const { gst_object_unref(object); }
-};
-struct MessageUnref {
-    void operator()(GstMessage* message) const { gst_message_unref(message); }
-};
-template <typename T> using ObjectPtr = std::unique_ptr<T, ObjectUnref>;
-using MessagePtr = std::unique_ptr<GstMessage, MessageUnref>;
-
 // Points ALSA at the software device of this build tree (when ctest runs the
 // test), whatever sound hardware the machine has. Runs before GStreamer opens
 // any ALSA device, since alsa-lib reads its configuration on first use.
-void UseBuildTreeSoundDevice()
+bool UseBuildTreeSoundDevice()
 {
     const char* binaryDir = std::getenv("VIDEOD_BINARY_DIR");
     if (binaryDir)
         setenv("ALSA_CONFIG_PATH", (std::string(binaryDir) + "/host/alsa/asound.conf").c_str(), 1);
-    gst_init(nullptr, nullptr);
+    return binaryDir != nullptr;
 }
-
-std::string ErrorText(GstMessage* message)
-{
-    if (!message || GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR)
-        return "";
-    GError* error = nullptr;
-    gchar* debug = nullptr;
-    gst_message_parse_error(message, &error, &debug);
-    std::string text = std::string(error->message) + " / " + (debug ? debug : "");
-    g_clear_error(&error);
-    g_free(debug);
-    return text;
-}
-
-class Pipeline
-{
-public:
-    explicit Pipeline(const std::string& description)
-    {
-        UseBuildTreeSoundDevice();
-        GError* error = nullptr;
-        _Pipeline.reset(gst_parse_launch(description.c_str(), &error));
-        EXPECT_EQ(error, nullptr) << (error ? error->message : "") << " in: " << description;
-        g_clear_error(&error);
-    }
-    ~Pipeline()
-    {
-        if (_Pipeline)
-            gst_element_set_state(_Pipeline.get(), GST_STATE_NULL);
-    }
-    Pipeline(const Pipeline&) = delete;
-    Pipeline& operator=(const Pipeline&) = delete;
-
-    GstElement* Get() const { return _Pipeline.get(); }
-    ObjectPtr<GstElement> Element(const char* name) const
-    {
-        return ObjectPtr<GstElement>(gst_bin_get_by_name(GST_BIN(_Pipeline.get()), name));
-    }
-
-    bool Start() const
-    {
-        return gst_element_set_state(_Pipeline.get(), GST_STATE_PLAYING) != GST_STATE_CHANGE_FAILURE;
-    }
-    GstState State() const
-    {
-        GstState state = GST_STATE_VOID_PENDING;
-        gst_element_get_state(_Pipeline.get(), &state, nullptr, kWait);
-        return state;
-    }
-    MessagePtr WaitFor(GstMessageType types, GstClockTime timeout) const
-    {
-        ObjectPtr<GstBus> bus(gst_element_get_bus(_Pipeline.get()));
-        return MessagePtr(gst_bus_timed_pop_filtered(bus.get(), timeout, types));
-    }
-
-private:
-    std::unique_ptr<GstElement, ObjectUnref> _Pipeline;
-};
+[[maybe_unused]] const bool kBuildTreeSoundDevice = UseBuildTreeSoundDevice();
 
 // What passes a pad: each buffer's timestamp against the pipeline's running
 // time when it arrives, and the loudest sample (interleaved S16).
@@ -117,9 +52,8 @@ public:
 
     void Attach(GstElement* element, const char* pad)
     {
-        ObjectPtr<GstPad> target(gst_element_get_static_pad(element, pad));
-        ASSERT_NE(target, nullptr);
-        gst_pad_add_probe(target.get(), GST_PAD_PROBE_TYPE_BUFFER, &BufferLog::OnBuffer, this, nullptr);
+        _Probe = std::make_unique<BufferProbe>(
+            element, pad, [this, element](GstBuffer* buffer) { Add(element, buffer); });
     }
     std::vector<Entry> Entries() const
     {
@@ -133,15 +67,12 @@ public:
     }
 
 private:
-    static GstPadProbeReturn OnBuffer(GstPad* pad, GstPadProbeInfo* info, gpointer data)
+    void Add(GstElement* element, GstBuffer* buffer)
     {
-        auto* self = static_cast<BufferLog*>(data);
-        GstBuffer* buffer = GST_PAD_PROBE_INFO_BUFFER(info);
         Entry entry { GST_BUFFER_PTS(buffer), GST_CLOCK_TIME_NONE };
-        ObjectPtr<GstElement> parent(gst_pad_get_parent_element(pad));
-        ObjectPtr<GstClock> clock(parent ? gst_element_get_clock(parent.get()) : nullptr);
+        ObjectPtr<GstClock> clock(gst_element_get_clock(element));
         if (clock)
-            entry.runningTime = gst_clock_get_time(clock.get()) - gst_element_get_base_time(parent.get());
+            entry.runningTime = gst_clock_get_time(clock.get()) - gst_element_get_base_time(element);
         int peak = 0;
         GstMapInfo map;
         if (gst_buffer_map(buffer, &map, GST_MAP_READ)) {
@@ -152,15 +83,15 @@ private:
             }
             gst_buffer_unmap(buffer, &map);
         }
-        std::lock_guard<std::mutex> lock(self->_Lock);
-        self->_Entries.push_back(entry);
-        self->_Peak = std::max(self->_Peak, peak);
-        return GST_PAD_PROBE_OK;
+        std::lock_guard<std::mutex> lock(_Lock);
+        _Entries.push_back(entry);
+        _Peak = std::max(_Peak, peak);
     }
 
     mutable std::mutex _Lock;
     std::vector<Entry> _Entries;
     int _Peak = 0;
+    std::unique_ptr<BufferProbe> _Probe;
 };
 
 GstClockTimeDiff Distance(GstClockTime a, GstClockTime b)
@@ -172,7 +103,7 @@ GstClockTimeDiff Distance(GstClockTime a, GstClockTime b)
 
 TEST(SoftwareSoundDevice, PacesTheMicrophonePipelineInRealTimeWithRunningTimeTimestamps)
 {
-    Pipeline mic(kMicDescription);
+    TestPipeline mic(kMicDescription);
     BufferLog log;
     log.Attach(mic.Element("mic_input").get(), "sink");
     ASSERT_TRUE(mic.Start());
@@ -204,8 +135,8 @@ TEST(SoftwareSoundDevice, PacesTheMicrophonePipelineInRealTimeWithRunningTimeTim
 
 TEST(SoftwareSoundDevice, TheSpeakerPlaysWhatTheMicrophoneProducesThroughInterpipe)
 {
-    Pipeline mic(kMicDescription);
-    Pipeline speaker(kSpeakerDescription);
+    TestPipeline mic(kMicDescription);
+    TestPipeline speaker(kSpeakerDescription);
     BufferLog played;
     played.Attach(speaker.Element("audio_speaker_sink").get(), "sink");
     g_object_set(speaker.Element("audio_speaker_source").get(), "listen-to", "mic_input", nullptr);
@@ -224,12 +155,10 @@ TEST(SoftwareSoundDevice, TheSpeakerPlaysWhatTheMicrophoneProducesThroughInterpi
 
 TEST(SoftwareSoundDevice, CapturesWithoutProvidingTheClockToASynchronisedSinkUntilTheEnd)
 {
-    Pipeline capture("alsasrc num-buffers=50 provide-clock=false ! audio/x-raw,rate=44100,channels=2 ! "
-                     "fakesink sync=true");
-    ASSERT_TRUE(capture.Start());
-    MessagePtr end = capture.WaitFor(static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR), kWait);
-    ASSERT_NE(end, nullptr) << "50 buffers of 10 ms did not end within 5 s";
-    EXPECT_EQ(GST_MESSAGE_TYPE(end.get()), GST_MESSAGE_EOS) << ErrorText(end.get());
+    TestPipeline capture("alsasrc num-buffers=50 provide-clock=false ! audio/x-raw,rate=44100,channels=2 ! "
+                         "fakesink sync=true");
+    // 50 buffers of 10 ms end well within 5 s.
+    EXPECT_TRUE(capture.RunToEos(5 * GST_SECOND)) << capture.Error();
 }
 
 // Each format, channel count and rate the device offers: capture ends with the
@@ -253,26 +182,21 @@ protected:
 
 TEST_P(SoftwareSoundDeviceFormat, CapturesATestToneAndPlaysAtTheSampleRate)
 {
-    Pipeline capture("alsasrc num-buffers=10 ! " + Caps()
+    TestPipeline capture("alsasrc num-buffers=10 ! " + Caps()
         + " ! audioconvert ! audio/x-raw,format=S16LE ! fakesink name=out sync=false");
     BufferLog captured;
     captured.Attach(capture.Element("out").get(), "sink");
-    ASSERT_TRUE(capture.Start());
-    MessagePtr end = capture.WaitFor(static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR), kWait);
-    ASSERT_NE(end, nullptr);
-    EXPECT_EQ(GST_MESSAGE_TYPE(end.get()), GST_MESSAGE_EOS) << ErrorText(end.get());
+    ASSERT_TRUE(capture.RunToEos(5 * GST_SECOND)) << capture.Error();
     EXPECT_EQ(captured.Entries().size(), 10u);
     EXPECT_GT(captured.Peak(), 1000);
 
     // 400 ms of audio in 10 ms buffers, of which at most about 80 ms wait in
     // the sink's and the device's buffers when the stream ends.
-    Pipeline playback("audiotestsrc num-buffers=40 samplesperbuffer=" + std::to_string(GetParam().rate / 100)
-        + " ! " + Caps() + " ! alsasink sync=false buffer-time=40000 latency-time=10000");
+    TestPipeline playback(
+        "audiotestsrc num-buffers=40 samplesperbuffer=" + std::to_string(GetParam().rate / 100) + " ! "
+        + Caps() + " ! alsasink sync=false buffer-time=40000 latency-time=10000");
     const gint64 started = g_get_monotonic_time();
-    ASSERT_TRUE(playback.Start());
-    end = playback.WaitFor(static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR), kWait);
-    ASSERT_NE(end, nullptr);
-    EXPECT_EQ(GST_MESSAGE_TYPE(end.get()), GST_MESSAGE_EOS) << ErrorText(end.get());
+    ASSERT_TRUE(playback.RunToEos(5 * GST_SECOND)) << playback.Error();
     EXPECT_GE(g_get_monotonic_time() - started, 250 * G_TIME_SPAN_MILLISECOND);
 }
 
