@@ -3,8 +3,8 @@
 #pragma once
 
 #include <memory>
-#include <vector>
 #include <string>
+#include <vector>
 
 #include "described_pipeline.h"
 #include "pipelines/aac_encode_pipeline.h"
@@ -17,13 +17,19 @@ namespace PipelineHarness
 {
 
 // Stands in for the picture processing between the input and the encoders,
-// which hands the encoders BGRA.
+// which hands the encoders BGRA at the camera's rate. The test input is not
+// live and runs as fast as it can (its frames carry running-time DTS, so its
+// sink never waits), with presentation times far ahead of the clock; like
+// the input mux, this stage stamps each frame with its own running time as
+// it takes it, and keeps 29.97 frames a second, as the processing of a
+// camera picture does.
 class BgraStage : public DescribedPipeline
 {
 public:
     BgraStage()
         : DescribedPipeline(
-            "interpipesrc name=chain_bgra_src is-live=false max-buffers=1 leaky-type=2 "
+            "interpipesrc name=chain_bgra_src is-live=true do-timestamp=true max-buffers=1 leaky-type=2 "
+            "! videorate drop-only=true ! video/x-raw,framerate=30000/1001 "
             "! videoconvert ! video/x-raw,format=BGRA "
             "! interpipesink name=chain_bgra_sink max-buffers=1 sync=false forward-events=true",
             "chain_bgra_sink", "chain_bgra_src")
@@ -32,6 +38,8 @@ public:
 };
 
 struct RecordingChain {
+    static constexpr unsigned kWaitMs = 2000;
+
     VideoDaemon::TestInputPipeline input;
     BgraStage bgra;
     VideoDaemon::H264EncodePipeline h264 { "video" };
@@ -48,24 +56,47 @@ struct RecordingChain {
     RecordingChain(const RecordingChain&) = delete;
     RecordingChain& operator=(const RecordingChain&) = delete;
 
-    std::vector<VideoDaemon::Pipeline*> All()
-    {
-        return { &input, &bgra, &h264, &mic, &aac, mux.get() };
-    }
+    std::vector<VideoDaemon::Pipeline*> All() { return { &input, &bgra, &h264, &mic, &aac, mux.get() }; }
 
-    // Launches and links everything; the sources and the encoder play, the
-    // encoder's valve stays closed, the AAC encoder and the muxer stay idle.
+    // Launches and links everything; the sources, the encoders and the
+    // microphone play, the H.264 valve stays closed and the muxer stays idle.
+    // The AAC encoder starts with the microphone: its sink syncs on the
+    // microphone's timestamps, which only match its clock when both
+    // pipelines start together.
     bool Start()
     {
         for (VideoDaemon::Pipeline* pipeline : All())
             if (!pipeline->Launch(true, true, true))
-                return false;
-        bool linked = bgra.ListenTo(&input, "", "") && h264.ListenTo(&bgra, "", "")
-            && aac.ListenTo(&mic, "", "") && mux->ListenTo(&h264, "", "")
-            && mux->ListenTo(&aac, "", mux->GetAudioSourceName());
-        return linked && input.SetState(GST_STATE_PLAYING, 0) == 0 && bgra.SetState(GST_STATE_PLAYING, 0) == 0
-            && mic.SetState(GST_STATE_PLAYING, 0) == 0 && h264.SetState(GST_STATE_PLAYING, 0) == 0;
+                return Fail(pipeline->GetName() + " did not launch");
+        UnsyncTestInput();
+        if (!bgra.ListenTo(&input, "", "") || !h264.ListenTo(&bgra, "", "") || !aac.ListenTo(&mic, "", "")
+            || !mux->ListenTo(&h264, "", "") || !mux->ListenTo(&aac, "", mux->GetAudioSourceName()))
+            return Fail("linking failed");
+        // Consumers first: the live stage reaches PLAYING only once a frame has come.
+        if (h264.SetState(GST_STATE_PLAYING, kWaitMs) != 0 || bgra.SetState(GST_STATE_PLAYING, 0) != 0
+            || input.SetState(GST_STATE_PLAYING, kWaitMs) != 0
+            || bgra.SetState(GST_STATE_PLAYING, kWaitMs) != 0)
+            return Fail("video did not reach PLAYING");
+        if (mic.SetState(GST_STATE_PLAYING, kWaitMs) != 0 || aac.SetState(GST_STATE_PLAYING, kWaitMs) != 0)
+            return Fail("audio did not reach PLAYING");
+        return true;
     }
+
+    // The test source stamps its frames' decode time as it makes them; a
+    // frame made while the pipeline starts can be stamped before the base
+    // time is set, with the absolute clock time, and a syncing sink then
+    // waits for hours on it (about one start in three). The input paces
+    // nothing (its DTS is always "now"), so its sink need not sync.
+    void UnsyncTestInput()
+    {
+        VideoDaemon::GstPtr<GstElement> sink(
+            gst_bin_get_by_name(GST_BIN(input.GetPipeline()), input.GetSinkName().c_str()));
+        if (sink)
+            g_object_set(sink.get(), "sync", FALSE, nullptr);
+    }
+
+    // Why the last step failed, for the test's message.
+    std::string failure;
 
     // Starts a file as a video recording does.
     bool StartRecording(const std::string& path, const std::string& recovery_path = "")
@@ -74,8 +105,10 @@ struct RecordingChain {
             mux->SetMoovRecoveryFile(recovery_path);
         mux->OpenRecord(path);
         h264.SetValve(false);
-        if (aac.SetState(GST_STATE_PLAYING, 0) != 0 || mux->SetState(GST_STATE_PLAYING, 0) != 0)
-            return false;
+        if (aac.SetState(GST_STATE_PLAYING, kWaitMs) != 0)
+            return Fail("AAC encoder did not reach PLAYING");
+        if (mux->SetState(GST_STATE_PLAYING, kWaitMs) != 0)
+            return Fail("muxer did not reach PLAYING");
         mux->SetDropIDR(false);
         return true;
     }
@@ -112,6 +145,12 @@ struct RecordingChain {
         mux->SetState(GST_STATE_NULL);
         h264.SetValve(true);
         aac.SetState(GST_STATE_NULL);
+    }
+
+    bool Fail(const std::string& why)
+    {
+        failure = why;
+        return false;
     }
 
     void Stop()
