@@ -1,0 +1,160 @@
+// DisplayPipeline, MicInputPipeline and AudioSpeakerPipeline: their controls and what they carry.
+#include <syslog.h>
+
+#include "log_capture.h"
+#include "pad_watch.h"
+#include "pipeline_harness.h"
+#include "pipelines/audio_speaker_pipeline.h"
+#include "pipelines/display_pipeline.h"
+#include "pipelines/mic_input_pipeline.h"
+
+using namespace PipelineHarness;
+
+namespace
+{
+
+// A live 640x480 BGRA picture, as the display overlay publishes it.
+class PictureFeed : public DescribedPipeline
+{
+public:
+    PictureFeed()
+        : DescribedPipeline("videotestsrc is-live=true "
+                            "! video/x-raw,format=BGRA,width=640,height=480,framerate=30000/1001 "
+                            "! interpipesink name=display_test_feed sync=false forward-events=true",
+            "display_test_feed")
+    {
+    }
+};
+
+guint64 SinkCount(VideoDaemon::Pipeline& display, const char* property)
+{
+    guint64 value = 0;
+    g_object_get(ElementOf(display, "display_sink").get(), property, &value, nullptr);
+    return value;
+}
+
+struct StopAll {
+    std::vector<VideoDaemon::Pipeline*> pipelines;
+    ~StopAll()
+    {
+        for (VideoDaemon::Pipeline* pipeline : pipelines)
+            pipeline->SetState(GST_STATE_NULL);
+    }
+};
+
+} // namespace
+
+TEST(DisplayPipeline, ControlsBeforeLaunchReportTheMissingPipeline)
+{
+    LogCapture log;
+    VideoDaemon::DisplayPipeline display;
+    display.Invert(true);
+    display.DropFrames(true);
+    EXPECT_TRUE(log.Contains(
+        LOG_ERR, "void VideoDaemon::DisplayPipeline::Invert(bool): pipeline == NULL (display_sink)"));
+    EXPECT_TRUE(log.Contains(
+        LOG_ERR, "void VideoDaemon::DisplayPipeline::DropFrames(bool): pipeline == NULL (display_sink)"));
+}
+
+TEST(DisplayPipeline, ShowsTheFramesItListensToInvertedOrDropped)
+{
+    PictureFeed feed;
+    VideoDaemon::DisplayPipeline display;
+    StopAll stop { { &feed, &display } };
+    ASSERT_TRUE(feed.Launch(false, true, false));
+    ASSERT_TRUE(display.Launch(true, true, true));
+    ASSERT_TRUE(display.ListenTo(&feed, "", ""));
+    ASSERT_EQ(feed.SetState(GST_STATE_PLAYING, 2000), 0);
+    ASSERT_EQ(display.SetState(GST_STATE_PLAYING, 2000), 0);
+    ASSERT_TRUE(RunMainLoopUntil([&] { return SinkCount(display, "frames-shown") >= 10; }, 3000));
+
+    gint rotation = -1;
+    display.Invert(true);
+    g_object_get(ElementOf(display, "display_sink").get(), "output-rotation", &rotation, nullptr);
+    EXPECT_EQ(rotation, 5);
+    display.Invert(false);
+    g_object_get(ElementOf(display, "display_sink").get(), "output-rotation", &rotation, nullptr);
+    EXPECT_EQ(rotation, 0);
+
+    display.DropFrames(true);
+    gboolean drop = FALSE;
+    g_object_get(ElementOf(display, "display_sink").get(), "drop-frames", &drop, nullptr);
+    EXPECT_TRUE(drop);
+    RunMainLoopFor(100);
+    const guint64 shown = SinkCount(display, "frames-shown");
+    const guint64 dropped = SinkCount(display, "frames-dropped");
+    ASSERT_TRUE(RunMainLoopUntil([&] { return SinkCount(display, "frames-dropped") >= dropped + 10; }, 3000));
+    EXPECT_EQ(SinkCount(display, "frames-shown"), shown);
+
+    display.DropFrames(false);
+    ASSERT_TRUE(RunMainLoopUntil([&] { return SinkCount(display, "frames-shown") >= shown + 10; }, 3000));
+}
+
+TEST(MicInputPipeline, MuteIsRefusedBeforeLaunchAndSilencesTheMicrophoneAfter)
+{
+    LogCapture log;
+    VideoDaemon::MicInputPipeline mic;
+    EXPECT_EQ(mic.SetMute(true), -1);
+    EXPECT_TRUE(log.Contains(
+        LOG_ERR, "int VideoDaemon::MicInputPipeline::SetMute(bool): pipeline == NULL (mic_volume0)"));
+    EXPECT_FALSE(mic.GetMute());
+    EXPECT_TRUE(log.Contains(
+        LOG_ERR, "bool VideoDaemon::MicInputPipeline::GetMute() const: pipeline == NULL (mic_volume0)"));
+
+    StopAll stop { { &mic } };
+    ASSERT_TRUE(mic.Launch(false, true, false));
+    ASSERT_EQ(mic.SetState(GST_STATE_PLAYING, 2000), 0);
+    PadWatch published(mic, "mic_input", "sink");
+    ASSERT_TRUE(published.Attached());
+    ASSERT_TRUE(RunMainLoopUntil([&] { return published.Buffers() >= 10; }, 3000));
+    // The software microphone hears a quiet tone.
+    EXPECT_GT(published.Peak(), 0);
+
+    EXPECT_EQ(mic.SetMute(true), 1);
+    EXPECT_TRUE(mic.GetMute());
+    RunMainLoopFor(100);
+    published.Reset();
+    ASSERT_TRUE(RunMainLoopUntil([&] { return published.Buffers() >= 10; }, 3000));
+    EXPECT_EQ(published.Peak(), 0);
+
+    EXPECT_EQ(mic.SetMute(false), 1);
+    EXPECT_FALSE(mic.GetMute());
+    RunMainLoopFor(100);
+    published.Reset();
+    ASSERT_TRUE(RunMainLoopUntil([&] { return published.Buffers() >= 10; }, 3000));
+    EXPECT_GT(published.Peak(), 0);
+}
+
+TEST(AudioSpeakerPipeline, PlaysWhatItListensTo)
+{
+    VideoDaemon::MicInputPipeline mic;
+    VideoDaemon::AudioSpeakerPipeline speaker;
+    StopAll stop { { &speaker, &mic } };
+    EXPECT_EQ(speaker.GetSinkName(), "audio_speaker_sink");
+    ASSERT_TRUE(mic.Launch(false, true, false));
+    ASSERT_TRUE(speaker.Launch(false, true, false));
+    std::string error;
+    speaker.signal_error.connect([&](std::string message) { error = message; });
+    PadWatch played(speaker, "audio_speaker_sink", "sink");
+    ASSERT_TRUE(played.Attached());
+
+    // Not listening: nothing reaches the sound card.
+    ASSERT_EQ(mic.SetState(GST_STATE_PLAYING, 2000), 0);
+    ASSERT_EQ(speaker.SetState(GST_STATE_PLAYING, 0), 0);
+    RunMainLoopFor(300);
+    EXPECT_EQ(played.Buffers(), 0);
+
+    ASSERT_TRUE(speaker.ListenTo(&mic, "", ""));
+    EXPECT_TRUE(speaker.IsListening());
+    ASSERT_TRUE(RunMainLoopUntil([&] { return played.Buffers() >= 20; }, 3000));
+    EXPECT_GT(played.Peak(), 0);
+    EXPECT_EQ(speaker.GetState(), GST_STATE_PLAYING);
+
+    // Detached again: the flow stops.
+    ASSERT_TRUE(speaker.ListenTo(nullptr, "", ""));
+    RunMainLoopFor(200);
+    played.Reset();
+    RunMainLoopFor(300);
+    EXPECT_EQ(played.Buffers(), 0);
+    EXPECT_EQ(error, "");
+}

@@ -1,0 +1,162 @@
+// H264EncodePipeline: element names per prefix, the valve in front of the encoder, encoder properties.
+#include <syslog.h>
+
+#include "log_capture.h"
+#include "pad_watch.h"
+#include "pipeline_harness.h"
+#include "pipelines/h264_encode_pipeline.h"
+
+using namespace PipelineHarness;
+using VideoDaemon::H264EncodePipeline;
+
+namespace
+{
+
+const char kGetterSignature[]
+    = "void VideoDaemon::H264EncodePipeline::GetH264EncoderProperty(const char*, T&) "
+      "const [with T = unsigned int]";
+const char kSetterSignature[]
+    = "void VideoDaemon::H264EncodePipeline::SetH264EncoderProperty(const char*, T) [with T = unsigned int]";
+
+// A live BGRA picture at the rate the encoder expects, as the overlay hands it over.
+class BgraFeed : public DescribedPipeline
+{
+public:
+    BgraFeed()
+        : DescribedPipeline("videotestsrc is-live=true pattern=18 "
+                            "! video/x-raw,format=BGRA,width=640,height=480,framerate=30000/1001 "
+                            "! interpipesink name=h264_test_feed sync=false forward-events=true",
+            "h264_test_feed")
+    {
+    }
+};
+
+// An encoder fed with a live picture, both playing.
+struct FedEncoder {
+    BgraFeed feed;
+    H264EncodePipeline h264 { "video" };
+
+    bool Start()
+    {
+        return feed.Launch(false, true, false) && h264.Launch(false, true, false)
+            && h264.ListenTo(&feed, "", "") && h264.SetState(GST_STATE_PLAYING, 2000) == 0
+            && feed.SetState(GST_STATE_PLAYING, 2000) == 0;
+    }
+    ~FedEncoder()
+    {
+        feed.SetState(GST_STATE_NULL);
+        h264.SetState(GST_STATE_NULL);
+    }
+};
+
+} // namespace
+
+TEST(H264EncodePipeline, NamesEveryElementAfterItsPrefix)
+{
+    H264EncodePipeline h264("video");
+    EXPECT_EQ(h264.GetName(), "H264EncodePipeline");
+    EXPECT_EQ(h264.GetSinkName(), "video_h264_sink");
+    EXPECT_EQ(h264.GetSourceName(), "video_h264_source");
+    EXPECT_EQ(h264.GetDescription().find('%'), std::string::npos);
+    ASSERT_TRUE(h264.Launch(false, false, false));
+    for (const char* name : { "video_h264_source", "video_h264_valve", "video_video_transform_h264",
+             "video_h264_queue", "video_encoder", "video_h264_sink" })
+        EXPECT_NE(ElementOf(h264, name), nullptr) << name;
+
+    // A second prefix gives a disjoint set of names, so both run in one process.
+    H264EncodePipeline autolog("autolog");
+    ASSERT_TRUE(autolog.Launch(false, false, false));
+    EXPECT_NE(ElementOf(autolog, "autolog_encoder"), nullptr);
+    EXPECT_EQ(ElementOf(autolog, "video_encoder"), nullptr);
+}
+
+TEST(H264EncodePipeline, BeforeLaunchGettersReturnZeroAndSettersChangeNothing)
+{
+    LogCapture log;
+    H264EncodePipeline h264("video");
+    EXPECT_EQ(h264.GetBitrate(), 0u);
+    EXPECT_EQ(h264.GetGopSize(), 0u);
+    EXPECT_EQ(h264.GetQuantParam(), 0u);
+    EXPECT_EQ(log.Count(LOG_ERR, std::string(kGetterSignature) + ": pipeline == NULL (video_encoder)"), 3u);
+
+    h264.SetBitrate(500);
+    EXPECT_TRUE(log.Contains(LOG_ERR, std::string(kSetterSignature) + ": pipeline == NULL (video_encoder)"));
+
+    h264.SetValve(false);
+    EXPECT_TRUE(log.Contains(LOG_WARNING, "Set H264 valve to :0"));
+    EXPECT_TRUE(log.Contains(LOG_ERR,
+        "void VideoDaemon::H264EncodePipeline::SetValve(bool): pipeline == NULL (video_h264_valve)"));
+    EXPECT_TRUE(log.Contains(LOG_WARNING, "Failed to find idr_valve element"));
+}
+
+TEST(H264EncodePipeline, EncoderPropertiesRoundTripOnTheRunningEncoder)
+{
+    FedEncoder fed;
+    ASSERT_TRUE(fed.Start());
+    H264EncodePipeline& h264 = fed.h264;
+    // The description's defaults.
+    EXPECT_EQ(h264.GetBitrate(), 0u);
+    EXPECT_EQ(h264.GetGopSize(), 16u);
+    EXPECT_EQ(h264.GetQuantParam(), 24u);
+
+    h264.SetBitrate(2000);
+    h264.SetGopSize(30);
+    h264.SetQuantParam(30);
+    EXPECT_EQ(h264.GetBitrate(), 2000u);
+    EXPECT_EQ(h264.GetGopSize(), 30u);
+    EXPECT_EQ(h264.GetQuantParam(), 30u);
+    guint bitrate = 0;
+    g_object_get(ElementOf(h264, "video_encoder").get(), "bitrate", &bitrate, nullptr);
+    EXPECT_EQ(bitrate, 2000u);
+
+    // The generic getter leaves the value alone for an unknown element.
+    H264EncodePipeline other("other");
+    unsigned value = 77;
+    other.GetH264EncoderProperty("bitrate", value);
+    EXPECT_EQ(value, 77u);
+}
+
+TEST(H264EncodePipeline, TheValveGatesTheFlowIntoTheEncoder)
+{
+    FedEncoder fed;
+    ASSERT_TRUE(fed.Start());
+    PadWatch into_encoder(fed.h264, "video_encoder", "sink");
+    PadWatch out(fed.h264, "video_h264_sink", "sink");
+    ASSERT_TRUE(into_encoder.Attached() && out.Attached());
+
+    // Closed by the description: frames reach the valve, none pass it.
+    PadWatch at_valve(fed.h264, "video_h264_valve", "sink");
+    ASSERT_TRUE(RunMainLoopUntil([&] { return at_valve.Buffers() >= 10; }, 3000));
+    EXPECT_EQ(into_encoder.Buffers(), 0);
+
+    LogCapture log;
+    fed.h264.SetValve(false);
+    EXPECT_TRUE(log.Contains(LOG_WARNING, "Set H264 valve to :0"));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return out.Buffers() >= 10; }, 3000));
+    SamplePtr sample;
+    {
+        Consumer consumer("h264_test_out");
+        ASSERT_TRUE(consumer.Launch(false, false, false));
+        ASSERT_TRUE(consumer.ListenTo(&fed.h264, "", ""));
+        ASSERT_EQ(consumer.SetState(GST_STATE_PLAYING, 2000), 0);
+        sample.reset(consumer.Pull());
+        consumer.SetState(GST_STATE_NULL);
+    }
+    ASSERT_TRUE(sample);
+    const GstStructure* caps = gst_caps_get_structure(gst_sample_get_caps(sample.get()), 0);
+    EXPECT_STREQ(gst_structure_get_name(caps), "video/x-h264");
+    EXPECT_STREQ(gst_structure_get_string(caps, "stream-format"), "avc");
+    EXPECT_STREQ(gst_structure_get_string(caps, "profile"), "main");
+
+    fed.h264.SetValve(true);
+    EXPECT_TRUE(log.Contains(LOG_WARNING, "Set H264 valve to :1"));
+    gboolean drop = FALSE;
+    g_object_get(ElementOf(fed.h264, "video_h264_valve").get(), "drop", &drop, nullptr);
+    EXPECT_TRUE(drop);
+    // Let the frames already past the valve drain, then nothing more enters.
+    RunMainLoopFor(300);
+    into_encoder.Reset();
+    at_valve.Reset();
+    ASSERT_TRUE(RunMainLoopUntil([&] { return at_valve.Buffers() >= 10; }, 3000));
+    EXPECT_EQ(into_encoder.Buffers(), 0);
+}
