@@ -17,26 +17,17 @@
 #include <string>
 #include <vector>
 
+#include "support/gst_test_pipeline.h"
+
+using GstTest::TestPipeline;
+
 namespace
 {
 
 constexpr int kFrames = 20000;
 constexpr int kRuns = 5;
 
-struct PipelineFree {
-    void operator()(GstElement* pipeline) const
-    {
-        gst_element_set_state(pipeline, GST_STATE_NULL);
-        gst_object_unref(pipeline);
-    }
-};
-using PipelinePtr = std::unique_ptr<GstElement, PipelineFree>;
-struct ObjectUnref {
-    void operator()(gpointer object) const { gst_object_unref(object); }
-};
-struct MessageUnref {
-    void operator()(GstMessage* message) const { gst_message_unref(message); }
-};
+using PipelinePtr = std::unique_ptr<TestPipeline>;
 
 const std::string kSource = "videotestsrc num-buffers=1 ! video/x-raw,format=BGRA,width=640,height=480,"
                             "framerate=30/1 ! imagefreeze num-buffers="
@@ -47,14 +38,11 @@ const std::string kHopSource = "max-bytes=0 max-buffers=200 block=true";
 
 PipelinePtr Launch(const std::string& description)
 {
-    GError* error = nullptr;
-    PipelinePtr pipeline(gst_parse_launch(description.c_str(), &error));
-    if (error) {
-        std::fprintf(stderr, "%s: %s\n", description.c_str(), error->message);
-        g_clear_error(&error);
-        return nullptr;
-    }
-    return pipeline;
+    auto pipeline = std::make_unique<TestPipeline>(description);
+    if (pipeline->Parsed())
+        return pipeline;
+    std::fprintf(stderr, "%s\n", pipeline->Error().c_str());
+    return nullptr;
 }
 
 double CpuSeconds()
@@ -74,16 +62,14 @@ struct Cost {
 Cost Run(const std::vector<PipelinePtr>& pipelines)
 {
     for (size_t i = pipelines.size(); i-- > 1;)
-        gst_element_set_state(pipelines[i].get(), GST_STATE_PLAYING);
+        pipelines[i]->Start();
     const double cpuStart = CpuSeconds();
     const auto start = std::chrono::steady_clock::now();
-    gst_element_set_state(pipelines.front().get(), GST_STATE_PLAYING);
-    std::unique_ptr<GstBus, ObjectUnref> bus(gst_element_get_bus(pipelines.back().get()));
-    std::unique_ptr<GstMessage, MessageUnref> message(gst_bus_timed_pop_filtered(
-        bus.get(), 120 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR)));
+    pipelines.front()->Start();
+    const bool ended = pipelines.back()->WaitForEos(120 * GST_SECOND);
     const auto end = std::chrono::steady_clock::now();
     const double cpuEnd = CpuSeconds();
-    if (!message || GST_MESSAGE_TYPE(message.get()) != GST_MESSAGE_EOS)
+    if (!ended)
         return {};
     return { cpuEnd - cpuStart, std::chrono::duration<double>(end - start).count() };
 }

@@ -15,6 +15,7 @@
 #include "pipelines/snapshot_pipeline.h"
 #include "pipelines/tcp_client_pipeline.h"
 #include "pipelines/tcp_server_pipeline.h"
+#include "support/gst_test_pipeline.h"
 
 using Clock = std::chrono::steady_clock;
 
@@ -156,24 +157,16 @@ void Snapshots(LivePicture& picture)
 void Playback()
 {
     const std::string file = "/tmp/videod-bench-playback.mp4";
-    GstElement* parsed = gst_parse_launch(
-        ("mp4mux name=mux ! filesink location=" + file
-            + " videotestsrc num-buffers=60 ! video/x-raw,width=640,height=480,framerate=30/1 "
-              "! x264enc speed-preset=ultrafast key-int-max=15 ! h264parse ! mux. "
-              "audiotestsrc num-buffers=94 samplesperbuffer=1024 ! audio/x-raw,rate=48000,channels=2 "
-              "! avenc_aac ! aacparse ! mux.")
-            .c_str(),
-        nullptr);
-    if (parsed)
-        gst_object_ref_sink(parsed);
-    VideoDaemon::GstPtr<GstElement> record(parsed);
-    if (!record)
+    GstTest::TestPipeline record("mp4mux name=mux ! filesink location=" + file
+        + " videotestsrc num-buffers=60 ! video/x-raw,width=640,height=480,framerate=30/1 "
+          "! x264enc speed-preset=ultrafast key-int-max=15 ! h264parse ! mux. "
+          "audiotestsrc num-buffers=94 samplesperbuffer=1024 ! audio/x-raw,rate=48000,channels=2 "
+          "! avenc_aac ! aacparse ! mux.");
+    if (!record.RunToEos()) {
+        std::fprintf(stderr, "the recording to play did not finish: %s\n", record.Error().c_str());
         return;
-    gst_element_set_state(record.get(), GST_STATE_PLAYING);
-    VideoDaemon::GstPtr<GstBus> bus(gst_element_get_bus(record.get()));
-    VideoDaemon::GstMessagePtr end(gst_bus_timed_pop_filtered(
-        bus.get(), 20 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR)));
-    gst_element_set_state(record.get(), GST_STATE_NULL);
+    }
+    record.SetState(GST_STATE_NULL);
 
     std::vector<double> ms;
     for (int i = 0; i < kRuns; i++) {
