@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "pipelines/audio_speaker_pipeline.h"
+#include "pipelines/mic_input_pipeline.h"
 #include "support/gst_test_pipeline.h"
 
 using namespace GstTest;
@@ -18,15 +20,14 @@ namespace
 {
 
 // The daemon's microphone and speaker, as they are launched on the board.
-const char* const kMicDescription
-    = "alsasrc name=mic_input_source provide-clock=false do-timestamp=false "
-      "! audio/x-raw, rate=44100,channels=2,format=S16LE,layout=interleaved "
-      "! volume volume=1 name=mic_volume0 "
-      "! interpipesink max-buffers=2 name=mic_input "
-      "caps=audio/x-raw,rate=44100,channels=2,format=S16LE,layout=interleaved forward-events=true";
-const char* const kSpeakerDescription
-    = "interpipesrc name=audio_speaker_source is-live=true "
-      "! alsasink name=audio_speaker_sink sync=false enable-last-sample=false";
+std::string MicDescription()
+{
+    return VideoDaemon::MicInputPipeline().GetDescription();
+}
+std::string SpeakerDescription()
+{
+    return VideoDaemon::AudioSpeakerPipeline().GetDescription();
+}
 
 // Points ALSA at the software device of this build tree (when ctest runs the
 // test), whatever sound hardware the machine has. Runs before GStreamer opens
@@ -103,7 +104,7 @@ GstClockTimeDiff Distance(GstClockTime a, GstClockTime b)
 
 TEST(SoftwareSoundDevice, PacesTheMicrophonePipelineInRealTimeWithRunningTimeTimestamps)
 {
-    TestPipeline mic(kMicDescription);
+    TestPipeline mic(MicDescription());
     BufferLog log;
     log.Attach(mic.Element("mic_input").get(), "sink");
     ASSERT_TRUE(mic.Start());
@@ -135,8 +136,8 @@ TEST(SoftwareSoundDevice, PacesTheMicrophonePipelineInRealTimeWithRunningTimeTim
 
 TEST(SoftwareSoundDevice, TheSpeakerPlaysWhatTheMicrophoneProducesThroughInterpipe)
 {
-    TestPipeline mic(kMicDescription);
-    TestPipeline speaker(kSpeakerDescription);
+    TestPipeline mic(MicDescription());
+    TestPipeline speaker(SpeakerDescription());
     BufferLog played;
     played.Attach(speaker.Element("audio_speaker_sink").get(), "sink");
     g_object_set(speaker.Element("audio_speaker_source").get(), "listen-to", "mic_input", nullptr);
