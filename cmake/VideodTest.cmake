@@ -14,6 +14,10 @@ set(VIDEOD_TEST_ENV
     "GST_REGISTRY_FORK=no"
     "VIDEOD_SOURCE_DIR=${CMAKE_SOURCE_DIR}"
     "VIDEOD_BINARY_DIR=${CMAKE_BINARY_DIR}")
+if(VIDEOD_SANITIZE)
+  # Leaks are checked; the one-time allocations of the libraries are not ours.
+  list(APPEND VIDEOD_TEST_ENV "LSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/lsan.supp")
+endif()
 if(CMAKE_CROSSCOMPILING)
   # Under emulation the target's own plug-ins live in the sysroot.
   list(APPEND VIDEOD_TEST_ENV
