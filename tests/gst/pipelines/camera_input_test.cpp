@@ -16,8 +16,12 @@ void ExpectPublishes640x480Rgba(VideoDaemon::Pipeline& input)
 {
     Consumer consumer(input.GetName() + "_check_src");
     ASSERT_TRUE(consumer.Launch(false, false, false));
-    ASSERT_EQ(input.SetState(GST_STATE_PLAYING), 0);
     ASSERT_TRUE(consumer.ListenTo(&input, "", ""));
+    // The listener plays before the input, so it sees the input's first
+    // frame: a test input whose start stamped a frame with the absolute
+    // clock time sends nothing after it (its sink waits on that time).
+    ASSERT_EQ(consumer.SetState(GST_STATE_PLAYING, 0), 0);
+    ASSERT_EQ(input.SetState(GST_STATE_PLAYING), 0);
     EXPECT_EQ(consumer.SetState(GST_STATE_PLAYING), 0);
     SamplePtr sample(consumer.Pull());
     consumer.SetState(GST_STATE_NULL);
@@ -98,6 +102,10 @@ TEST(InputMuxPipeline, RepublishesWhicheverInputItListensToWhilePlaying)
         ASSERT_TRUE(p->Launch(false, true, false));
     ASSERT_TRUE(mux.ListenTo(&pattern, "", ""));
     ASSERT_TRUE(consumer.ListenTo(&mux, "", ""));
+    // Listeners first, so the pattern's first frame gets through (see
+    // ExpectPublishes640x480Rgba).
+    ASSERT_EQ(consumer.SetState(GST_STATE_PLAYING, 0), 0);
+    ASSERT_EQ(mux.SetState(GST_STATE_PLAYING, 0), 0);
     for (VideoDaemon::Pipeline* p :
         std::initializer_list<VideoDaemon::Pipeline*> { &pattern, &camera, &mux, &consumer })
         ASSERT_EQ(p->SetState(GST_STATE_PLAYING), 0);
