@@ -114,20 +114,20 @@ const std::vector<PropertyUse>& Uses()
     return uses;
 }
 
-std::pair<gint64, gint64> Limits(GParamSpec* spec)
+std::pair<gint64, gint64> Limits(GParamSpec* param)
 {
-    if (G_IS_PARAM_SPEC_INT(spec))
-        return { G_PARAM_SPEC_INT(spec)->minimum, G_PARAM_SPEC_INT(spec)->maximum };
-    if (G_IS_PARAM_SPEC_UINT(spec))
-        return { G_PARAM_SPEC_UINT(spec)->minimum, G_PARAM_SPEC_UINT(spec)->maximum };
+    if (G_IS_PARAM_SPEC_INT(param))
+        return { G_PARAM_SPEC_INT(param)->minimum, G_PARAM_SPEC_INT(param)->maximum };
+    if (G_IS_PARAM_SPEC_UINT(param))
+        return { G_PARAM_SPEC_UINT(param)->minimum, G_PARAM_SPEC_UINT(param)->maximum };
     return { 0, 0 };
 }
 
-std::string Contents(GstElement* element, GParamSpec* spec)
+std::string Contents(GstElement* element, GParamSpec* param)
 {
     g_auto(GValue) value = G_VALUE_INIT;
-    g_value_init(&value, spec->value_type);
-    g_object_get_property(G_OBJECT(element), spec->name, &value);
+    g_value_init(&value, param->value_type);
+    g_object_get_property(G_OBJECT(element), param->name, &value);
     g_autofree gchar* text = g_strdup_value_contents(&value);
     return text;
 }
@@ -140,19 +140,19 @@ TEST(StandInElements, HaveEveryPropertyTheDaemonUsesWithItsTypeAccessAndRange)
         SCOPED_TRACE(std::string(use.factory) + " " + use.property);
         ObjectPtr<GstElement> element = MakeElement(use.factory);
         ASSERT_NE(element, nullptr);
-        GParamSpec* spec = g_object_class_find_property(G_OBJECT_GET_CLASS(element.get()), use.property);
-        ASSERT_NE(spec, nullptr);
-        EXPECT_EQ(G_PARAM_SPEC_VALUE_TYPE(spec), use.type);
-        EXPECT_EQ((spec->flags & G_PARAM_WRITABLE) != 0, use.access != kReadOnly);
-        EXPECT_EQ((spec->flags & G_PARAM_READABLE) != 0, use.access != kWriteOnly);
+        GParamSpec* param = g_object_class_find_property(G_OBJECT_GET_CLASS(element.get()), use.property);
+        ASSERT_NE(param, nullptr);
+        EXPECT_EQ(G_PARAM_SPEC_VALUE_TYPE(param), use.type);
+        EXPECT_EQ((param->flags & G_PARAM_WRITABLE) != 0, use.access != kReadOnly);
+        EXPECT_EQ((param->flags & G_PARAM_READABLE) != 0, use.access != kWriteOnly);
         const bool whilePlaying = use.access == kPlaying || use.access == kWriteOnly;
-        EXPECT_TRUE(!whilePlaying || (spec->flags & GST_PARAM_MUTABLE_PLAYING));
-        EXPECT_STRNE(g_param_spec_get_blurb(spec), "");
+        EXPECT_TRUE(!whilePlaying || (param->flags & GST_PARAM_MUTABLE_PLAYING));
+        EXPECT_STRNE(g_param_spec_get_blurb(param), "");
         if (use.initial != nullptr) {
-            EXPECT_EQ(Contents(element.get(), spec), use.initial);
+            EXPECT_EQ(Contents(element.get(), param), use.initial);
         }
         if (use.minimum != 0 || use.maximum != 0) {
-            EXPECT_EQ(Limits(spec), std::make_pair(use.minimum, use.maximum));
+            EXPECT_EQ(Limits(param), std::make_pair(use.minimum, use.maximum));
         }
     }
     // The overlay pipeline links the overlay's extra source pad by name.
