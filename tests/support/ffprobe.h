@@ -88,6 +88,27 @@ inline std::map<std::string, std::string> FfprobeEntries(
     return values;
 }
 
+// One packet of a stream: its presentation time (seconds) and flags ("K_" for a key frame).
+struct Packet {
+    double pts = 0;
+    std::string flags;
+};
+
+// The packets of one stream ("v:0", "a:0") in file order.
+inline std::vector<Packet> FfprobePackets(const std::string& file, const std::string& streams)
+{
+    std::vector<Packet> packets;
+    std::istringstream lines(Ffprobe(
+        { "-select_streams", streams, "-show_entries", "packet=pts_time,flags", "-of", "csv=p=0", file }));
+    for (std::string line; std::getline(lines, line);) {
+        const auto comma = line.find(',');
+        if (comma == std::string::npos)
+            continue;
+        packets.push_back({ g_ascii_strtod(line.substr(0, comma).c_str(), nullptr), line.substr(comma + 1) });
+    }
+    return packets;
+}
+
 // True when ffmpeg decodes the whole file without a complaint.
 inline bool FfmpegDecodesCleanly(const std::string& file)
 {

@@ -2,9 +2,9 @@
 #include <syslog.h>
 
 #include "log_capture.h"
-#include "pad_watch.h"
 #include "pipeline_harness.h"
 #include "pipelines/h264_encode_pipeline.h"
+#include "support/gst_test_pipeline.h"
 
 using namespace PipelineHarness;
 using VideoDaemon::H264EncodePipeline;
@@ -120,19 +120,18 @@ TEST(H264EncodePipeline, TheValveGatesTheFlowIntoTheEncoder)
 {
     FedEncoder fed;
     ASSERT_TRUE(fed.Start());
-    PadWatch into_encoder(fed.h264, "video_encoder", "sink");
-    PadWatch out(fed.h264, "video_h264_sink", "sink");
-    ASSERT_TRUE(into_encoder.Attached() && out.Attached());
+    GstTest::BufferCount into_encoder(ElementOf(fed.h264, "video_encoder").get(), "sink");
+    GstTest::BufferCount out(ElementOf(fed.h264, "video_h264_sink").get(), "sink");
 
     // Closed by the description: frames reach the valve, none pass it.
-    PadWatch at_valve(fed.h264, "video_h264_valve", "sink");
-    ASSERT_TRUE(RunMainLoopUntil([&] { return at_valve.Buffers() >= 10; }, 3000));
-    EXPECT_EQ(into_encoder.Buffers(), 0);
+    GstTest::BufferCount at_valve(ElementOf(fed.h264, "video_h264_valve").get(), "sink");
+    ASSERT_TRUE(RunMainLoopUntil([&] { return at_valve.Value() >= 10; }, 3000));
+    EXPECT_EQ(into_encoder.Value(), 0u);
 
     LogCapture log;
     fed.h264.SetValve(false);
     EXPECT_TRUE(log.Contains(LOG_WARNING, "Set H264 valve to :0"));
-    ASSERT_TRUE(RunMainLoopUntil([&] { return out.Buffers() >= 10; }, 3000));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return out.Value() >= 10; }, 3000));
     SamplePtr sample;
     {
         Consumer consumer("h264_test_out");
@@ -155,8 +154,8 @@ TEST(H264EncodePipeline, TheValveGatesTheFlowIntoTheEncoder)
     EXPECT_TRUE(drop);
     // Let the frames already past the valve drain, then nothing more enters.
     RunMainLoopFor(300);
-    into_encoder.Reset();
-    at_valve.Reset();
-    ASSERT_TRUE(RunMainLoopUntil([&] { return at_valve.Buffers() >= 10; }, 3000));
-    EXPECT_EQ(into_encoder.Buffers(), 0);
+    const unsigned entered = into_encoder.Value();
+    const unsigned reached = at_valve.Value();
+    ASSERT_TRUE(RunMainLoopUntil([&] { return at_valve.Value() >= reached + 10; }, 3000));
+    EXPECT_EQ(into_encoder.Value(), entered);
 }

@@ -1,42 +1,28 @@
 // The MP4 mux and SnapVoice pipelines recording real files from the recording chain.
-#include <sys/stat.h>
-
 #include <chrono>
 #include <cmath>
 #include <thread>
 
-#include "ffprobe.h"
+#include <filesystem>
+
 #include "log_capture.h"
 #include "pipeline_harness.h"
 #include "pipelines/snapvoice_pipeline.h"
 #include "recording_chain.h"
+#include "support/ffprobe.h"
+#include "support/gst_test_pipeline.h"
 
 using namespace PipelineHarness;
+using GstTest::FfprobeEntries;
+using GstTest::FfprobeNumber;
+using GstTest::FfprobePackets;
+using GstTest::FfprobeValues;
+using GstTest::Packet;
+using GstTest::TempDir;
 using VideoDaemon::Mp4muxPipeline;
 
 namespace
 {
-
-class TempDir
-{
-public:
-    TempDir()
-    {
-        char pattern[] = "/tmp/videod-mp4mux-XXXXXX";
-        path_ = mkdtemp(pattern);
-    }
-    ~TempDir() { CommandLines("rm -rf '" + path_ + "'"); }
-    std::string File(const std::string& name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
-};
-
-off_t FileSize(const std::string& path)
-{
-    struct stat info;
-    return stat(path.c_str(), &info) == 0 ? info.st_size : -1;
-}
 
 void Sleep(int ms)
 {
@@ -150,7 +136,7 @@ TEST(Mp4muxPipeline, RecordsH264MainAndAac48kStereoStartingOnAnIdrFrame)
     g_object_get(ElementOf(*chain.mux, "video_mux").get(), "moov-recovery-file", &recovery_set, nullptr);
     EXPECT_STREQ(recovery_set, recovery.c_str());
     g_free(recovery_set);
-    EXPECT_GE(FileSize(recovery), 0);
+    EXPECT_TRUE(std::filesystem::exists(recovery));
     EXPECT_GT(chain.mux->GetBytesWritten(), 0u);
     double recorded = Seconds(started);
     ASSERT_TRUE(CloseWithEos(chain));
@@ -159,24 +145,25 @@ TEST(Mp4muxPipeline, RecordsH264MainAndAac48kStereoStartingOnAnIdrFrame)
     EXPECT_EQ(chain.mux->GetBytesWritten(), 0u);
     chain.Stop();
 
-    auto info
-        = ProbeEntries(file, "stream=codec_type,codec_name,profile,sample_rate,channels:format=duration");
-    EXPECT_EQ(info["streams.stream.0.codec_type"], "video");
-    EXPECT_EQ(info["streams.stream.0.codec_name"], "h264");
-    EXPECT_EQ(info["streams.stream.0.profile"], "Main");
-    EXPECT_EQ(info["streams.stream.1.codec_type"], "audio");
-    EXPECT_EQ(info["streams.stream.1.codec_name"], "aac");
-    EXPECT_EQ(info["streams.stream.1.sample_rate"], "48000");
-    EXPECT_EQ(info["streams.stream.1.channels"], "2");
-    double duration = std::strtod(info["format.duration"].c_str(), nullptr);
-    EXPECT_NEAR(duration, recorded, recorded * 0.1);
+    EXPECT_EQ(FfprobeValues(file, "stream=codec_type"), (std::vector<std::string> { "video", "audio" }));
+    auto video_info = FfprobeEntries(file, "stream=codec_name,profile", "v:0");
+    EXPECT_EQ(video_info["codec_name"], "h264");
+    EXPECT_EQ(video_info["profile"], "Main");
+    auto audio_info = FfprobeEntries(file, "stream=codec_name,sample_rate,channels", "a:0");
+    EXPECT_EQ(audio_info["codec_name"], "aac");
+    EXPECT_EQ(audio_info["sample_rate"], "48000");
+    EXPECT_EQ(audio_info["channels"], "2");
+    EXPECT_NEAR(FfprobeNumber(file, "format=duration"), recorded, recorded * 0.1);
 
-    std::vector<Packet> video = ProbePackets(file, "v:0");
+    std::vector<Packet> video = FfprobePackets(file, "v:0");
     ASSERT_FALSE(video.empty());
     EXPECT_EQ(video.front().flags.substr(0, 1), "K");
-    auto first = ProbeEntries(file, "frame=key_frame,pict_type", "-select_streams v:0 -read_intervals %+#1");
-    EXPECT_EQ(first["frames.frame.0.key_frame"], "1");
-    EXPECT_EQ(first["frames.frame.0.pict_type"], "I");
+    std::vector<std::string> key_frames = FfprobeValues(file, "frame=key_frame", "v:0");
+    std::vector<std::string> picture_types = FfprobeValues(file, "frame=pict_type", "v:0");
+    ASSERT_FALSE(key_frames.empty());
+    ASSERT_FALSE(picture_types.empty());
+    EXPECT_EQ(key_frames.front(), "1");
+    EXPECT_EQ(picture_types.front(), "I");
 }
 
 TEST(Mp4muxPipeline, PauseAndResumeLeaveNoGap)
@@ -204,11 +191,9 @@ TEST(Mp4muxPipeline, PauseAndResumeLeaveNoGap)
     ASSERT_TRUE(CloseWithEos(chain));
     chain.Stop();
 
-    auto info = ProbeEntries(file, "format=duration");
-    double duration = std::strtod(info["format.duration"].c_str(), nullptr);
-    EXPECT_NEAR(duration, recorded, recorded * 0.1);
-    std::vector<Packet> video = ProbePackets(file, "v:0");
-    std::vector<Packet> audio = ProbePackets(file, "a:0");
+    EXPECT_NEAR(FfprobeNumber(file, "format=duration"), recorded, recorded * 0.1);
+    std::vector<Packet> video = FfprobePackets(file, "v:0");
+    std::vector<Packet> audio = FfprobePackets(file, "a:0");
     ASSERT_GT(video.size(), 60u);
     ASSERT_GT(audio.size(), 60u);
     EXPECT_EQ(video.front().flags.substr(0, 1), "K");
@@ -301,11 +286,9 @@ TEST(SnapvoicePipeline, RecordsAStillPictureWithNarration)
     ASSERT_TRUE(CloseWithEos(chain));
     chain.Stop();
 
-    auto info = ProbeEntries(file, "stream=codec_type,codec_name:format=duration");
-    EXPECT_EQ(info["streams.stream.0.codec_name"], "h264");
-    EXPECT_EQ(info["streams.stream.1.codec_name"], "aac");
-    std::vector<Packet> video = ProbePackets(file, "v:0");
-    std::vector<Packet> audio = ProbePackets(file, "a:0");
+    EXPECT_EQ(FfprobeValues(file, "stream=codec_name"), (std::vector<std::string> { "h264", "aac" }));
+    std::vector<Packet> video = FfprobePackets(file, "v:0");
+    std::vector<Packet> audio = FfprobePackets(file, "a:0");
     ASSERT_FALSE(video.empty());
     EXPECT_EQ(video.front().flags.substr(0, 1), "K");
     // The narration runs on; the picture does not.

@@ -43,7 +43,7 @@ private:
         EXPECT_TRUE(MediaTest::WriteJpeg(path_ + "-thumb.jpg", 320, 240, "snow"));
     }
 
-    MediaTest::ScratchDir dir_;
+    GstTest::TempDir dir_;
     std::string path_;
 };
 

@@ -110,7 +110,7 @@ TEST(SnapshotPipeline, LogsTheRequestAtDebugPriority)
 
 TEST(SnapshotPipeline, WritesAJpegOfTheRequestedSizeAndReportsSuccess)
 {
-    MediaTest::ScratchDir dir;
+    GstTest::TempDir dir;
     const std::string path = dir.File("still.jpg");
     DescribedPipeline picture = LivePicture();
     ASSERT_TRUE(picture.Launch(false, true, false));
@@ -165,7 +165,7 @@ TEST(SnapshotPipeline, WritesAJpegOfTheRequestedSizeAndReportsSuccess)
 TEST(SnapshotPipeline, RefusesASecondSnapshotWhileOneIsInProgressAndEndsTheFirstAfterFiveSeconds)
 {
     LogCapture log;
-    MediaTest::ScratchDir dir;
+    GstTest::TempDir dir;
     // No picture arrives, so the first snapshot can only end by its guard.
     SnapshotPipeline snapshot;
     ASSERT_TRUE(snapshot.Launch(false, true, false));
@@ -277,7 +277,7 @@ TEST(SnapshotPipelineDeathTest, EndsTheProcessWhenTheLocationCannotBeSet)
 
 TEST(SnapshotPipeline, JudgesTheSinksAnnouncementsAgainstTheRequestedFile)
 {
-    MediaTest::ScratchDir dir;
+    GstTest::TempDir dir;
     const std::string path = dir.File("wanted.jpg");
     SnapshotPipeline snapshot;
     ASSERT_TRUE(snapshot.Launch(false, false, false));

@@ -184,7 +184,7 @@ TEST(TcpServerPipeline, ServesTheLivePictureAsMultipartJpegFramesOverTcp)
 
 TEST(TcpServerPipeline, ReplacesTheLiveFramesWithTheStaticImageWhileEnabled)
 {
-    MediaTest::ScratchDir dir;
+    GstTest::TempDir dir;
     const std::string logo = dir.File("logo.jpg");
     ASSERT_TRUE(MediaTest::WriteJpeg(logo, 640, 480, "blue"));
     const std::vector<uint8_t> logo_bytes = MediaTest::ReadFile(logo);
