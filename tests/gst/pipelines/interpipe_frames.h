@@ -2,49 +2,15 @@
 // pipeline publishes on its own interpipe sink, for pixel checks.
 #pragma once
 
-#include <gst/app/gstappsink.h>
-#include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
+#include <gtest/gtest.h>
 
 #include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-// A small test pipeline that the tests start and stop themselves.
-class TestPipeline
-{
-public:
-    explicit TestPipeline(const std::string& description)
-    {
-        GError* error = nullptr;
-        pipeline_ = gst_parse_launch(description.c_str(), &error);
-        if (error) {
-            ADD_FAILURE() << "parse failed: " << error->message << " in " << description;
-            g_clear_error(&error);
-            g_clear_object(&pipeline_);
-        }
-    }
-    ~TestPipeline()
-    {
-        if (pipeline_)
-            gst_element_set_state(pipeline_, GST_STATE_NULL);
-        g_clear_object(&pipeline_);
-    }
-    TestPipeline(const TestPipeline&) = delete;
-    TestPipeline& operator=(const TestPipeline&) = delete;
-
-    bool Play()
-    {
-        return pipeline_ && gst_element_set_state(pipeline_, GST_STATE_PLAYING) != GST_STATE_CHANGE_FAILURE;
-    }
-    GstElement* Get(const char* name) { return gst_bin_get_by_name(GST_BIN(pipeline_), name); }
-
-private:
-    GstElement* pipeline_ = nullptr;
-};
+#include "support/gst_test_pipeline.h"
 
 // appsrc -> interpipesink `sink_name`, RGBA frames of the given size.
 class FrameProducer
@@ -55,10 +21,9 @@ public:
             + std::to_string(width) + ",height=" + std::to_string(height)
             + ",framerate=30/1 ! interpipesink name=" + sink_name + " sync=false forward-events=true")
     {
-        EXPECT_TRUE(pipeline_.Play());
-        source_ = pipeline_.Get("in");
+        EXPECT_TRUE(pipeline_.Parsed()) << pipeline_.Error();
+        EXPECT_TRUE(pipeline_.Start());
     }
-    ~FrameProducer() { g_clear_object(&source_); }
 
     void Push(const std::vector<uint8_t>& frame)
     {
@@ -66,12 +31,11 @@ public:
         GST_BUFFER_PTS(buffer) = pts_;
         GST_BUFFER_DURATION(buffer) = GST_SECOND / 30;
         pts_ += GST_SECOND / 30;
-        gst_app_src_push_buffer(GST_APP_SRC(source_), buffer);
+        pipeline_.Push("in", buffer);
     }
 
 private:
-    TestPipeline pipeline_;
-    GstElement* source_ = nullptr;
+    GstTest::TestPipeline pipeline_;
     GstClockTime pts_ = 0;
 };
 
@@ -84,26 +48,19 @@ public:
             + " is-live=true format=time ! videoconvert ! video/x-raw,format=RGBA ! appsink name=out "
               "sync=false max-buffers=1 drop=true")
     {
-        EXPECT_TRUE(pipeline_.Play());
-        sink_ = pipeline_.Get("out");
+        EXPECT_TRUE(pipeline_.Parsed()) << pipeline_.Error();
+        EXPECT_TRUE(pipeline_.Start());
     }
-    ~FrameConsumer() { g_clear_object(&sink_); }
 
     // The next frame, or an empty one after `timeout`.
     std::vector<uint8_t> Pull(GstClockTime timeout = GST_SECOND)
     {
-        g_autoptr(GstSample) sample = gst_app_sink_try_pull_sample(GST_APP_SINK(sink_), timeout);
-        if (!sample)
-            return {};
-        GstBuffer* buffer = gst_sample_get_buffer(sample);
-        std::vector<uint8_t> frame(gst_buffer_get_size(buffer));
-        gst_buffer_extract(buffer, 0, frame.data(), frame.size());
-        return frame;
+        GstTest::SamplePtr sample = pipeline_.Pull("out", timeout);
+        return sample ? GstTest::SampleBytes(sample.get()) : std::vector<uint8_t> {};
     }
 
 private:
-    TestPipeline pipeline_;
-    GstElement* sink_ = nullptr;
+    GstTest::TestPipeline pipeline_;
 };
 
 // Pushes `frame` until a published frame satisfies `check` (at most 100
