@@ -14,6 +14,7 @@
 #include "described_pipeline.h"
 #include "log.h"
 #include "pipelines/pipeline.h"
+#include "support/gst_test_pipeline.h"
 
 namespace PipelineHarness
 {
@@ -79,10 +80,7 @@ public:
     }
 };
 
-struct SampleUnref {
-    void operator()(GstSample* sample) const { gst_sample_unref(sample); }
-};
-using SamplePtr = std::unique_ptr<GstSample, SampleUnref>;
+using GstTest::SamplePtr;
 
 // Width, height and format of a sample's video caps.
 struct VideoFormat {

@@ -64,7 +64,7 @@ TEST(Pipeline, RelaunchBuildsANewPipelineAndEmptyDescriptionKeepsTheOldOne)
     EXPECT_EQ(pipeline.GetPipeline(), second);
 }
 
-TEST(Pipeline, BaseDescriptionIsEmptyAndCannotLaunch)
+TEST(Pipeline, EmptyOrBlankDescriptionsCannotLaunchNorChangeState)
 {
     class Bare : public Pipeline
     {
@@ -76,13 +76,13 @@ TEST(Pipeline, BaseDescriptionIsEmptyAndCannotLaunch)
     EXPECT_FALSE(bare.Launch(true, true, true));
     EXPECT_EQ(bare.GetPipeline(), nullptr);
     EXPECT_EQ(bare.GetState(), GST_STATE_NULL);
-}
+    EXPECT_EQ(bare.SetState(GST_STATE_PLAYING), -1);
+    EXPECT_EQ(bare.GetState(), GST_STATE_NULL);
 
-TEST(Pipeline, BlankDescriptionIsNotEmptyButFailsToParse)
-{
-    DescribedPipeline pipeline("      ");
-    EXPECT_FALSE(pipeline.Launch(false, false, false));
-    EXPECT_EQ(pipeline.GetPipeline(), nullptr);
+    // A blank description is not empty, but fails to parse.
+    DescribedPipeline blank("      ");
+    EXPECT_FALSE(blank.Launch(false, false, false));
+    EXPECT_EQ(blank.GetPipeline(), nullptr);
 }
 
 TEST(Pipeline, CollapsesRunsOfBlanksEvenInsideQuotedValues)
@@ -105,20 +105,16 @@ TEST(Pipeline, ParseErrorsFailEvenWithAPartialPipeline)
     EXPECT_FALSE(unknown.Launch(false, false, false));
 }
 
-TEST(Pipeline, FailedParseStillReportsTheMonitoredQueues)
+TEST(Pipeline, MonitoredQueuesThatCannotBeConnectedAreReportedAndTheOthersConnected)
 {
     LogCapture log;
-    DescribedPipeline pipeline("no_such_element_here ! queue name=q ! fakesink");
-    pipeline.MonitorQueue("q");
-    EXPECT_FALSE(pipeline.Launch(false, false, true));
+    DescribedPipeline failed("no_such_element_here ! queue name=q ! fakesink");
+    failed.MonitorQueue("q");
+    EXPECT_FALSE(failed.Launch(false, false, true));
     EXPECT_TRUE(log.Contains(
         LOG_ERR, "void VideoDaemon::Pipeline::ConnectQueueStateSignals(): pipeline == NULL (q)"));
     EXPECT_TRUE(log.Contains(LOG_ERR, "'q' failed to register queue state signals"));
-}
 
-TEST(Pipeline, MissingMonitoredQueueIsReportedAndTheOthersConnected)
-{
-    LogCapture log;
     DescribedPipeline pipeline("fakesrc ! queue name=present ! fakesink");
     pipeline.MonitorQueue("absent");
     pipeline.MonitorQueue("present");
@@ -139,7 +135,7 @@ TEST(Pipeline, ConnectingTheBusLogsItsSteps)
     EXPECT_TRUE(log.Contains(LOG_INFO, "[Pipeline] Listen for EOS message"));
 }
 
-TEST(Pipeline, AsynchronousChangeWithoutWaitReturnsAtOnce)
+TEST(Pipeline, AsynchronousChangeReturnsAtOnceOrWaitsForTheState)
 {
     LogCapture log;
     DescribedPipeline pipeline(kLive);
@@ -149,13 +145,8 @@ TEST(Pipeline, AsynchronousChangeWithoutWaitReturnsAtOnce)
     EXPECT_TRUE(log.Contains(LOG_INFO, "pipeline DescribedPipeline. will switch to 4 ASYNC"));
     EXPECT_FALSE(log.ContainsText("Wait ASYNC switch"));
     EXPECT_EQ(pipeline.SetState(GST_STATE_NULL, 0), 0);
-}
 
-TEST(Pipeline, AsynchronousChangeWithWaitReachesTheState)
-{
-    LogCapture log;
-    DescribedPipeline pipeline(kLive);
-    ASSERT_TRUE(pipeline.Launch(false, false, false));
+    // With a wait, the change completes before the call returns.
     EXPECT_EQ(pipeline.SetState(GST_STATE_PLAYING, 2000), 0);
     EXPECT_TRUE(log.Contains(LOG_INFO, "Wait ASYNC switch for 2000"));
     EXPECT_TRUE(log.Contains(LOG_INFO, "pipeline DescribedPipeline. curr_state=4 change_ret=1"));
@@ -163,7 +154,7 @@ TEST(Pipeline, AsynchronousChangeWithWaitReachesTheState)
     EXPECT_EQ(pipeline.SetState(GST_STATE_NULL), 0);
 }
 
-TEST(Pipeline, WaitThatRunsOutIsAFailure)
+TEST(Pipeline, FailedStateChangesAreLoggedWithTheStateReached)
 {
     LogCapture log;
     // Nothing ever arrives at the sink, so it never prerolls.
@@ -173,24 +164,14 @@ TEST(Pipeline, WaitThatRunsOutIsAFailure)
     EXPECT_TRUE(
         log.Contains(LOG_ERR, "pipeline DescribedPipeline. failed set state(3) curr_state=2 change_ret=2"));
     EXPECT_EQ(pipeline.SetState(GST_STATE_NULL), 0);
-}
 
-TEST(Pipeline, ImmediateFailureReportsAnUnqueriedState)
-{
-    LogCapture log;
-    DescribedPipeline pipeline("filesrc location=/nonexistent/videod-test ! fakesink");
-    ASSERT_TRUE(pipeline.Launch(false, false, false));
-    EXPECT_EQ(pipeline.SetState(GST_STATE_PLAYING), -1);
+    // An immediate failure reports a state it never queried.
+    DescribedPipeline missing("filesrc location=/nonexistent/videod-test ! fakesink");
+    ASSERT_TRUE(missing.Launch(false, false, false));
+    EXPECT_EQ(missing.SetState(GST_STATE_PLAYING), -1);
     EXPECT_TRUE(
         log.Contains(LOG_ERR, "pipeline DescribedPipeline. failed set state(4) curr_state=-1 change_ret=0"));
-    EXPECT_EQ(pipeline.SetState(GST_STATE_NULL), 0);
-}
-
-TEST(Pipeline, StateChangeWithoutPipelineFails)
-{
-    DescribedPipeline pipeline("fakesrc ! fakesink");
-    EXPECT_EQ(pipeline.SetState(GST_STATE_PLAYING), -1);
-    EXPECT_EQ(pipeline.GetState(), GST_STATE_NULL);
+    EXPECT_EQ(missing.SetState(GST_STATE_NULL), 0);
 }
 
 TEST(Pipeline, SendEosWaitsForAFreshEosNotAStaleOne)
