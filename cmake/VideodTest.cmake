@@ -22,7 +22,8 @@ endif()
 if(CMAKE_CROSSCOMPILING)
   # Under emulation the target's own plug-ins live in the sysroot.
   list(APPEND VIDEOD_TEST_ENV
-       "GST_PLUGIN_SYSTEM_PATH=${CMAKE_SYSROOT}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/gstreamer-1.0")
+       "GST_PLUGIN_SYSTEM_PATH=${CMAKE_SYSROOT}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/gstreamer-1.0"
+       "VIDEOD_EMULATED=1")
 endif()
 
 function(videod_add_tests)

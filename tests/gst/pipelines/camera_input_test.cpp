@@ -5,6 +5,7 @@
 #include "pipelines/ntsc_camera_input_pipeline.h"
 #include "pipelines/pal_camera_input_pipeline.h"
 #include "pipelines/test_input_pipeline.h"
+#include "support/death_test_style.h"
 
 using namespace PipelineHarness;
 using VideoDaemon::GstPtr;
@@ -55,7 +56,7 @@ gboolean BooleanOf(VideoDaemon::Pipeline& pipeline, const char* element, const c
 class CameraDeathTest : public ::testing::Test
 {
 protected:
-    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+    void SetUp() override { GstTest::UseFreshProcessDeathTests(); }
 };
 
 } // namespace

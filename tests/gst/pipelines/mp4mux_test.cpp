@@ -11,6 +11,7 @@
 #include "recording_chain.h"
 #include "support/ffprobe.h"
 #include "support/gst_test_pipeline.h"
+#include "support/death_test_style.h"
 
 using namespace PipelineHarness;
 using GstTest::FfprobeEntries;
@@ -61,7 +62,7 @@ double LargestGap(const std::vector<Packet>& packets)
 class Mp4muxDeathTest : public ::testing::Test
 {
 protected:
-    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+    void SetUp() override { GstTest::UseFreshProcessDeathTests(); }
 };
 
 } // namespace

@@ -10,6 +10,7 @@
 
 #include "interpipe_frames.h"
 #include "log_capture.h"
+#include "support/death_test_style.h"
 
 using VideoDaemon::OverlayPipeline;
 using VideoDaemon::Log::kError;
@@ -187,7 +188,7 @@ TEST_F(OverlayPipelineTest, RenderThreadWithoutAPipelineLogsTheLookupFailure)
 
 TEST_F(OverlayPipelineTest, ASecondLaunchTerminatesTheProcess)
 {
-    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+    GstTest::UseFreshProcessDeathTests();
     EXPECT_DEATH(
         {
             OverlayWithDescription overlay("display", "fakesrc ! fakesink");

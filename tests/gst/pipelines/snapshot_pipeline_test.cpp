@@ -9,6 +9,7 @@
 #include "media_test_support.h"
 #include "pipeline_harness.h"
 #include "pipelines/snapshot_pipeline.h"
+#include "support/death_test_style.h"
 
 using PipelineHarness::DescribedPipeline;
 using PipelineHarness::ElementOf;
@@ -266,7 +267,7 @@ TEST(SnapshotPipeline, LetsAtMostTenBuffersThroughTheValve)
 
 TEST(SnapshotPipelineDeathTest, EndsTheProcessWhenTheLocationCannotBeSet)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    GstTest::UseFreshProcessDeathTests();
     EXPECT_DEATH(
         {
             SnapshotPipeline snapshot;

@@ -15,6 +15,7 @@
 #include "pipelines/mjpeg_encode_pipeline.h"
 #include "pipelines/tcp_client_pipeline.h"
 #include "pipelines/tcp_server_pipeline.h"
+#include "support/death_test_style.h"
 
 using PipelineHarness::Consumer;
 using PipelineHarness::DescribedPipeline;
@@ -225,7 +226,7 @@ TEST(TcpClientPipeline, SetsTheServerAddressOnTheSource)
 
 TEST(TcpClientPipelineDeathTest, EndsTheProcessWhenTheAddressIsSetWithoutAPipeline)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    GstTest::UseFreshProcessDeathTests();
     EXPECT_DEATH(
         {
             TcpClientPipeline client;
