@@ -2,6 +2,7 @@
 #include "pipelines/ntsc_camera_input_pipeline.h"
 
 #include "log.h"
+#include "pipelines/deinterlace_method.h"
 #include "pipelines/function_signature.h"
 
 namespace VideoDaemon
@@ -54,23 +55,15 @@ void NtscCameraInputPipeline::SetDeinterlaceMethod(const std::string& method)
     GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, kTransformName);
     g_assert(element);
 
-    gint value;
-    gboolean top_field_first;
-    if (method == "low-motion") {
-        value = 0;
-        top_field_first = FALSE;
-    } else if (method == "high-motion") {
-        value = 1;
-        top_field_first = TRUE;
-    } else if (method == "medium-motion") {
-        value = 2;
-        top_field_first = FALSE;
-    } else {
+    const std::optional<int> value = DeinterlaceMethodValue(method);
+    if (!value) {
         Log::Error("Deinterlace method %s not recognized. Ignoring", method.c_str());
         return;
     }
+    // The VBI reader marks the top field first for "high-motion" only.
+    const gboolean top_field_first = *value == 1;
 
-    g_object_set(element.get(), "deinterlace-method", value, nullptr);
+    g_object_set(element.get(), "deinterlace-method", *value, nullptr);
     element = FindElement(VIDEOD_SIGNATURE, kVbiReaderName);
     g_assert(element);
     g_object_set(element.get(), "set-tff-flag", top_field_first, nullptr);
@@ -83,17 +76,7 @@ std::string NtscCameraInputPipeline::GetDeinterlaceMethod()
 
     gint value = -1;
     g_object_get(element.get(), "deinterlace-method", &value, nullptr);
-    switch (value) {
-    case 0:
-        return "low-motion";
-    case 1:
-        return "high-motion";
-    case 2:
-        // The setter's name for this value is "medium-motion".
-        return "median-motion";
-    default:
-        return "";
-    }
+    return DeinterlaceMethodName(value);
 }
 
 } // namespace VideoDaemon

@@ -2,6 +2,7 @@
 #include "pipelines/pal_camera_input_pipeline.h"
 
 #include "log.h"
+#include "pipelines/deinterlace_method.h"
 #include "pipelines/function_signature.h"
 
 namespace VideoDaemon
@@ -43,18 +44,12 @@ void PalCameraInputPipeline::SetDeinterlaceMethod(std::string method)
     GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, kTransformName);
     g_assert(element);
 
-    gint value;
-    if (method == "low-motion") {
-        value = 0;
-    } else if (method == "high-motion") {
-        value = 1;
-    } else if (method == "medium-motion") {
-        value = 2;
-    } else {
+    const std::optional<int> value = DeinterlaceMethodValue(method);
+    if (!value) {
         Log::Error("Deinterlace method %s not recognized. Ignoring", method.c_str());
         return;
     }
-    g_object_set(element.get(), "deinterlace-method", value, nullptr);
+    g_object_set(element.get(), "deinterlace-method", *value, nullptr);
 }
 
 std::string PalCameraInputPipeline::GetDeinterlaceMethod() const
@@ -64,17 +59,7 @@ std::string PalCameraInputPipeline::GetDeinterlaceMethod() const
 
     gint value = -1;
     g_object_get(element.get(), "deinterlace-method", &value, nullptr);
-    switch (value) {
-    case 0:
-        return "low-motion";
-    case 1:
-        return "high-motion";
-    case 2:
-        // The setter's name for this value is "medium-motion".
-        return "median-motion";
-    default:
-        return "";
-    }
+    return DeinterlaceMethodName(value);
 }
 
 } // namespace VideoDaemon
