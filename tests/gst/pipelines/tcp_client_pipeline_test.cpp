@@ -11,70 +11,23 @@
 #include <string>
 
 #include "log_capture.h"
+#include "live_stream.h"
 #include "pipeline_harness.h"
-#include "pipelines/mjpeg_encode_pipeline.h"
 #include "pipelines/tcp_client_pipeline.h"
-#include "pipelines/tcp_server_pipeline.h"
 #include "support/death_test_style.h"
 
 using PipelineHarness::Consumer;
-using PipelineHarness::DescribedPipeline;
 using PipelineHarness::ElementOf;
 using PipelineHarness::RunMainLoopFor;
 using PipelineHarness::RunMainLoopUntil;
 using PipelineHarness::SamplePtr;
-using VideoDaemon::MjpegEncodePipeline;
 using VideoDaemon::TcpClientPipeline;
-using VideoDaemon::TcpServerPipeline;
 
 namespace
 {
 
 const char kAcquired[] = "[TcpClientPipeline] Connection acquired!!";
 const char kLost[] = "[TcpClientPipeline] Connection lost!!";
-
-// The sending unit: live picture, MJPEG encoder and stream server on a free port.
-class SendingUnit
-{
-public:
-    SendingUnit()
-        : picture("videotestsrc is-live=true pattern=green "
-                  "! video/x-raw,format=BGRA,width=640,height=480,framerate=30/1 "
-                  "! interpipesink name=tcp_client_test_picture sync=false async=false",
-            "tcp_client_test_picture")
-    {
-        server.SetServerAddress("127.0.0.1", 0);
-        EXPECT_TRUE(picture.Launch(false, true, false));
-        EXPECT_TRUE(mjpeg.Launch(false, true, false));
-        EXPECT_TRUE(server.Launch(false, true, false));
-        EXPECT_TRUE(mjpeg.ListenTo(&picture, "", ""));
-        EXPECT_TRUE(server.ListenTo(&mjpeg, "", ""));
-        EXPECT_EQ(0, picture.SetState(GST_STATE_PLAYING, 0));
-        EXPECT_EQ(0, mjpeg.SetState(GST_STATE_PLAYING, 0));
-        EXPECT_EQ(0, server.SetState(GST_STATE_PLAYING, 0));
-    }
-    ~SendingUnit() { Stop(); }
-
-    int Port()
-    {
-        int port = 0;
-        VideoDaemon::GstPtr<GstElement> sink = ElementOf(server, "tcp_server_sink");
-        if (sink)
-            g_object_get(sink.get(), "current-port", &port, nullptr);
-        return port;
-    }
-    // Closes the server and its client connections.
-    void Stop()
-    {
-        server.SetState(GST_STATE_NULL);
-        mjpeg.SetState(GST_STATE_NULL);
-        picture.SetState(GST_STATE_NULL);
-    }
-
-    DescribedPipeline picture;
-    MjpegEncodePipeline mjpeg;
-    TcpServerPipeline server;
-};
 
 // A TCP server that accepts connections and never sends anything.
 class SilentServer
@@ -107,7 +60,7 @@ private:
 TEST(TcpClientPipeline, ReceivesTheRemotePictureAndReportsConnectionAcquiredAndLostOnce)
 {
     LogCapture log;
-    SendingUnit unit;
+    LiveStream unit("green", "tcp_client_test_picture");
     ASSERT_GT(unit.Port(), 0);
 
     TcpClientPipeline client;

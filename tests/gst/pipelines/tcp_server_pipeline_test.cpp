@@ -12,14 +12,12 @@
 #include <vector>
 
 #include "log_capture.h"
+#include "live_stream.h"
 #include "media_test_support.h"
 #include "pipeline_harness.h"
-#include "pipelines/mjpeg_encode_pipeline.h"
 #include "pipelines/tcp_server_pipeline.h"
 
-using PipelineHarness::DescribedPipeline;
 using PipelineHarness::ElementOf;
-using VideoDaemon::MjpegEncodePipeline;
 using VideoDaemon::TcpServerPipeline;
 
 namespace
@@ -97,48 +95,6 @@ private:
     std::string data_;
 };
 
-// The live picture, the MJPEG encoder and the server, linked as the daemon links them.
-class LiveStream
-{
-public:
-    LiveStream()
-        : picture("videotestsrc is-live=true pattern=red "
-                  "! video/x-raw,format=BGRA,width=640,height=480,framerate=30/1 "
-                  "! interpipesink name=tcp_server_test_picture sync=false async=false",
-            "tcp_server_test_picture")
-    {
-        // Port 0: the system picks a free port, so tests can run side by side.
-        server.SetServerAddress("127.0.0.1", 0);
-        EXPECT_TRUE(picture.Launch(false, true, false));
-        EXPECT_TRUE(mjpeg.Launch(false, true, true));
-        EXPECT_TRUE(server.Launch(false, true, true));
-        EXPECT_TRUE(mjpeg.ListenTo(&picture, "", ""));
-        EXPECT_TRUE(server.ListenTo(&mjpeg, "", ""));
-        EXPECT_EQ(0, server.SetState(GST_STATE_PLAYING, 0));
-        EXPECT_EQ(0, mjpeg.SetState(GST_STATE_PLAYING, 0));
-        EXPECT_EQ(0, picture.SetState(GST_STATE_PLAYING, 0));
-    }
-    ~LiveStream()
-    {
-        picture.SetState(GST_STATE_NULL);
-        mjpeg.SetState(GST_STATE_NULL);
-        server.SetState(GST_STATE_NULL);
-    }
-
-    int Port()
-    {
-        int port = 0;
-        VideoDaemon::GstPtr<GstElement> sink = ElementOf(server, "tcp_server_sink");
-        if (sink)
-            g_object_get(sink.get(), "current-port", &port, nullptr);
-        return port;
-    }
-
-    DescribedPipeline picture;
-    MjpegEncodePipeline mjpeg;
-    TcpServerPipeline server;
-};
-
 } // namespace
 
 TEST(TcpServerPipeline, AppendsTheQuotedHostAndThePortToItsDescription)
@@ -163,7 +119,7 @@ TEST(TcpServerPipeline, AppendsTheQuotedHostAndThePortToItsDescription)
 
 TEST(TcpServerPipeline, ServesTheLivePictureAsMultipartJpegFramesOverTcp)
 {
-    LiveStream stream;
+    LiveStream stream("red", "tcp_server_test_picture");
     const int port = stream.Port();
     ASSERT_GT(port, 0);
     StreamClient client(port);
@@ -189,7 +145,7 @@ TEST(TcpServerPipeline, ReplacesTheLiveFramesWithTheStaticImageWhileEnabled)
     ASSERT_TRUE(MediaTest::WriteJpeg(logo, 640, 480, "blue"));
     const std::vector<uint8_t> logo_bytes = MediaTest::ReadFile(logo);
 
-    LiveStream stream;
+    LiveStream stream("red", "tcp_server_test_picture");
     VideoDaemon::GstPtr<GstElement> static_jpeg = ElementOf(stream.server, "static_jpeg");
     ASSERT_TRUE(static_jpeg);
     g_object_set(static_jpeg.get(), "location", logo.c_str(), nullptr);
