@@ -4,7 +4,8 @@
 # turns every *_test.cpp of the calling folder into one GoogleTest executable
 # and one ctest entry, labelled <label>. The tests run against the stand-in
 # plug-in of the build tree with a private registry, so the machine's own
-# GStreamer registry is never touched. Names listed after SERIAL share the
+# GStreamer registry is never touched, and with the software sound device of
+# host/alsa, so results never depend on the machine's sound card. Names listed after SERIAL share the
 # resource lock "tcp4000" (TCP port 4000) and never run at the same time.
 
 set(VIDEOD_PLUGIN_DIR "${CMAKE_BINARY_DIR}/host/gst")
@@ -13,7 +14,8 @@ set(VIDEOD_TEST_ENV
     "GST_REGISTRY=${CMAKE_BINARY_DIR}/gst-registry.bin"
     "GST_REGISTRY_FORK=no"
     "VIDEOD_SOURCE_DIR=${CMAKE_SOURCE_DIR}"
-    "VIDEOD_BINARY_DIR=${CMAKE_BINARY_DIR}")
+    "VIDEOD_BINARY_DIR=${CMAKE_BINARY_DIR}"
+    "ALSA_CONFIG_PATH=${CMAKE_BINARY_DIR}/host/alsa/asound.conf")
 if(VIDEOD_SANITIZE)
   # Leaks are checked; the one-time allocations of the libraries are not ours
   # (full stacks: the system libraries keep no frame pointers).
@@ -34,7 +36,7 @@ function(videod_add_tests)
     add_executable(${name} "${source}")
     target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest GTest::gtest_main
                           Threads::Threads)
-    target_include_directories(${name} PRIVATE "${CMAKE_SOURCE_DIR}/tests")
+    target_include_directories(${name} PRIVATE "${CMAKE_SOURCE_DIR}/tests" "${CMAKE_SOURCE_DIR}/src")
     add_test(NAME ${name} COMMAND ${name})
     set_tests_properties(${name} PROPERTIES LABELS "${ARG_LABEL}"
                          ENVIRONMENT "${VIDEOD_TEST_ENV}" TIMEOUT 300)

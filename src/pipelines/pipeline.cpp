@@ -8,6 +8,7 @@
 #include <typeinfo>
 
 #include "log.h"
+#include "pipelines/base_time_priming.h"
 #include "pipelines/function_signature.h"
 
 namespace VideoDaemon
@@ -227,6 +228,7 @@ int Pipeline::SetState(GstState state, unsigned wait_ms)
         return -1;
     }
 
+    PrimeBaseTimesForStart(GST_ELEMENT(pipeline.get()), state);
     GstStateChangeReturn ret = gst_element_set_state(GST_ELEMENT(pipeline.get()), state);
     int current = -1;
     bool ok;

@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "pipelines/base_time_priming.h"
+
 namespace GstTest
 {
 
@@ -114,12 +116,14 @@ public:
     // once data arrives.
     bool Start() const
     {
+        VideoDaemon::PrimeBaseTimesForStart(_Pipeline.get(), GST_STATE_PLAYING);
         return gst_element_set_state(_Pipeline.get(), GST_STATE_PLAYING) != GST_STATE_CHANGE_FAILURE;
     }
 
     // Changes state and waits (bounded) for the change to complete.
     bool SetState(GstState state) const
     {
+        VideoDaemon::PrimeBaseTimesForStart(_Pipeline.get(), state);
         if (gst_element_set_state(_Pipeline.get(), state) == GST_STATE_CHANGE_FAILURE)
             return false;
         const GstStateChangeReturn result = gst_element_get_state(_Pipeline.get(), nullptr, nullptr, kWait);

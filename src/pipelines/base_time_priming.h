@@ -1,0 +1,49 @@
+// Gives every element of a pipeline that is about to start a base time of
+// "now" on the clock the pipeline would choose.
+//
+// Going to PLAYING, a pipeline hands its clock to all its elements first and
+// then sets their base time one by one, sinks before sources. A source that
+// stamps buffers from the clock ("do-timestamp") and already streams in PAUSED
+// can stamp a buffer in between, against a base time of 0 (first start) or of
+// the previous run: the buffer then carries an absolute clock time, and a
+// syncing sink waits on it for hours. With base times primed to "now", such a
+// buffer is at worst a few milliseconds off; the pipeline still sets the real
+// base time on every element as it goes to PLAYING.
+#pragma once
+
+#include <gst/gst.h>
+
+namespace VideoDaemon
+{
+
+inline void PrimeBaseTimes(GstElement* pipeline)
+{
+    GstClock* clock = GST_IS_PIPELINE(pipeline) ? gst_pipeline_get_pipeline_clock(GST_PIPELINE(pipeline))
+                                                : gst_system_clock_obtain();
+    const GstClockTime now = gst_clock_get_time(clock);
+    gst_object_unref(clock);
+    gst_element_set_base_time(pipeline, now);
+    if (!GST_IS_BIN(pipeline))
+        return;
+    GstIterator* elements = gst_bin_iterate_recurse(GST_BIN(pipeline));
+    gst_iterator_foreach(
+        elements,
+        [](const GValue* item, gpointer time) {
+            gst_element_set_base_time(GST_ELEMENT(g_value_get_object(item)), *static_cast<GstClockTime*>(time));
+        },
+        const_cast<GstClockTime*>(&now));
+    gst_iterator_free(elements);
+}
+
+// Primes the base times when `pipeline` is asked to play from below PAUSED.
+inline void PrimeBaseTimesForStart(GstElement* pipeline, GstState target)
+{
+    if (target != GST_STATE_PLAYING)
+        return;
+    GstState current = GST_STATE_VOID_PENDING;
+    gst_element_get_state(pipeline, &current, nullptr, 0);
+    if (current < GST_STATE_PAUSED)
+        PrimeBaseTimes(pipeline);
+}
+
+} // namespace VideoDaemon
