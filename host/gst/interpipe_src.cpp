@@ -49,7 +49,6 @@ struct Link {
     GstClockTime lastPts = GST_CLOCK_TIME_NONE;
 };
 
-enum class CapsAction { kSet, kKeep, kRefuse };
 
 } // namespace
 
@@ -93,43 +92,43 @@ static GType StreamSyncType()
     return type;
 }
 
-// Decides, under the link lock, what the producer's caps do to this source.
-static CapsAction TakeCapsLocked(InterpipeSrc* self, GstCaps* caps)
+// Decides, under the link lock, what the producer's caps do to this source. New caps are handed on
+// here, under the lock, so that neither a buffer of the producer nor an older caps change can overtake
+// them. Returns false when the caps are refused.
+static bool TakeCapsLocked(InterpipeSrc* self, GstCaps* caps)
 {
     Link& link = *self->link;
     if (!link.negotiated || g_atomic_int_get(&self->allowRenegotiation)) {
         gst_caps_replace(&link.negotiated, caps);
         link.incompatible = false;
-        return CapsAction::kSet;
-    }
-    link.incompatible = !gst_caps_can_intersect(link.negotiated, caps);
-    return link.incompatible ? CapsAction::kRefuse : CapsAction::kKeep;
-}
-
-static void ApplyCaps(InterpipeSrc* self, CapsAction action, GstCaps* caps, const gchar* sinkName)
-{
-    if (action == CapsAction::kSet) {
         GST_DEBUG_OBJECT(self, "caps %" GST_PTR_FORMAT, caps);
         gst_app_src_set_caps(GST_APP_SRC(self), caps);
-    } else if (action == CapsAction::kRefuse) {
-        GST_ELEMENT_ERROR(self, CORE, NEGOTIATION,
-            ("not-negotiated: the caps of interpipesink \"%s\" differ from the negotiated "
-             "caps and renegotiation is not allowed",
-                sinkName),
-            ("new caps %" GST_PTR_FORMAT, caps));
+        return true;
     }
+    link.incompatible = !gst_caps_can_intersect(link.negotiated, caps);
+    return !link.incompatible;
+}
+
+static void RefuseCaps(InterpipeSrc* self, GstCaps* caps, const gchar* sinkName)
+{
+    GST_ELEMENT_ERROR(self, CORE, NEGOTIATION,
+        ("not-negotiated: the caps of interpipesink \"%s\" differ from the negotiated "
+         "caps and renegotiation is not allowed",
+            sinkName),
+        ("new caps %" GST_PTR_FORMAT, caps));
 }
 
 void interpipe_src_producer_caps(InterpipeSrc* self, GstCaps* caps, const gchar* sinkName)
 {
-    CapsAction action = CapsAction::kKeep;
+    bool accepted = true;
     {
         std::lock_guard<std::mutex> lock(self->link->mutex);
         gst_caps_replace(&self->link->producerCaps, caps);
         if (g_atomic_int_get(&self->started))
-            action = TakeCapsLocked(self, caps);
+            accepted = TakeCapsLocked(self, caps);
     }
-    ApplyCaps(self, action, caps, sinkName);
+    if (!accepted)
+        RefuseCaps(self, caps, sinkName);
 }
 
 void interpipe_src_producer_changed(InterpipeSrc* self)
@@ -282,21 +281,16 @@ static gboolean interpipe_src_start(GstBaseSrc* base)
     InterpipeSrc* self = INTERPIPE_SRC(base);
     if (!GST_BASE_SRC_CLASS(interpipe_src_parent_class)->start(base))
         return FALSE;
-    CapsAction action = CapsAction::kKeep;
-    g_autoptr(GstCaps) caps = nullptr;
-    {
-        std::lock_guard<std::mutex> lock(self->link->mutex);
-        Link& link = *self->link;
-        link.restartPending = true;
-        link.lastPts = GST_CLOCK_TIME_NONE;
-        link.incompatible = false;
-        gst_caps_replace(&link.negotiated, nullptr);
-        if (link.producerCaps) {
-            caps = gst_caps_ref(link.producerCaps);
-            action = TakeCapsLocked(self, caps);
-        }
-    }
-    ApplyCaps(self, action, caps, "");
+    // Started under the lock: caps that a producer announces from now on are taken at once, and
+    // those it announced before are taken here.
+    std::lock_guard<std::mutex> lock(self->link->mutex);
+    Link& link = *self->link;
+    link.restartPending = true;
+    link.lastPts = GST_CLOCK_TIME_NONE;
+    link.incompatible = false;
+    gst_caps_replace(&link.negotiated, nullptr);
+    if (link.producerCaps)
+        TakeCapsLocked(self, link.producerCaps);
     g_atomic_int_set(&self->started, 1);
     return TRUE;
 }
