@@ -276,14 +276,15 @@ def connect(program):
 
 def run(conn, bus_name):
     """Takes the bus name once every object is exported, so an owned name means a ready peer."""
+    # Handlers first: whoever sees the name may stop the peer at once.
+    loop = GLib.MainLoop()
+    for signum in (signal.SIGTERM, signal.SIGINT):
+        GLib.unix_signal_add(GLib.PRIORITY_DEFAULT, signum, loop.quit)
     try:
         owner = dbus.service.BusName(bus_name, conn, do_not_queue=True)
     except dbus.exceptions.NameExistsException:
         log("%s is already owned" % bus_name)
         sys.exit(3)
-    loop = GLib.MainLoop()
-    for signum in (signal.SIGTERM, signal.SIGINT):
-        GLib.unix_signal_add(GLib.PRIORITY_DEFAULT, signum, loop.quit)
     log("owns %s" % bus_name)
     loop.run()
     log("leaves %s" % owner.get_name())
