@@ -1,4 +1,6 @@
 // Camera, test-pattern and input-mux pipelines on the host stand-ins.
+#include <functional>
+
 #include "log_capture.h"
 #include "pipeline_harness.h"
 #include "pipelines/input_mux_pipeline.h"
@@ -46,7 +48,7 @@ gint DeinterlaceMethodOf(VideoDaemon::Pipeline& pipeline, const char* transform)
     return value;
 }
 
-gboolean BooleanOf(VideoDaemon::Pipeline& pipeline, const char* element, const char* property)
+bool BooleanOf(VideoDaemon::Pipeline& pipeline, const char* element, const char* property)
 {
     gboolean value = FALSE;
     g_object_get(ElementOf(pipeline, element).get(), property, &value, nullptr);
@@ -61,33 +63,29 @@ protected:
 
 } // namespace
 
-TEST(TestInputPipeline, PublishesTheTestPatternAs640x480Rgba)
+TEST(CameraInputs, PublishAs640x480RgbaUnderTheirOwnNames)
 {
-    VideoDaemon::TestInputPipeline input;
-    EXPECT_EQ(input.GetSinkName(), "test_input_sink");
-    EXPECT_EQ(input.GetSourceName(), "test_input_src");
-    ASSERT_TRUE(input.Launch(false, true, false));
-    ExpectPublishes640x480Rgba(input);
-}
-
-TEST(NtscCameraInputPipeline, PublishesTheCameraAs640x480RgbaAndCountsItsFrames)
-{
-    VideoDaemon::NtscCameraInputPipeline camera;
-    EXPECT_EQ(camera.GetSinkName(), "camera_input_video");
-    EXPECT_EQ(camera.GetSourceName(), "camera_input_source");
-    EXPECT_EQ(camera.GetQueueStates().count("vbi_queue"), 1u);
-    ASSERT_TRUE(camera.Launch(true, true, true));
-    ExpectPublishes640x480Rgba(camera);
-    EXPECT_GT(camera.GetProbeRates().at("ntsc_cam"), 0u);
-}
-
-TEST(PalCameraInputPipeline, PublishesTheCameraRestampedAs2997Fps)
-{
-    VideoDaemon::PalCameraInputPipeline camera;
-    EXPECT_EQ(camera.GetSinkName(), "pal_camera_sink");
-    EXPECT_EQ(camera.GetSourceName(), "pal_camera_input_source");
-    ASSERT_TRUE(camera.Launch(false, true, false));
-    ExpectPublishes640x480Rgba(camera);
+    VideoDaemon::TestInputPipeline pattern;
+    VideoDaemon::NtscCameraInputPipeline ntsc;
+    VideoDaemon::PalCameraInputPipeline pal; // restamped to 29.97 fps
+    const struct {
+        VideoDaemon::Pipeline* input;
+        const char* sink;
+        const char* source;
+    } rows[] = {
+        { &pattern, "test_input_sink", "test_input_src" },
+        { &ntsc, "camera_input_video", "camera_input_source" },
+        { &pal, "pal_camera_sink", "pal_camera_input_source" },
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.input->GetName());
+        EXPECT_EQ(row.input->GetSinkName(), row.sink);
+        EXPECT_EQ(row.input->GetSourceName(), row.source);
+        ASSERT_TRUE(row.input->Launch(row.input == &ntsc, true, row.input == &ntsc));
+        ExpectPublishes640x480Rgba(*row.input);
+    }
+    EXPECT_EQ(ntsc.GetQueueStates().count("vbi_queue"), 1u);
+    EXPECT_GT(ntsc.GetProbeRates().at("ntsc_cam"), 0u);
 }
 
 TEST(InputMuxPipeline, RepublishesWhicheverInputItListensToWhilePlaying)
@@ -131,140 +129,111 @@ TEST(InputMuxPipeline, RepublishesWhicheverInputItListensToWhilePlaying)
         p->SetState(GST_STATE_NULL);
 }
 
-TEST(NtscCameraInputPipeline, DeinterlaceMethodsSetTheTransformAndTheTopFieldFlag)
+TEST(CameraInputs, DeinterlaceMethodsSetTheTransformAndTheNtscTopFieldFlag)
 {
     LogCapture log;
-    VideoDaemon::NtscCameraInputPipeline camera;
-    ASSERT_TRUE(camera.Launch(false, false, false));
-
-    camera.SetDeinterlaceMethod("high-motion");
-    EXPECT_EQ(DeinterlaceMethodOf(camera, "camera_input_transform"), 1);
-    EXPECT_TRUE(BooleanOf(camera, "vbi_read", "set-tff-flag"));
-    EXPECT_EQ(camera.GetDeinterlaceMethod(), "high-motion");
-
-    camera.SetDeinterlaceMethod("low-motion");
-    EXPECT_EQ(DeinterlaceMethodOf(camera, "camera_input_transform"), 0);
-    EXPECT_FALSE(BooleanOf(camera, "vbi_read", "set-tff-flag"));
-    EXPECT_EQ(camera.GetDeinterlaceMethod(), "low-motion");
-
-    // The getter names value 2 differently from the setter.
-    camera.SetDeinterlaceMethod("medium-motion");
-    EXPECT_EQ(DeinterlaceMethodOf(camera, "camera_input_transform"), 2);
-    EXPECT_FALSE(BooleanOf(camera, "vbi_read", "set-tff-flag"));
-    EXPECT_EQ(camera.GetDeinterlaceMethod(), "median-motion");
-
-    camera.SetDeinterlaceMethod("high-motion");
-    camera.SetDeinterlaceMethod(camera.GetDeinterlaceMethod());
-    camera.SetDeinterlaceMethod("median-motion");
-    EXPECT_EQ(log.Count(LOG_ERR, "Deinterlace method median-motion not recognized. Ignoring"), 1u);
-    EXPECT_EQ(DeinterlaceMethodOf(camera, "camera_input_transform"), 1);
-    EXPECT_TRUE(BooleanOf(camera, "vbi_read", "set-tff-flag"));
+    VideoDaemon::NtscCameraInputPipeline ntsc;
+    VideoDaemon::PalCameraInputPipeline pal;
+    ASSERT_TRUE(ntsc.Launch(false, false, false));
+    ASSERT_TRUE(pal.Launch(false, false, false));
+    // The getter names value 2 differently from the setter, and the setter
+    // refuses the getter's name.
+    const struct {
+        VideoDaemon::Pipeline* camera;
+        const char* set;
+        gint method;
+        const char* got;
+    } rows[] = {
+        { &ntsc, "high-motion", 1, "high-motion" },
+        { &ntsc, "low-motion", 0, "low-motion" },
+        { &ntsc, "medium-motion", 2, "median-motion" },
+        { &ntsc, "high-motion", 1, "high-motion" },
+        { &ntsc, "median-motion", 1, "high-motion" },
+        { &pal, "high-motion", 1, "high-motion" },
+        { &pal, "medium-motion", 2, "median-motion" },
+        { &pal, "median-motion", 2, "median-motion" },
+        { &pal, "low-motion", 0, "low-motion" },
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.camera->GetName() + " " + row.set);
+        std::string got;
+        if (row.camera == &ntsc) {
+            ntsc.SetDeinterlaceMethod(row.set);
+            EXPECT_EQ(DeinterlaceMethodOf(ntsc, "camera_input_transform"), row.method);
+            // Only the fastest method takes the top field first.
+            EXPECT_EQ(BooleanOf(ntsc, "vbi_read", "set-tff-flag"), row.method == 1);
+            got = ntsc.GetDeinterlaceMethod();
+        } else {
+            pal.SetDeinterlaceMethod(row.set);
+            EXPECT_EQ(DeinterlaceMethodOf(pal, "pal_camera_input_transform"), row.method);
+            got = pal.GetDeinterlaceMethod();
+        }
+        EXPECT_EQ(got, row.got);
+    }
+    EXPECT_EQ(log.Count(LOG_ERR, "Deinterlace method median-motion not recognized. Ignoring"), 2u);
     EXPECT_FALSE(log.ContainsText("Deinterlace method high-motion"));
+
+    EXPECT_TRUE(BooleanOf(ntsc, "camera_input_transform", "input-crop"));
+    for (bool crop : { false, true }) {
+        ntsc.SetInputCrop(crop);
+        pal.SetInputCrop(crop);
+        EXPECT_EQ(BooleanOf(ntsc, "camera_input_transform", "input-crop"), crop);
+        EXPECT_EQ(BooleanOf(pal, "pal_camera_input_transform", "input-crop"), crop);
+    }
 }
 
-TEST(NtscCameraInputPipeline, InputCropIsSwitchedOnTheTransform)
+TEST_F(CameraDeathTest, ControlsWithoutTheTransformEndTheProcess)
 {
-    VideoDaemon::NtscCameraInputPipeline camera;
-    ASSERT_TRUE(camera.Launch(false, false, false));
-    EXPECT_TRUE(BooleanOf(camera, "camera_input_transform", "input-crop"));
-    camera.SetInputCrop(false);
-    EXPECT_FALSE(BooleanOf(camera, "camera_input_transform", "input-crop"));
-    camera.SetInputCrop(true);
-    EXPECT_TRUE(BooleanOf(camera, "camera_input_transform", "input-crop"));
-}
-
-TEST(PalCameraInputPipeline, DeinterlaceMethodsAndInputCropSetTheTransform)
-{
-    LogCapture log;
-    VideoDaemon::PalCameraInputPipeline camera;
-    ASSERT_TRUE(camera.Launch(false, false, false));
-    camera.SetDeinterlaceMethod("high-motion");
-    EXPECT_EQ(DeinterlaceMethodOf(camera, "pal_camera_input_transform"), 1);
-    camera.SetDeinterlaceMethod("medium-motion");
-    EXPECT_EQ(camera.GetDeinterlaceMethod(), "median-motion");
-    camera.SetDeinterlaceMethod("median-motion");
-    EXPECT_TRUE(log.Contains(LOG_ERR, "Deinterlace method median-motion not recognized. Ignoring"));
-    EXPECT_EQ(DeinterlaceMethodOf(camera, "pal_camera_input_transform"), 2);
-    camera.SetDeinterlaceMethod("low-motion");
-    EXPECT_EQ(camera.GetDeinterlaceMethod(), "low-motion");
-
-    camera.SetInputCrop(false);
-    EXPECT_FALSE(BooleanOf(camera, "pal_camera_input_transform", "input-crop"));
-}
-
-TEST_F(CameraDeathTest, NtscControlsBeforeLaunchEndTheProcess)
-{
-    VideoDaemon::NtscCameraInputPipeline camera;
-    EXPECT_DEATH(
-        {
-            LogToStderr();
-            camera.SetInputCrop(true);
-        },
-        "<3>void VideoDaemon::NtscCameraInputPipeline::SetInputCrop\\(bool\\): pipeline == NULL "
-        "\\(camera_input_transform\\).*src/pipelines/ntsc_camera_input_pipeline.cpp:[0-9]+:.*assertion "
-        "failed: \\(element\\)");
-    EXPECT_DEATH(
-        {
-            LogToStderr();
-            camera.SetDeinterlaceMethod("low-motion");
-        },
-        "void VideoDaemon::NtscCameraInputPipeline::SetDeinterlaceMethod\\(const string&\\): pipeline == "
-        "NULL "
-        "\\(camera_input_transform\\).*src/pipelines/ntsc_camera_input_pipeline.cpp:[0-9]+:.*assertion "
-        "failed: \\(element\\)");
-    EXPECT_DEATH(
-        {
-            LogToStderr();
-            camera.GetDeinterlaceMethod();
-        },
-        "std::__cxx11::string VideoDaemon::NtscCameraInputPipeline::GetDeinterlaceMethod\\(\\): pipeline == "
-        "NULL "
-        "\\(camera_input_transform\\).*src/pipelines/ntsc_camera_input_pipeline.cpp");
-}
-
-TEST_F(CameraDeathTest, PalControlsBeforeLaunchEndTheProcess)
-{
-    VideoDaemon::PalCameraInputPipeline camera;
-    EXPECT_DEATH(
-        {
-            LogToStderr();
-            camera.SetInputCrop(false);
-        },
-        "void VideoDaemon::PalCameraInputPipeline::SetInputCrop\\(bool\\): pipeline == NULL "
-        "\\(pal_camera_input_transform\\).*src/pipelines/pal_camera_input_pipeline.cpp:[0-9]+:.*assertion "
-        "failed: \\(element\\)");
-    EXPECT_DEATH(
-        {
-            LogToStderr();
-            camera.SetDeinterlaceMethod("low-motion");
-        },
-        "void VideoDaemon::PalCameraInputPipeline::SetDeinterlaceMethod\\(std::__cxx11::string\\): pipeline "
-        "== NULL "
-        "\\(pal_camera_input_transform\\).*src/pipelines/pal_camera_input_pipeline.cpp");
-    EXPECT_DEATH(
-        {
-            LogToStderr();
-            camera.GetDeinterlaceMethod();
-        },
-        "std::__cxx11::string VideoDaemon::PalCameraInputPipeline::GetDeinterlaceMethod\\(\\) const: "
-        "pipeline == "
-        "NULL \\(pal_camera_input_transform\\).*src/pipelines/pal_camera_input_pipeline.cpp");
-}
-
-TEST_F(CameraDeathTest, MissingTransformEndsTheProcess)
-{
+    VideoDaemon::NtscCameraInputPipeline ntsc;
+    VideoDaemon::PalCameraInputPipeline pal;
     // A camera whose description lacks the transform element.
     class Stripped : public VideoDaemon::NtscCameraInputPipeline
     {
         std::string GetDescription() override { return "fakesrc ! fakesink"; }
     };
-    Stripped camera;
-    ASSERT_TRUE(camera.Launch(false, false, false));
-    EXPECT_DEATH(
-        {
-            LogToStderr();
-            camera.SetInputCrop(true);
-        },
-        "<3>void VideoDaemon::NtscCameraInputPipeline::SetInputCrop\\(bool\\): element == NULL "
-        "\\(camera_input_transform\\).*assertion failed: \\(element\\)");
+    Stripped stripped;
+    ASSERT_TRUE(stripped.Launch(false, false, false));
+
+    const std::string ntsc_file
+        = "\\(camera_input_transform\\).*src/pipelines/ntsc_camera_input_pipeline.cpp";
+    const std::string pal_file
+        = "\\(pal_camera_input_transform\\).*src/pipelines/pal_camera_input_pipeline.cpp";
+    const std::string assertion = ":[0-9]+:.*assertion failed: \\(element\\)";
+    const struct {
+        std::function<void()> control;
+        std::string expected;
+    } rows[] = {
+        { [&] { ntsc.SetInputCrop(true); },
+            "<3>void VideoDaemon::NtscCameraInputPipeline::SetInputCrop\\(bool\\): pipeline == NULL "
+                + ntsc_file + assertion },
+        { [&] { ntsc.SetDeinterlaceMethod("low-motion"); },
+            "void VideoDaemon::NtscCameraInputPipeline::SetDeinterlaceMethod\\(const string&\\): pipeline == "
+            "NULL "
+                + ntsc_file + assertion },
+        { [&] { ntsc.GetDeinterlaceMethod(); },
+            "std::__cxx11::string VideoDaemon::NtscCameraInputPipeline::GetDeinterlaceMethod\\(\\): pipeline "
+            "== NULL "
+                + ntsc_file },
+        { [&] { pal.SetInputCrop(false); },
+            "void VideoDaemon::PalCameraInputPipeline::SetInputCrop\\(bool\\): pipeline == NULL " + pal_file
+                + assertion },
+        { [&] { pal.SetDeinterlaceMethod("low-motion"); },
+            "void VideoDaemon::PalCameraInputPipeline::SetDeinterlaceMethod\\(std::__cxx11::string\\): "
+            "pipeline == NULL "
+                + pal_file },
+        { [&] { pal.GetDeinterlaceMethod(); },
+            "std::__cxx11::string VideoDaemon::PalCameraInputPipeline::GetDeinterlaceMethod\\(\\) const: "
+            "pipeline == NULL "
+                + pal_file },
+        { [&] { stripped.SetInputCrop(true); },
+            "<3>void VideoDaemon::NtscCameraInputPipeline::SetInputCrop\\(bool\\): element == NULL "
+            "\\(camera_input_transform\\).*assertion failed: \\(element\\)" },
+    };
+    for (const auto& row : rows)
+        EXPECT_DEATH(
+            {
+                LogToStderr();
+                row.control();
+            },
+            row.expected);
 }
