@@ -17,18 +17,12 @@ TEST(AacEncodePipeline, NumbersItsInstancesAndSharesTheQueueName)
     EXPECT_EQ(first.GetSinkName(), "aac_encode_sink0");
     EXPECT_EQ(second.GetSourceName(), "aac_encode_source1");
     EXPECT_EQ(second.GetSinkName(), "aac_encode_sink1");
-    // Both marks of the template are replaced.
-    for (AacEncodePipeline* aac : { &first, &second }) {
-        const std::string description = aac->GetDescription();
-        EXPECT_EQ(description.find('%'), std::string::npos);
-        EXPECT_NE(description.find("name=" + aac->GetSourceName() + " "), std::string::npos);
-        EXPECT_NE(description.find("name=" + aac->GetSinkName() + " "), std::string::npos);
-    }
     ASSERT_TRUE(first.Launch(false, false, false));
     ASSERT_TRUE(second.Launch(false, false, false));
-    EXPECT_NE(ElementOf(first, "acc_queue"), nullptr);
-    EXPECT_NE(ElementOf(second, "acc_queue"), nullptr);
-    EXPECT_NE(ElementOf(second, "aac_encode_sink1"), nullptr);
+    // Both marks of the template are replaced; the queue's name is shared.
+    for (AacEncodePipeline* aac : { &first, &second })
+        for (const std::string& name : { aac->GetSourceName(), aac->GetSinkName(), std::string("acc_queue") })
+            EXPECT_NE(ElementOf(*aac, name), nullptr) << name;
 }
 
 TEST(AacEncodePipeline, EncodesTheMicrophoneTo48kStereoAac)
@@ -46,20 +40,19 @@ TEST(AacEncodePipeline, EncodesTheMicrophoneTo48kStereoAac)
     ASSERT_EQ(aac.SetState(GST_STATE_PLAYING, 2000), 0);
     ASSERT_EQ(consumer.SetState(GST_STATE_PLAYING, 2000), 0);
 
-    int frames = 0;
-    for (; frames < 20; ++frames) {
+    for (int frame = 0; frame < 20; ++frame) {
         SamplePtr sample(consumer.Pull());
-        ASSERT_TRUE(sample) << "after " << frames << " frames";
+        ASSERT_TRUE(sample) << "frame " << frame;
+        EXPECT_GT(gst_buffer_get_size(gst_sample_get_buffer(sample.get())), 0u) << "frame " << frame;
         const GstStructure* caps = gst_caps_get_structure(gst_sample_get_caps(sample.get()), 0);
-        ASSERT_STREQ(gst_structure_get_name(caps), "audio/mpeg");
         int version = 0, rate = 0, channels = 0;
         gst_structure_get_int(caps, "mpegversion", &version);
         gst_structure_get_int(caps, "rate", &rate);
         gst_structure_get_int(caps, "channels", &channels);
-        EXPECT_EQ(version, 4);
-        EXPECT_EQ(rate, 48000);
-        EXPECT_EQ(channels, 2);
-        EXPECT_GT(gst_buffer_get_size(gst_sample_get_buffer(sample.get())), 0u);
+        EXPECT_EQ(std::string(gst_structure_get_name(caps)) + " " + std::to_string(version) + " "
+                + std::to_string(rate) + " " + std::to_string(channels),
+            "audio/mpeg 4 48000 2")
+            << "frame " << frame;
     }
     consumer.SetState(GST_STATE_NULL);
     aac.SetState(GST_STATE_NULL);

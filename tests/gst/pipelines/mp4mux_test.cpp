@@ -1,17 +1,15 @@
 // The MP4 mux and SnapVoice pipelines recording real files from the recording chain.
 #include <chrono>
-#include <cmath>
-#include <thread>
-
 #include <filesystem>
+#include <thread>
 
 #include "log_capture.h"
 #include "pipeline_harness.h"
 #include "pipelines/snapvoice_pipeline.h"
 #include "recording_chain.h"
+#include "support/death_test_style.h"
 #include "support/ffprobe.h"
 #include "support/gst_test_pipeline.h"
-#include "support/death_test_style.h"
 
 using namespace PipelineHarness;
 using GstTest::FfprobeEntries;
@@ -59,6 +57,14 @@ double LargestGap(const std::vector<Packet>& packets)
     return gap;
 }
 
+template <typename T>
+T PropertyOf(VideoDaemon::Pipeline& pipeline, const std::string& element, const char* name)
+{
+    T value {};
+    g_object_get(ElementOf(pipeline, element).get(), name, &value, nullptr);
+    return value;
+}
+
 class Mp4muxDeathTest : public ::testing::Test
 {
 protected:
@@ -67,13 +73,10 @@ protected:
 
 } // namespace
 
-TEST(Mp4muxPipeline, NamesEveryElementAfterItsPrefix)
+TEST(Mp4muxPipeline, NamesEveryElementAfterItsPrefixAndWritesNowhereUntilOpened)
 {
     Mp4muxPipeline mux("autolog");
     EXPECT_EQ(mux.GetName(), "autolog_Mp4muxPipeline");
-    EXPECT_EQ(mux.GetSinkName(), "autolog_mp4mux_filesink");
-    EXPECT_EQ(mux.GetSourceName(), "autolog_mp4mux_video0");
-    EXPECT_EQ(mux.GetAudioSourceName(), "autolog_mp4mux_audio0");
     LogCapture log;
     ASSERT_TRUE(mux.Launch(false, false, false));
     EXPECT_TRUE(log.Contains(LOG_INFO, "Initialising mux pause objects"));
@@ -81,10 +84,8 @@ TEST(Mp4muxPipeline, NamesEveryElementAfterItsPrefix)
              "autolog_mp4mux_vid_pause", "autolog_mux", "autolog_mp4mux_queue", "autolog_mp4mux_tracker",
              "autolog_mp4mux_filesink", "autolog_mp4mux_audio0", "autolog_mp4mux_aud_pause" })
         EXPECT_NE(ElementOf(mux, name), nullptr) << name;
-    gchar* location = nullptr;
-    g_object_get(ElementOf(mux, "autolog_mp4mux_filesink").get(), "location", &location, nullptr);
-    EXPECT_STREQ(location, "/dev/null");
-    g_free(location);
+    VideoDaemon::GCharPtr location(PropertyOf<gchar*>(mux, "autolog_mp4mux_filesink", "location"));
+    EXPECT_STREQ(location.get(), "/dev/null");
 }
 
 TEST(Mp4muxPipeline, OperationsBeforeLaunchReportTheMissingPipeline)
@@ -92,54 +93,63 @@ TEST(Mp4muxPipeline, OperationsBeforeLaunchReportTheMissingPipeline)
     LogCapture log;
     Mp4muxPipeline mux("video");
     mux.SetLocation("/tmp/x.mp4");
-    EXPECT_TRUE(log.Contains(LOG_INFO, "SetLocation '/tmp/x.mp4'"));
-    EXPECT_TRUE(log.Contains(LOG_ERR,
-        "virtual void VideoDaemon::Mp4muxPipeline::SetLocation(const string&): "
-        "pipeline == NULL (video_mp4mux_filesink)"));
-    EXPECT_TRUE(log.Contains(LOG_ERR, "video_mp4mux_filesink: element not found"));
     mux.SetDropIDR(false);
-    EXPECT_TRUE(log.Contains(LOG_WARNING, "Set Drop IDR to : 0"));
-    EXPECT_TRUE(log.Contains(LOG_ERR,
-        "void VideoDaemon::Mp4muxPipeline::SetDropIDR(bool): pipeline == NULL "
-        "(video_idr_valve)"));
-    EXPECT_TRUE(log.Contains(LOG_WARNING, "Failed to find video_idr_valve element"));
     mux.SetMoovRecoveryFile("/tmp/x.mrf");
-    EXPECT_TRUE(log.Contains(LOG_ERR,
-        "void VideoDaemon::Mp4muxPipeline::SetMoovRecoveryFile(const string&): "
-        "pipeline == NULL (video_mux)"));
     EXPECT_FALSE(mux.EnableTrackerSignals(true));
-    EXPECT_TRUE(log.Contains(LOG_ERR,
-        "bool VideoDaemon::Mp4muxPipeline::EnableTrackerSignals(bool): pipeline == "
-        "NULL (video_mp4mux_tracker)"));
-    EXPECT_TRUE(log.Contains(LOG_ERR, "video_mp4mux_tracker: identity element not found"));
+    const std::pair<int, const char*> lines[] = {
+        { LOG_INFO, "SetLocation '/tmp/x.mp4'" },
+        { LOG_ERR,
+            "virtual void VideoDaemon::Mp4muxPipeline::SetLocation(const string&): pipeline == NULL "
+            "(video_mp4mux_filesink)" },
+        { LOG_ERR, "video_mp4mux_filesink: element not found" },
+        { LOG_WARNING, "Set Drop IDR to : 0" },
+        { LOG_ERR, "void VideoDaemon::Mp4muxPipeline::SetDropIDR(bool): pipeline == NULL (video_idr_valve)" },
+        { LOG_WARNING, "Failed to find video_idr_valve element" },
+        { LOG_ERR,
+            "void VideoDaemon::Mp4muxPipeline::SetMoovRecoveryFile(const string&): pipeline == NULL "
+            "(video_mux)" },
+        { LOG_ERR,
+            "bool VideoDaemon::Mp4muxPipeline::EnableTrackerSignals(bool): pipeline == NULL "
+            "(video_mp4mux_tracker)" },
+        { LOG_ERR, "video_mp4mux_tracker: identity element not found" },
+    };
+    for (const auto& [priority, line] : lines)
+        EXPECT_TRUE(log.Contains(priority, line)) << line;
 }
 
-TEST(Mp4muxPipeline, RecordsH264MainAndAac48kStereoStartingOnAnIdrFrame)
+// One recording paused half-way: the file must be what a capture promises
+// (H.264 main, AAC 48 kHz stereo, starting on an IDR frame although the
+// encoder has run for a while) and show no trace of the pause.
+TEST(Mp4muxPipeline, RecordsH264MainAndAac48kStereoFromAnIdrFrameWithoutAGapAcrossAPause)
 {
     TempDir dir;
     const std::string file = dir.File("recording.mp4");
     const std::string recovery = dir.File("recording.mrf");
     RecordingChain chain;
     ASSERT_TRUE(chain.Start()) << chain.failure;
-    // Let the sources run a while, as they do before a capture starts.
     Sleep(500);
 
     LogCapture log;
-    auto started = std::chrono::steady_clock::now();
+    auto segment = std::chrono::steady_clock::now();
     ASSERT_TRUE(chain.StartRecording(file, recovery)) << chain.failure;
     EXPECT_TRUE(log.Contains(LOG_INFO, "OpenRecord '" + file + "'"));
     EXPECT_TRUE(log.Contains(LOG_INFO, "SetMoovRecoveryFile '" + recovery + "'"));
-    EXPECT_EQ(chain.mux->GetLocation(), file);
-    EXPECT_EQ(chain.mux->GetMoovRecoveryFile(), recovery);
-    Sleep(3000);
+    Sleep(1500);
+    EXPECT_TRUE(RunMainLoopUntil([&] { return chain.mux->GetBytesWritten() > 0; }, 3000));
     // The muxer keeps its recovery file while the file is written.
-    gchar* recovery_set = nullptr;
-    g_object_get(ElementOf(*chain.mux, "video_mux").get(), "moov-recovery-file", &recovery_set, nullptr);
-    EXPECT_STREQ(recovery_set, recovery.c_str());
-    g_free(recovery_set);
+    VideoDaemon::GCharPtr recovery_set(PropertyOf<gchar*>(*chain.mux, "video_mux", "moov-recovery-file"));
+    EXPECT_STREQ(recovery_set.get(), recovery.c_str());
     EXPECT_TRUE(std::filesystem::exists(recovery));
-    EXPECT_GT(chain.mux->GetBytesWritten(), 0u);
-    double recorded = Seconds(started);
+    double recorded = Seconds(segment);
+
+    ASSERT_TRUE(chain.Pause());
+    EXPECT_TRUE(log.Contains(LOG_ERR, "Mp4muxPipeline::SetMuxPause (pause)"));
+    Sleep(1500);
+    segment = std::chrono::steady_clock::now();
+    ASSERT_TRUE(chain.Resume());
+    EXPECT_TRUE(log.Contains(LOG_ERR, "Mp4muxPipeline::SetMuxPause (resume)"));
+    Sleep(1500);
+    recorded += Seconds(segment);
     ASSERT_TRUE(CloseWithEos(chain));
     EXPECT_EQ(chain.mux->GetPreviousLocation(), file);
     EXPECT_EQ(chain.mux->GetLocation(), "");
@@ -157,47 +167,13 @@ TEST(Mp4muxPipeline, RecordsH264MainAndAac48kStereoStartingOnAnIdrFrame)
     EXPECT_NEAR(FfprobeNumber(file, "format=duration"), recorded, recorded * 0.1);
 
     std::vector<Packet> video = FfprobePackets(file, "v:0");
-    ASSERT_FALSE(video.empty());
-    EXPECT_EQ(video.front().flags.substr(0, 1), "K");
-    std::vector<std::string> key_frames = FfprobeValues(file, "frame=key_frame", "v:0");
-    std::vector<std::string> picture_types = FfprobeValues(file, "frame=pict_type", "v:0");
-    ASSERT_FALSE(key_frames.empty());
-    ASSERT_FALSE(picture_types.empty());
-    EXPECT_EQ(key_frames.front(), "1");
-    EXPECT_EQ(picture_types.front(), "I");
-}
-
-TEST(Mp4muxPipeline, PauseAndResumeLeaveNoGap)
-{
-    TempDir dir;
-    const std::string file = dir.File("paused.mp4");
-    RecordingChain chain;
-    ASSERT_TRUE(chain.Start()) << chain.failure;
-    Sleep(300);
-
-    LogCapture log;
-    double recorded = 0;
-    auto segment = std::chrono::steady_clock::now();
-    ASSERT_TRUE(chain.StartRecording(file)) << chain.failure;
-    Sleep(1500);
-    recorded += Seconds(segment);
-    ASSERT_TRUE(chain.Pause());
-    EXPECT_TRUE(log.Contains(LOG_ERR, "Mp4muxPipeline::SetMuxPause (pause)"));
-    Sleep(1500);
-    segment = std::chrono::steady_clock::now();
-    ASSERT_TRUE(chain.Resume());
-    EXPECT_TRUE(log.Contains(LOG_ERR, "Mp4muxPipeline::SetMuxPause (resume)"));
-    Sleep(1500);
-    recorded += Seconds(segment);
-    ASSERT_TRUE(CloseWithEos(chain));
-    chain.Stop();
-
-    EXPECT_NEAR(FfprobeNumber(file, "format=duration"), recorded, recorded * 0.1);
-    std::vector<Packet> video = FfprobePackets(file, "v:0");
     std::vector<Packet> audio = FfprobePackets(file, "a:0");
     ASSERT_GT(video.size(), 60u);
     ASSERT_GT(audio.size(), 60u);
     EXPECT_EQ(video.front().flags.substr(0, 1), "K");
+    std::vector<std::string> picture_types = FfprobeValues(file, "frame=pict_type", "v:0");
+    ASSERT_FALSE(picture_types.empty());
+    EXPECT_EQ(picture_types.front(), "I");
     // 1024-sample AAC frames at 48 kHz: a few frames at most between
     // samples, never the 1.5 s of the pause. The picture resumes on the next
     // IDR frame (one every 16 frames), so it may skip up to half a second.
@@ -210,65 +186,43 @@ TEST(Mp4muxPipeline, EveryPauseHandsTheVideoPauseLengthToTheAudio)
     Mp4muxPipeline mux("video");
     ASSERT_TRUE(mux.Launch(false, false, false));
     auto video = ElementOf(mux, "video_mp4mux_vid_pause");
-    auto audio = ElementOf(mux, "video_mp4mux_aud_pause");
-    ASSERT_TRUE(video && audio);
-    guint64 length = 0;
+    ASSERT_TRUE(video);
     for (guint64 set : { G_GUINT64_CONSTANT(1500000000), G_GUINT64_CONSTANT(2750000000) }) {
         g_object_set(video.get(), "pause_length", set, nullptr);
         mux.SetMuxPause(true);
-        g_object_get(audio.get(), "pause_length", &length, nullptr);
-        EXPECT_EQ(length, set);
+        EXPECT_EQ(PropertyOf<guint64>(mux, "video_mp4mux_aud_pause", "pause_length"), set);
         mux.SetMuxPause(false);
     }
 }
 
-TEST(Mp4muxPipeline, CloseWithoutEosKillsThePipelineAndKeepsThePreviousLocation)
+TEST(Mp4muxPipeline, TheTrackerTogglesWithEveryEnableAndCloseWithoutEosKillsThePipeline)
 {
     TempDir dir;
     const std::string file = dir.File("killed.mp4");
     RecordingChain chain;
     ASSERT_TRUE(chain.Start()) << chain.failure;
     ASSERT_TRUE(chain.StartRecording(file)) << chain.failure;
-    Sleep(500);
+    ASSERT_TRUE(RunMainLoopUntil([&] { return chain.mux->GetBytesWritten() > 0; }, 3000));
+
+    // Counting already: a second enable stops it, a third counts again.
+    EXPECT_TRUE(chain.mux->EnableTrackerSignals(true));
+    const guint64 frozen = chain.mux->GetBytesWritten();
+    Sleep(700);
+    EXPECT_EQ(chain.mux->GetBytesWritten(), frozen);
+    EXPECT_FALSE(PropertyOf<gboolean>(*chain.mux, "video_mp4mux_tracker", "silent"));
+    EXPECT_TRUE(chain.mux->EnableTrackerSignals(true));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return chain.mux->GetBytesWritten() > frozen; }, 3000));
+    EXPECT_TRUE(chain.mux->EnableTrackerSignals(false));
+    EXPECT_TRUE(PropertyOf<gboolean>(*chain.mux, "video_mp4mux_tracker", "silent"));
 
     LogCapture log;
     EXPECT_EQ(chain.mux->CloseRecord(false), 0);
     EXPECT_TRUE(log.Contains(LOG_ERR, "Killing off MP4 pipeline without sending EOS..."));
-    EXPECT_TRUE(log.Contains(LOG_WARNING, "Set Drop IDR to : 1"));
     EXPECT_FALSE(log.ContainsText("Sending EOS event"));
     EXPECT_EQ(chain.mux->GetState(), GST_STATE_NULL);
     EXPECT_EQ(chain.mux->GetPreviousLocation(), file);
     EXPECT_EQ(chain.mux->GetLocation(), "");
-    EXPECT_EQ(chain.mux->GetBytesWritten(), 0u);
-    gboolean drop = FALSE;
-    g_object_get(ElementOf(*chain.mux, "video_idr_valve").get(), "drop", &drop, nullptr);
-    EXPECT_TRUE(drop);
-    chain.Stop();
-}
-
-TEST(Mp4muxPipeline, EnablingTheTrackerTwiceStopsTheCounting)
-{
-    TempDir dir;
-    RecordingChain chain;
-    ASSERT_TRUE(chain.Start()) << chain.failure;
-    ASSERT_TRUE(chain.StartRecording(dir.File("counted.mp4")));
-    ASSERT_TRUE(RunMainLoopUntil([&] { return chain.mux->GetBytesWritten() > 0; }, 3000));
-
-    EXPECT_TRUE(chain.mux->EnableTrackerSignals(true));
-    guint64 frozen = chain.mux->GetBytesWritten();
-    Sleep(700);
-    EXPECT_EQ(chain.mux->GetBytesWritten(), frozen);
-    gboolean silent = TRUE;
-    g_object_get(ElementOf(*chain.mux, "video_mp4mux_tracker").get(), "silent", &silent, nullptr);
-    EXPECT_FALSE(silent);
-
-    // A third enable counts again.
-    EXPECT_TRUE(chain.mux->EnableTrackerSignals(true));
-    ASSERT_TRUE(RunMainLoopUntil([&] { return chain.mux->GetBytesWritten() > frozen; }, 3000));
-    EXPECT_TRUE(chain.mux->EnableTrackerSignals(false));
-    g_object_get(ElementOf(*chain.mux, "video_mp4mux_tracker").get(), "silent", &silent, nullptr);
-    EXPECT_TRUE(silent);
-    EXPECT_EQ(chain.mux->CloseRecord(false), 0);
+    EXPECT_TRUE(PropertyOf<gboolean>(*chain.mux, "video_idr_valve", "drop"));
     chain.Stop();
 }
 
@@ -278,10 +232,7 @@ TEST(SnapvoicePipeline, RecordsAStillPictureWithNarration)
     const std::string file = dir.File("note.mp4");
     RecordingChain chain(std::make_unique<VideoDaemon::SnapvoicePipeline>());
     EXPECT_EQ(chain.mux->GetName(), "snapvoice_Mp4muxPipeline");
-    EXPECT_EQ(chain.mux->GetSinkName(), "snapvoice_mp4mux_filesink");
     ASSERT_TRUE(chain.Start()) << chain.failure;
-    EXPECT_NE(ElementOf(*chain.mux, "snapvoice_filter"), nullptr);
-    EXPECT_NE(ElementOf(*chain.mux, "snapvoice_mp4mux_queue"), nullptr);
     ASSERT_TRUE(chain.StartRecording(file)) << chain.failure;
     Sleep(2000);
     ASSERT_TRUE(CloseWithEos(chain));
@@ -289,12 +240,9 @@ TEST(SnapvoicePipeline, RecordsAStillPictureWithNarration)
 
     EXPECT_EQ(FfprobeValues(file, "stream=codec_name"), (std::vector<std::string> { "h264", "aac" }));
     std::vector<Packet> video = FfprobePackets(file, "v:0");
-    std::vector<Packet> audio = FfprobePackets(file, "a:0");
-    ASSERT_FALSE(video.empty());
+    ASSERT_EQ(video.size(), 1u); // the narration runs on; the picture does not
     EXPECT_EQ(video.front().flags.substr(0, 1), "K");
-    // The narration runs on; the picture does not.
-    EXPECT_GT(audio.size(), 50u);
-    EXPECT_EQ(video.size(), 1u);
+    EXPECT_GT(FfprobePackets(file, "a:0").size(), 50u);
 }
 
 TEST_F(Mp4muxDeathTest, MuxPauseWithoutPipelineEndsTheProcess)
@@ -314,20 +262,8 @@ TEST_F(Mp4muxDeathTest, MuxPauseWithoutPipelineEndsTheProcess)
             mux.SetMuxPause(true);
         },
         "<3>guint64 VideoDaemon::MuxPause::GetPauseLength\\(\\): pipeline == NULL "
-        "\\(video_mp4mux_vid_pause\\)"
-        ".*src/pipelines/mp4mux_pipeline.cpp");
-    EXPECT_DEATH(
-        {
-            LogToStderr();
-            mux.SetMuxPause(false);
-        },
-        "<3>void VideoDaemon::MuxPause::Resume\\(\\): pipeline == NULL \\(video_mp4mux_vid_pause\\)"
-        ".*src/pipelines/mp4mux_pipeline.cpp");
-}
-
-TEST_F(Mp4muxDeathTest, MuxPauseOfATornDownPipelineEndsTheProcess)
-{
-    Mp4muxPipeline mux("video");
+        "\\(video_mp4mux_vid_pause\\).*src/pipelines/mp4mux_pipeline.cpp");
+    // Also once the pipeline is torn down again.
     ASSERT_TRUE(mux.Launch(false, false, false));
     mux.ResetMuxPause();
     ASSERT_TRUE(mux.TearDown());
@@ -336,5 +272,6 @@ TEST_F(Mp4muxDeathTest, MuxPauseOfATornDownPipelineEndsTheProcess)
             LogToStderr();
             mux.SetMuxPause(false);
         },
-        "void VideoDaemon::MuxPause::Resume\\(\\): pipeline == NULL.*assertion failed: \\(element\\)");
+        "<3>void VideoDaemon::MuxPause::Resume\\(\\): pipeline == NULL \\(video_mp4mux_vid_pause\\)"
+        ".*src/pipelines/mp4mux_pipeline.cpp:[0-9]+:.*assertion failed: \\(element\\)");
 }

@@ -16,13 +16,10 @@
 namespace PipelineHarness
 {
 
-// Stands in for the picture processing between the input and the encoders,
-// which hands the encoders BGRA at the camera's rate. The test input is not
-// live and runs as fast as it can (its frames carry running-time DTS, so its
-// sink never waits), with presentation times far ahead of the clock; like
-// the input mux, this stage stamps each frame with its own running time as
-// it takes it, and keeps 29.97 frames a second, as the processing of a
-// camera picture does.
+// Stands in for the picture processing between the input and the encoders.
+// The test input is not live and runs ahead of the clock; like the input mux,
+// this stage stamps each frame with its own running time as it takes it and
+// keeps 29.97 frames a second in BGRA, as the processing of a camera picture does.
 class BgraStage : public DescribedPipeline
 {
 public:
@@ -61,8 +58,7 @@ struct RecordingChain {
     // Launches and links everything; the sources, the encoders and the
     // microphone play, the H.264 valve stays closed and the muxer stays idle.
     // The AAC encoder starts with the microphone: its sink syncs on the
-    // microphone's timestamps, which only match its clock when both
-    // pipelines start together.
+    // microphone's timestamps, which match its clock only when both start together.
     bool Start()
     {
         for (VideoDaemon::Pipeline* pipeline : All())
@@ -82,11 +78,9 @@ struct RecordingChain {
         return true;
     }
 
-    // The test source stamps its frames' decode time as it makes them; a
-    // frame made while the pipeline starts can be stamped before the base
-    // time is set, with the absolute clock time, and a syncing sink then
-    // waits for hours on it (about one start in three). The input paces
-    // nothing (its DTS is always "now"), so its sink need not sync.
+    // A frame the test source makes while its pipeline starts can carry the
+    // absolute clock time as its DTS, on which a syncing sink would wait for
+    // hours; the input paces nothing, so its sink need not sync.
     void UnsyncTestInput()
     {
         VideoDaemon::GstPtr<GstElement> sink(
