@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-
 #include <string>
 #include <vector>
 
@@ -12,21 +11,6 @@ using namespace GstTest;
 
 namespace
 {
-
-class TarnwellDslTest : public ::testing::Test
-{
-protected:
-    void SetUp() override { ASSERT_NE(_Dsl, nullptr); }
-
-    double GetDouble(const char* name)
-    {
-        double value = 0;
-        g_object_get(_Dsl.get(), name, &value, nullptr);
-        return value;
-    }
-
-    ObjectPtr<GstElement> _Dsl = MakeElement("tarnwell-dsl");
-};
 
 void OnRoll(GstElement*, double roll, gpointer data)
 {
@@ -40,37 +24,36 @@ void OnPlumbline(GstElement*, double a, double b, double c, double d, double e, 
 
 } // namespace
 
-TEST_F(TarnwellDslTest, ASimulatedRollFiresCameraRollChangedAndUpdatesTheAngles)
+TEST(TarnwellDsl, SimulatedAnglesFireCameraRollChangedOnARollChangeAndPlumblineDataArrivesInOrder)
 {
+    ObjectPtr<GstElement> dsl = MakeElement("tarnwell-dsl");
+    ASSERT_NE(dsl, nullptr);
+    auto get = [&](const char* name) {
+        double value = 0;
+        g_object_get(dsl.get(), name, &value, nullptr);
+        return value;
+    };
     std::vector<double> rolls;
-    g_signal_connect(_Dsl.get(), "camera-roll-changed", G_CALLBACK(OnRoll), &rolls);
+    g_signal_connect(dsl.get(), "camera-roll-changed", G_CALLBACK(OnRoll), &rolls);
 
-    g_signal_emit_by_name(_Dsl.get(), "simulate-camera-angles", 12.5, -3.0);
-    ASSERT_EQ(rolls.size(), 1u);
-    EXPECT_DOUBLE_EQ(rolls[0], 12.5);
-    EXPECT_DOUBLE_EQ(GetDouble("camera-roll"), 12.5);
-    EXPECT_DOUBLE_EQ(GetDouble("camera-tilt"), -3.0);
-    EXPECT_DOUBLE_EQ(GetDouble("display-roll"), 0.0) << "levelling is off";
-
-    g_object_set(_Dsl.get(), "dsl-enabled", TRUE, nullptr);
-    EXPECT_DOUBLE_EQ(GetDouble("display-roll"), 12.5);
+    g_signal_emit_by_name(dsl.get(), "simulate-camera-angles", 12.5, -3.0);
+    EXPECT_EQ(rolls, std::vector<double> { 12.5 });
+    EXPECT_DOUBLE_EQ(get("camera-roll"), 12.5);
+    EXPECT_DOUBLE_EQ(get("camera-tilt"), -3.0);
+    EXPECT_DOUBLE_EQ(get("display-roll"), 0.0) << "levelling is off";
+    g_object_set(dsl.get(), "dsl-enabled", TRUE, nullptr);
+    EXPECT_DOUBLE_EQ(get("display-roll"), 12.5);
 
     // Only a change of roll is reported.
-    g_signal_emit_by_name(_Dsl.get(), "simulate-camera-angles", 12.5, 8.0);
-    EXPECT_EQ(rolls.size(), 1u);
-    EXPECT_DOUBLE_EQ(GetDouble("camera-tilt"), 8.0);
-    g_signal_emit_by_name(_Dsl.get(), "simulate-camera-angles", -40.0, 8.0);
-    ASSERT_EQ(rolls.size(), 2u);
-    EXPECT_DOUBLE_EQ(rolls[1], -40.0);
-}
+    g_signal_emit_by_name(dsl.get(), "simulate-camera-angles", 12.5, 8.0);
+    EXPECT_DOUBLE_EQ(get("camera-tilt"), 8.0);
+    g_signal_emit_by_name(dsl.get(), "simulate-camera-angles", -40.0, 8.0);
+    EXPECT_EQ(rolls, (std::vector<double> { 12.5, -40.0 }));
 
-TEST_F(TarnwellDslTest, SimulatedPlumblineDataArrivesInOrder)
-{
-    std::vector<std::array<double, 5>> data;
-    g_signal_connect(_Dsl.get(), "plumbline-data", G_CALLBACK(OnPlumbline), &data);
-    g_signal_emit_by_name(_Dsl.get(), "simulate-plumbline-data", 1.0, -2.0, 3.5, 4.25, 0.0);
-    ASSERT_EQ(data.size(), 1u);
-    EXPECT_EQ(data[0], (std::array<double, 5> { 1.0, -2.0, 3.5, 4.25, 0.0 }));
+    std::vector<std::array<double, 5>> plumbline;
+    g_signal_connect(dsl.get(), "plumbline-data", G_CALLBACK(OnPlumbline), &plumbline);
+    g_signal_emit_by_name(dsl.get(), "simulate-plumbline-data", 1.0, -2.0, 3.5, 4.25, 0.0);
+    EXPECT_EQ(plumbline, (std::vector<std::array<double, 5>> { { 1.0, -2.0, 3.5, 4.25, 0.0 } }));
 }
 
 TEST(TarnwellDsl, PassesFramesThroughUnchangedWhilePlaying)
@@ -80,11 +63,9 @@ TEST(TarnwellDsl, PassesFramesThroughUnchangedWhilePlaying)
         "rotation-steps=0 rotation-threshold=7 rotation-frames-trigger=15"));
     ASSERT_TRUE(harness.Parsed() && harness.Start()) << harness.Error();
     std::vector<uint8_t> frame(8 * 4 * 4);
-    for (size_t i = 0; i < frame.size(); i++) {
+    for (size_t i = 0; i < frame.size(); i++)
         frame[i] = static_cast<uint8_t>(i * 7);
-    }
     EXPECT_EQ(harness.PushFrame(frame), frame);
-    ObjectPtr<GstElement> dsl = harness.Element("dsl");
-    g_object_set(dsl.get(), "dsl-enabled", TRUE, nullptr);
+    harness.Set("dsl", "dsl-enabled", TRUE);
     EXPECT_EQ(harness.PushFrame(frame), frame);
 }

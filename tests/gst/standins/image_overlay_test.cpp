@@ -13,8 +13,6 @@ namespace
 
 constexpr int kWidth = 64;
 constexpr int kHeight = 48;
-const char* kBgraCaps = "video/x-raw,format=BGRA,width=64,height=48,framerate=30/1";
-const char* kOverlay = "rsvgoverlaytarnwell name=svg_overlay svg_overlay.src_first";
 
 // A red bar 32 units wide over the full height of a 64x48 document.
 const char* kLeftHalfRed = "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"64\" height=\"48\">"
@@ -23,92 +21,81 @@ const char* kLeftHalfRed = "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"64
 const char* kSmallBlue = "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"16\" height=\"16\">"
                          "<rect x=\"0\" y=\"0\" width=\"16\" height=\"16\" fill=\"#0000ff\"/></svg>";
 
-std::vector<uint8_t> GreyFrame()
-{
-    std::vector<uint8_t> frame(kWidth * kHeight * 4, 40);
-    for (size_t i = 3; i < frame.size(); i += 4) {
-        frame[i] = 255;
-    }
-    return frame;
-}
-
 struct Bgr {
     int b, g, r;
     bool operator==(const Bgr& o) const { return b == o.b && g == o.g && r == o.r; }
 };
-
-Bgr PixelAt(const std::vector<uint8_t>& frame, int x, int y)
-{
-    const uint8_t* p = &frame[(y * kWidth + x) * 4];
-    return { p[0], p[1], p[2] };
-}
-
 const Bgr kGrey { 40, 40, 40 };
 const Bgr kRed { 0, 0, 255 };
 const Bgr kBlue { 255, 0, 0 };
+
+// An opaque grey BGRA frame.
+const std::vector<uint8_t> kGreyFrame = [] {
+    std::vector<uint8_t> frame(kWidth * kHeight * 4, 40);
+    for (size_t i = 3; i < frame.size(); i += 4)
+        frame[i] = 255;
+    return frame;
+}();
+
+Bgr PixelAt(const std::vector<uint8_t>& frame, int x, int y)
+{
+    const uint8_t* p = &frame.at((y * kWidth + x) * 4);
+    return { p[0], p[1], p[2] };
+}
 
 // Counts the pixels of a rectangle that have the colour.
 int CountColour(const std::vector<uint8_t>& frame, int x0, int y0, int x1, int y1, const Bgr& colour)
 {
     int count = 0;
-    for (int y = y0; y < y1; y++) {
-        for (int x = x0; x < x1; x++) {
+    for (int y = y0; y < y1; y++)
+        for (int x = x0; x < x1; x++)
             count += PixelAt(frame, x, y) == colour;
-        }
-    }
     return count;
 }
 
+// The overlay in a frame loop, as the daemon links it.
+class RsvgOverlayTarnwell : public ::testing::Test
+{
+protected:
+    void SetUp() override { ASSERT_TRUE(_Harness.Parsed() && _Harness.Start()) << _Harness.Error(); }
+
+    TestPipeline _Harness { FrameLoop("video/x-raw,format=BGRA,width=64,height=48,framerate=30/1",
+        "rsvgoverlaytarnwell name=svg_overlay svg_overlay.src_first") };
+    ObjectPtr<GstElement> _Overlay = _Harness.Element("svg_overlay");
+};
+
 } // namespace
 
-TEST(RsvgOverlayTarnwell, DrawsTheDocumentWhereItHasContentOnlyAndANewOneReplacesIt)
+TEST_F(RsvgOverlayTarnwell, DrawsTheDocumentWhereItHasContentOnlyAndANewOneReplacesIt)
 {
-    TestPipeline harness(FrameLoop(kBgraCaps, kOverlay));
-    ASSERT_TRUE(harness.Parsed() && harness.Start()) << harness.Error();
-    ObjectPtr<GstElement> overlay = harness.Element("svg_overlay");
-    g_object_set(overlay.get(), "data", kLeftHalfRed, nullptr);
-
-    const std::vector<uint8_t> output = harness.PushFrame(GreyFrame());
-    ASSERT_EQ(output.size(), GreyFrame().size());
+    g_object_set(_Overlay.get(), "data", kLeftHalfRed, nullptr);
+    const std::vector<uint8_t> output = _Harness.PushFrame(kGreyFrame);
+    ASSERT_EQ(output.size(), kGreyFrame.size());
     EXPECT_EQ(CountColour(output, 0, 0, 32, kHeight, kRed), 32 * kHeight);
     EXPECT_EQ(CountColour(output, 32, 0, kWidth, kHeight, kGrey), 32 * kHeight);
 
-    g_object_set(overlay.get(), "data", kSmallBlue, nullptr);
-    const std::vector<uint8_t> replaced = harness.PushFrame(GreyFrame());
-    EXPECT_EQ(PixelAt(replaced, 4, 4), kBlue);
+    g_object_set(_Overlay.get(), "data", kSmallBlue, nullptr);
+    const std::vector<uint8_t> replaced = _Harness.PushFrame(kGreyFrame);
+    EXPECT_EQ(CountColour(replaced, 0, 0, 16, 16, kBlue), 16 * 16);
     EXPECT_EQ(PixelAt(replaced, 20, 20), kGrey) << "the red bar is gone";
+    EXPECT_EQ(PixelAt(replaced, 40, 30), kGrey) << "a document drawn at its own size";
+
+    g_object_set(_Overlay.get(), "fit-to-frame", TRUE, nullptr);
+    EXPECT_EQ(CountColour(_Harness.PushFrame(kGreyFrame), 0, 0, kWidth, kHeight, kBlue), kWidth * kHeight)
+        << "fitted to the frame";
 }
 
-TEST(RsvgOverlayTarnwell, FitToFrameStretchesTheDocumentOverTheWholeFrame)
+TEST_F(RsvgOverlayTarnwell, DisabledOrEmptyOverlayPassesFramesUnchanged)
 {
-    TestPipeline harness(FrameLoop(kBgraCaps, kOverlay));
-    ASSERT_TRUE(harness.Parsed() && harness.Start()) << harness.Error();
-    ObjectPtr<GstElement> overlay = harness.Element("svg_overlay");
-    g_object_set(overlay.get(), "data", kSmallBlue, nullptr);
+    g_object_set(_Overlay.get(), "fit-to-frame", TRUE, "enabled", TRUE, nullptr);
+    EXPECT_EQ(_Harness.PushFrame(kGreyFrame), kGreyFrame) << "no document yet";
 
-    std::vector<uint8_t> output = harness.PushFrame(GreyFrame());
-    EXPECT_EQ(CountColour(output, 0, 0, 16, 16, kBlue), 16 * 16);
-    EXPECT_EQ(PixelAt(output, 40, 30), kGrey) << "a document drawn at its own size";
+    g_object_set(_Overlay.get(), "data", kLeftHalfRed, nullptr);
+    EXPECT_NE(_Harness.PushFrame(kGreyFrame), kGreyFrame);
 
-    g_object_set(overlay.get(), "fit-to-frame", TRUE, nullptr);
-    output = harness.PushFrame(GreyFrame());
-    EXPECT_EQ(CountColour(output, 0, 0, kWidth, kHeight, kBlue), kWidth * kHeight);
-}
+    g_object_set(_Overlay.get(), "enabled", FALSE, nullptr);
+    EXPECT_EQ(_Harness.PushFrame(kGreyFrame), kGreyFrame);
 
-TEST(RsvgOverlayTarnwell, DisabledOrEmptyOverlayPassesFramesUnchanged)
-{
-    TestPipeline harness(FrameLoop(kBgraCaps,
-        "rsvgoverlaytarnwell name=svg_overlay fit-to-frame=true enabled=true svg_overlay.src_first"));
-    ASSERT_TRUE(harness.Parsed() && harness.Start()) << harness.Error();
-    ObjectPtr<GstElement> overlay = harness.Element("svg_overlay");
-    EXPECT_EQ(harness.PushFrame(GreyFrame()), GreyFrame()) << "no document yet";
-
-    g_object_set(overlay.get(), "data", kLeftHalfRed, nullptr);
-    EXPECT_NE(harness.PushFrame(GreyFrame()), GreyFrame());
-
-    g_object_set(overlay.get(), "enabled", FALSE, nullptr);
-    EXPECT_EQ(harness.PushFrame(GreyFrame()), GreyFrame());
-
-    g_object_set(overlay.get(), "enabled", TRUE, "data", "this is not svg", nullptr);
-    EXPECT_EQ(harness.PushFrame(GreyFrame()), GreyFrame()) << "an unreadable document draws nothing";
+    g_object_set(_Overlay.get(), "enabled", TRUE, "data", "this is not svg", nullptr);
+    EXPECT_EQ(_Harness.PushFrame(kGreyFrame), kGreyFrame) << "an unreadable document draws nothing";
 }
