@@ -8,7 +8,6 @@
 namespace PipelineHarness
 {
 
-// A pipeline whose description and endpoint names a test chooses.
 class DescribedPipeline : public VideoDaemon::Pipeline
 {
 public:

@@ -10,17 +10,23 @@
 #include "pipelines/mjpeg_encode_pipeline.h"
 #include "pipelines/tcp_server_pipeline.h"
 
+// A live 640x480 BGRA picture of one videotestsrc pattern on the interpipesink
+// `sink_name`, as the picture processing hands it on.
+inline PipelineHarness::DescribedPipeline LivePicture(
+    const std::string& pattern, const std::string& sink_name)
+{
+    return PipelineHarness::DescribedPipeline("videotestsrc is-live=true pattern=" + pattern
+            + " ! video/x-raw,format=BGRA,width=640,height=480,framerate=30/1 ! interpipesink name="
+            + sink_name + " sync=false async=false",
+        sink_name);
+}
+
 class LiveStream
 {
 public:
-    // `pattern` is a videotestsrc pattern; `picture_sink` names the picture's
-    // interpipesink, unique per test program.
+    // `picture_sink` names the picture's interpipesink, unique per test program.
     LiveStream(const std::string& pattern, const std::string& picture_sink)
-        : picture("videotestsrc is-live=true pattern=" + pattern
-                      + " ! video/x-raw,format=BGRA,width=640,height=480,framerate=30/1"
-                        " ! interpipesink name="
-                      + picture_sink + " sync=false async=false",
-            picture_sink)
+        : picture(LivePicture(pattern, picture_sink))
     {
         // Port 0: the system picks a free port, so tests can run side by side.
         server.SetServerAddress("127.0.0.1", 0);

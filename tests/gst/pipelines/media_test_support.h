@@ -15,16 +15,6 @@
 namespace MediaTest
 {
 
-// What ffprobe says about the first video stream: "codec,width,height".
-inline std::string ProbeVideo(const std::string& path)
-{
-    std::string text = GstTest::Ffprobe({ "-select_streams", "v:0", "-show_entries",
-        "stream=codec_name,width,height", "-of", "csv=p=0", path });
-    while (!text.empty() && (text.back() == '\n' || text.back() == ','))
-        text.pop_back();
-    return text;
-}
-
 // Runs a finite test pipeline to its end of stream; false on a parse error, an error or a time-out.
 inline bool RunToEnd(const std::string& description)
 {

@@ -105,11 +105,6 @@ inline VideoFormat FormatOf(GstSample* sample)
     return result;
 }
 
-} // namespace PipelineHarness
-
-namespace PipelineHarness
-{
-
 // Mirrors the daemon's log on standard error, so a death test can match the
 // lines written before the process ends.
 inline void LogToStderr()

@@ -1,5 +1,4 @@
-// The live stream server: its description and address, its settings, and the multipart JPEG stream a client
-// reads.
+// The live stream server: its address, its settings, and the multipart JPEG stream a client reads.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -11,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "log_capture.h"
 #include "live_stream.h"
+#include "log_capture.h"
 #include "media_test_support.h"
 #include "pipeline_harness.h"
 #include "pipelines/tcp_server_pipeline.h"
@@ -28,8 +27,8 @@ class StreamClient
 {
 public:
     explicit StreamClient(int port)
+        : fd_(socket(AF_INET, SOCK_STREAM, 0))
     {
-        fd_ = socket(AF_INET, SOCK_STREAM, 0);
         timeval timeout { 1, 0 };
         setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
         sockaddr_in address {};
@@ -38,51 +37,43 @@ public:
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         connected_ = connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     }
-    ~StreamClient()
-    {
-        if (fd_ >= 0)
-            close(fd_);
-    }
+    ~StreamClient() { close(fd_); }
     StreamClient(const StreamClient&) = delete;
     StreamClient& operator=(const StreamClient&) = delete;
 
     bool Connected() const { return connected_; }
 
-    // The next whole part: its headers and its body. Empty after 5 s.
+    // The next whole part's headers and body; false after 5 s or at the end of the stream.
     bool NextPart(std::string& headers, std::vector<uint8_t>& body)
     {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-        while (std::chrono::steady_clock::now() < deadline) {
-            if (TakePart(headers, body))
-                return true;
+        while (!TakePart(headers, body)) {
             char chunk[65536];
             ssize_t got = recv(fd_, chunk, sizeof chunk, 0);
-            if (got == 0)
+            if (got == 0 || std::chrono::steady_clock::now() > deadline)
                 return false;
             if (got > 0)
                 data_.append(chunk, static_cast<size_t>(got));
         }
-        return false;
+        return true;
     }
 
 private:
     bool TakePart(std::string& headers, std::vector<uint8_t>& body)
     {
         static const std::string boundary = "--frame\r\n";
-        size_t start = data_.find(boundary);
-        if (start == std::string::npos)
-            return false;
-        size_t header_end = data_.find("\r\n\r\n", start);
-        if (header_end == std::string::npos)
+        const size_t start = data_.find(boundary);
+        const size_t header_end = data_.find("\r\n\r\n", start);
+        if (start == std::string::npos || header_end == std::string::npos)
             return false;
         headers = data_.substr(start + boundary.size(), header_end - start - boundary.size());
-        size_t length_at = headers.find("Content-Length: ");
+        const size_t length_at = headers.find("Content-Length: ");
         if (length_at == std::string::npos) {
             data_.erase(0, header_end);
             return false;
         }
-        size_t length = std::stoul(headers.substr(length_at + 16));
-        size_t body_start = header_end + 4;
+        const size_t length = std::stoul(headers.substr(length_at + 16));
+        const size_t body_start = header_end + 4;
         if (data_.size() < body_start + length)
             return false;
         body.assign(data_.begin() + body_start, data_.begin() + body_start + length);
@@ -90,7 +81,7 @@ private:
         return true;
     }
 
-    int fd_ = -1;
+    int fd_;
     bool connected_ = false;
     std::string data_;
 };
@@ -100,29 +91,29 @@ private:
 TEST(TcpServerPipeline, AppendsTheQuotedHostAndThePortToItsDescription)
 {
     TcpServerPipeline server;
-    EXPECT_EQ("tcp_server_sink", server.GetSinkName());
-    EXPECT_EQ("tcp_server_source", server.GetSourceName());
-    EXPECT_EQ(0, server.GetQueueStates().at("tcp_server_queue"));
     const std::string base = server.GetDescription();
     server.SetServerAddress("0.0.0.0", 4000);
     EXPECT_EQ(base + " host=\"0.0.0.0\" port=4000", server.GetDescription());
     ASSERT_TRUE(server.Launch(false, false, false));
-    VideoDaemon::GstPtr<GstElement> sink = ElementOf(server, "tcp_server_sink");
-    ASSERT_TRUE(sink);
     gchar* host = nullptr;
     int port = 0;
-    g_object_get(sink.get(), "host", &host, "port", &port, nullptr);
+    g_object_get(ElementOf(server, "tcp_server_sink").get(), "host", &host, "port", &port, nullptr);
     VideoDaemon::GCharPtr host_text(host);
     EXPECT_STREQ("0.0.0.0", host);
     EXPECT_EQ(4000, port);
 }
 
-TEST(TcpServerPipeline, ServesTheLivePictureAsMultipartJpegFramesOverTcp)
+TEST(TcpServerPipeline, ServesMultipartJpegFramesOfTheLivePictureOrTheStaticImageWhileEnabled)
 {
+    GstTest::TempDir dir;
+    const std::string logo = dir.File("logo.jpg");
+    ASSERT_TRUE(MediaTest::WriteJpeg(logo, 640, 480, "blue"));
+    const std::vector<uint8_t> logo_bytes = MediaTest::ReadFile(logo);
+
     LiveStream stream("red", "tcp_server_test_picture");
-    const int port = stream.Port();
-    ASSERT_GT(port, 0);
-    StreamClient client(port);
+    g_object_set(ElementOf(stream.server, "static_jpeg").get(), "location", logo.c_str(), nullptr);
+    ASSERT_GT(stream.Port(), 0);
+    StreamClient client(stream.Port());
     ASSERT_TRUE(client.Connected());
 
     std::string headers;
@@ -136,44 +127,18 @@ TEST(TcpServerPipeline, ServesTheLivePictureAsMultipartJpegFramesOverTcp)
         EXPECT_GT(picture.Mean(0), 200);
         EXPECT_LT(picture.Mean(1), 60);
     }
-}
 
-TEST(TcpServerPipeline, ReplacesTheLiveFramesWithTheStaticImageWhileEnabled)
-{
-    GstTest::TempDir dir;
-    const std::string logo = dir.File("logo.jpg");
-    ASSERT_TRUE(MediaTest::WriteJpeg(logo, 640, 480, "blue"));
-    const std::vector<uint8_t> logo_bytes = MediaTest::ReadFile(logo);
-
-    LiveStream stream("red", "tcp_server_test_picture");
-    VideoDaemon::GstPtr<GstElement> static_jpeg = ElementOf(stream.server, "static_jpeg");
-    ASSERT_TRUE(static_jpeg);
-    g_object_set(static_jpeg.get(), "location", logo.c_str(), nullptr);
-    StreamClient client(stream.Port());
-    ASSERT_TRUE(client.Connected());
-
-    std::string headers;
-    std::vector<uint8_t> body;
-    gboolean silent = FALSE;
-    stream.server.EnableStaticImage(true);
-    g_object_get(static_jpeg.get(), "silent", &silent, nullptr);
-    EXPECT_FALSE(silent);
-    bool shown = false;
-    for (int i = 0; i < 30 && !shown; i++) {
-        ASSERT_TRUE(client.NextPart(headers, body));
-        shown = body == logo_bytes;
+    // The image shows up within 30 parts, and the live picture again once disabled.
+    for (const bool enabled : { true, false }) {
+        stream.server.EnableStaticImage(enabled);
+        bool shown = false;
+        for (int i = 0; i < 30 && !shown; i++) {
+            ASSERT_TRUE(client.NextPart(headers, body));
+            shown = enabled ? body == logo_bytes
+                            : body != logo_bytes && MediaTest::DecodeJpeg(body).Mean(0) > 200;
+        }
+        EXPECT_TRUE(shown) << (enabled ? "static image" : "live picture");
     }
-    EXPECT_TRUE(shown);
-
-    stream.server.EnableStaticImage(false);
-    g_object_get(static_jpeg.get(), "silent", &silent, nullptr);
-    EXPECT_TRUE(silent);
-    bool live = false;
-    for (int i = 0; i < 30 && !live; i++) {
-        ASSERT_TRUE(client.NextPart(headers, body));
-        live = body != logo_bytes && MediaTest::DecodeJpeg(body).Mean(0) > 200;
-    }
-    EXPECT_TRUE(live);
 }
 
 TEST(TcpServerPipeline, SetsTheQueueSizeUncheckedAndLogsAMissingPipeline)
@@ -191,8 +156,8 @@ TEST(TcpServerPipeline, SetsTheQueueSizeUncheckedAndLogsAMissingPipeline)
         "void VideoDaemon::TcpServerPipeline::EnableStaticImage(bool): pipeline == NULL (static_jpeg)"));
 
     ASSERT_TRUE(server.Launch(false, false, false));
-    server.SetQueueSize(7);
-    EXPECT_EQ(7, server.GetQueueSize());
-    server.SetQueueSize(-1);
-    EXPECT_EQ(-1, server.GetQueueSize());
+    for (int size : { 7, -1 }) {
+        server.SetQueueSize(size);
+        EXPECT_EQ(size, server.GetQueueSize());
+    }
 }
