@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdlib>
+#include <functional>
 #include <regex>
 
 #include "interpipe_frames.h"
@@ -68,13 +69,11 @@ TEST_F(GpuPipelineTest, DescriptionIsTheProcessingChainBetweenTwoInterpipeEnds)
         "max-buffers=1 sync=false forward-events=true");
     EXPECT_EQ(gpu.GetSourceName(), "gpu_source");
     EXPECT_EQ(gpu.GetSinkName(), "gpu_sink");
-    EXPECT_EQ(gpu.GetName(), "GpuPipeline");
     const auto& queues = gpu.GetQueueStates();
-    ASSERT_EQ(queues.size(), 2u);
-    EXPECT_EQ(queues.at("gpu_input_queue"), 0);
-    EXPECT_EQ(queues.at("gpu_output_queue"), 0);
+    EXPECT_EQ(queues.size(), 2u);
+    EXPECT_EQ(queues.count("gpu_input_queue") + queues.count("gpu_output_queue"), 2u);
 
-    ASSERT_TRUE(gpu.Launch(false, false, false));
+    Launch();
     EXPECT_EQ(gpu.AttachProbes(), 0) << "the probe's pad exists";
     EXPECT_EQ(gpu.GetProbeRates().count("gpu"), 1u);
 }
@@ -84,7 +83,6 @@ TEST_F(GpuPipelineTest, SettersBeforeLaunchFailWithThePipelineMessage)
     EXPECT_EQ(gpu.SetZoom(2.0), -1);
     EXPECT_TRUE(
         log.Contains(kError, "int VideoDaemon::GpuPipeline::SetZoom(double): pipeline == NULL (gpu)"));
-
     gpu.SetRotationSteps(1);
     EXPECT_TRUE(log.Contains(
         kError, "void VideoDaemon::GpuPipeline::SetRotationSteps(uint32_t): pipeline == NULL (dsl)"));
@@ -92,6 +90,8 @@ TEST_F(GpuPipelineTest, SettersBeforeLaunchFailWithThePipelineMessage)
     EXPECT_TRUE(log.Contains(kError,
         "void VideoDaemon::GpuPipeline::SetRollFilterCoeffs(const string&): pipeline == NULL "
         "(motion_filter)"));
+    EXPECT_EQ(gpu.GetZoom(), 0.0);
+    EXPECT_TRUE(log.Contains(kError, "double VideoDaemon::GpuPipeline::GetZoom(): pipeline == NULL (gpu)"));
 
     // The sharpening setters name the levelling element in their second
     // line even though they write to the tiling element.
@@ -103,14 +103,11 @@ TEST_F(GpuPipelineTest, SettersBeforeLaunchFailWithThePipelineMessage)
         { kError, "[GPU pipeline] Somehow DSL plugin is NULL" },
     };
     EXPECT_EQ(log.Lines(), expected);
-
-    log.Clear();
     EXPECT_EQ(gpu.SetPlumblineEnabled(false), -1);
     EXPECT_TRUE(log.Contains(kInfo, "[GPU pipeline] Set 'Plumbline': [Disabled]"));
-    EXPECT_TRUE(log.Contains(kError, "[GPU pipeline] Somehow DSL plugin is NULL"));
     EXPECT_EQ(gpu.SetImageSharpenAmount(0.5), -1);
     EXPECT_EQ(gpu.SetDslAutoZoomOverride(true), -1);
-    EXPECT_EQ(log.Count(kError, "[GPU pipeline] Somehow DSL plugin is NULL"), 3u);
+    EXPECT_EQ(log.Count(kError, "[GPU pipeline] Somehow DSL plugin is NULL"), 4u);
 
     EXPECT_FALSE(gpu.EnablePlumblineSignals(true));
     EXPECT_FALSE(gpu.SetDslAnimationDuration(100));
@@ -118,63 +115,60 @@ TEST_F(GpuPipelineTest, SettersBeforeLaunchFailWithThePipelineMessage)
     EXPECT_FALSE(gpu.SetMaxTiltAngle(30));
     EXPECT_EQ(gpu.SetPanX(0.1), -1);
     EXPECT_EQ(gpu.SetDslHysteresis(3), -1);
-    EXPECT_EQ(gpu.GetZoom(), 0.0);
     EXPECT_FALSE(gpu.GetRotationEnabled());
-    EXPECT_TRUE(log.Contains(kError, "double VideoDaemon::GpuPipeline::GetZoom(): pipeline == NULL (gpu)"));
 }
 
-TEST_F(GpuPipelineTest, ZoomIsCheckedAgainstTheZoomLevels)
+TEST_F(GpuPipelineTest, ZoomsAreCheckedAgainstTheirRangesAndTheDslRangeIsWiderThanItsMessage)
 {
     Launch();
-    EXPECT_EQ(gpu.SetZoom(1.0), 0);
-    EXPECT_EQ(gpu.SetZoom(4.0), 0);
+    // The levelling zoom accepts down to 0.95 though its message names .99.
+    const struct {
+        int (GpuPipeline::*set)(double);
+        double value;
+        const char* warning;
+    } rows[] = {
+        { &GpuPipeline::SetZoom, 1.0, nullptr },
+        { &GpuPipeline::SetZoom, 0.99, "Zoom value of 0.990000 is out of range (1.000000 - 4.000000)" },
+        { &GpuPipeline::SetZoom, 4.01, "Zoom value of 4.010000 is out of range (1.000000 - 4.000000)" },
+        { &GpuPipeline::SetZoom, 4.0, nullptr },
+        { &GpuPipeline::SetDslMaxZoomIn, 0.96, nullptr },
+        { &GpuPipeline::SetDslMaxZoomIn, 0.94, "Zoom value of 0.940000 is out of range (.99 - 1.75)" },
+        { &GpuPipeline::SetDslMaxZoomIn, 1.76, "Zoom value of 1.760000 is out of range (.99 - 1.75)" },
+        { &GpuPipeline::SetDslMaxZoomIn, 1.75, nullptr },
+    };
+    for (const auto& row : rows) {
+        log.Clear();
+        EXPECT_EQ((gpu.*row.set)(row.value), row.warning ? -1 : 0) << row.value;
+        EXPECT_TRUE(!row.warning || log.Contains(kWarning, row.warning)) << row.value;
+        if (row.set == &GpuPipeline::SetDslMaxZoomIn && !row.warning) {
+            EXPECT_DOUBLE_EQ(Read<double>("gpu", "max-dsl-zoom-in"), row.value);
+            // Read back through the limit in effect, not the written property.
+            EXPECT_DOUBLE_EQ(gpu.GetDslMaxZoomIn(), row.value);
+        }
+    }
     EXPECT_DOUBLE_EQ(gpu.GetZoom(), 4.0);
-
-    EXPECT_EQ(gpu.SetZoom(0.99), -1);
-    EXPECT_TRUE(log.Contains(kWarning, "Zoom value of 0.990000 is out of range (1.000000 - 4.000000)"));
-    EXPECT_EQ(gpu.SetZoom(4.01), -1);
-    EXPECT_TRUE(log.Contains(kWarning, "Zoom value of 4.010000 is out of range (1.000000 - 4.000000)"));
-    EXPECT_DOUBLE_EQ(gpu.GetZoom(), 4.0);
+    EXPECT_DOUBLE_EQ(gpu.GetDslMaxZoomIn(), 1.75);
     EXPECT_DOUBLE_EQ(gpu.GetZoomMin(), 1.0);
     EXPECT_DOUBLE_EQ(gpu.GetZoomMax(), 4.0);
-}
-
-TEST_F(GpuPipelineTest, DslMaxZoomInAcceptsDownTo095ThoughItsMessageNames099)
-{
-    Launch();
-    EXPECT_EQ(gpu.SetDslMaxZoomIn(0.96), 0);
-    EXPECT_DOUBLE_EQ(Read<double>("gpu", "max-dsl-zoom-in"), 0.96);
-    // Read back through the limit in effect, not the written property.
-    EXPECT_DOUBLE_EQ(gpu.GetDslMaxZoomIn(), 0.96);
-    EXPECT_EQ(gpu.SetDslMaxZoomIn(1.75), 0);
-
-    EXPECT_EQ(gpu.SetDslMaxZoomIn(0.94), -1);
-    EXPECT_TRUE(log.Contains(kWarning, "Zoom value of 0.940000 is out of range (.99 - 1.75)"));
-    EXPECT_EQ(gpu.SetDslMaxZoomIn(1.76), -1);
-    EXPECT_TRUE(log.Contains(kWarning, "Zoom value of 1.760000 is out of range (.99 - 1.75)"));
-    EXPECT_DOUBLE_EQ(gpu.GetDslMaxZoomIn(), 1.75);
 }
 
 TEST_F(GpuPipelineTest, RotationSettingsBeyondTheirLimitsChangeNothing)
 {
     Launch();
-    gpu.SetRotationSteps(2);
-    gpu.SetRotationThreshold(30);
-    gpu.SetRotationNumFrames(240);
-    EXPECT_EQ(gpu.GetRotationSteps(), 2u);
-    EXPECT_EQ(Read<guint>("dsl", "rotation-threshold"), 30u);
-    EXPECT_EQ(Read<guint>("dsl", "rotation-frames-trigger"), 240u);
-    EXPECT_TRUE(log.Lines().empty());
-
-    gpu.SetRotationSteps(3);
-    gpu.SetRotationThreshold(31);
-    gpu.SetRotationNumFrames(241);
-    EXPECT_EQ(gpu.GetRotationSteps(), 2u);
-    EXPECT_EQ(Read<guint>("dsl", "rotation-threshold"), 30u);
-    EXPECT_EQ(Read<guint>("dsl", "rotation-frames-trigger"), 240u);
-    EXPECT_TRUE(log.Contains(kWarning, "Invalid rotations steps mode:3"));
-    EXPECT_TRUE(log.Contains(kWarning, "Rotation is limited to 30 degrees, attempted to set:31"));
-    EXPECT_TRUE(log.Contains(kWarning, "Rotation num frames has max value 240, attempted to set:241"));
+    for (guint over : { 0u, 1u }) {
+        gpu.SetRotationSteps(2 + over);
+        gpu.SetRotationThreshold(30 + over);
+        gpu.SetRotationNumFrames(240 + over);
+        EXPECT_EQ(gpu.GetRotationSteps(), 2u);
+        EXPECT_EQ(Read<guint>("dsl", "rotation-threshold"), 30u);
+        EXPECT_EQ(Read<guint>("dsl", "rotation-frames-trigger"), 240u);
+    }
+    const std::vector<std::pair<int, std::string>> warnings {
+        { kWarning, "Invalid rotations steps mode:3" },
+        { kWarning, "Rotation is limited to 30 degrees, attempted to set:31" },
+        { kWarning, "Rotation num frames has max value 240, attempted to set:241" },
+    };
+    EXPECT_EQ(log.Lines(), warnings);
 }
 
 TEST_F(GpuPipelineTest, SettersReachTheirElements)
@@ -186,43 +180,31 @@ TEST_F(GpuPipelineTest, SettersReachTheirElements)
     EXPECT_EQ(gpu.GetRotationOverrideAngle(), -90);
 
     gpu.SetRollFilterCoeffs("1 2 1");
-    g_autofree gchar* coeffs = Read<gchar*>("motion_filter", "roll-filter-coeffs");
-    EXPECT_STREQ(coeffs, "1 2 1");
     gpu.SetRollFilterCoeffs("");
     EXPECT_TRUE(log.Contains(kWarning, "Roll filter coefficients string empty"));
-    g_autofree gchar* kept = Read<gchar*>("motion_filter", "roll-filter-coeffs");
-    EXPECT_STREQ(kept, "1 2 1");
+    g_autofree gchar* coeffs = Read<gchar*>("motion_filter", "roll-filter-coeffs");
+    EXPECT_STREQ(coeffs, "1 2 1");
 
-    EXPECT_EQ(gpu.SetDslZoomPeriod(700), 0);
-    EXPECT_EQ(gpu.SetDslZoomDelay(300), 0);
-    EXPECT_EQ(gpu.SetDslHysteresis(5), 0);
-    EXPECT_EQ(Read<guint>("gpu", "dsl-zoom-period"), 700u);
-    EXPECT_EQ(Read<guint>("gpu", "dsl-zoom-delay"), 300u);
-    EXPECT_EQ(Read<guint>("gpu", "dsl-hysteresis"), 5u);
-
-    EXPECT_EQ(gpu.SetPlumblineEnabled(true), 0);
+    // Every property here is a 32-bit integer or boolean.
+    const struct {
+        std::function<bool()> set;
+        const char* element;
+        const char* property;
+        guint value;
+    } rows[] = {
+        { [this] { return gpu.SetDslZoomPeriod(700) == 0; }, "gpu", "dsl-zoom-period", 700 },
+        { [this] { return gpu.SetDslZoomDelay(300) == 0; }, "gpu", "dsl-zoom-delay", 300 },
+        { [this] { return gpu.SetDslHysteresis(5) == 0; }, "gpu", "dsl-hysteresis", 5 },
+        { [this] { return gpu.SetPlumblineEnabled(true) == 0; }, "dsl", "plumbline-enabled", TRUE },
+        { [this] { return gpu.SetDslAnimationDuration(250); }, "dsl", "animation-duration", 250 },
+        { [this] { return gpu.SetDslBackgroundMode(1); }, "gpu", "background-mode", 1 },
+        { [this] { return gpu.SetMaxTiltAngle(35); }, "dsl", "max-tilt-angle", 35 },
+    };
+    for (const auto& row : rows) {
+        EXPECT_TRUE(row.set()) << row.property;
+        EXPECT_EQ(Read<guint>(row.element, row.property), row.value) << row.property;
+    }
     EXPECT_TRUE(log.Contains(kInfo, "[GPU pipeline] Set 'Plumbline': [Enabled]"));
-    EXPECT_TRUE(Read<gboolean>("dsl", "plumbline-enabled"));
-    EXPECT_TRUE(gpu.SetDslAnimationDuration(250));
-    EXPECT_EQ(Read<guint>("dsl", "animation-duration"), 250u);
-    EXPECT_TRUE(gpu.SetDslBackgroundMode(1));
-    EXPECT_EQ(Read<guint>("gpu", "background-mode"), 1u);
-    EXPECT_TRUE(gpu.SetMaxTiltAngle(35));
-    EXPECT_EQ(Read<gint>("dsl", "max-tilt-angle"), 35);
-}
-
-TEST_F(GpuPipelineTest, PanIsClampedByTheElementToTheRangeOfTheZoom)
-{
-    Launch();
-    ASSERT_EQ(gpu.SetZoom(2.0), 0);
-    EXPECT_DOUBLE_EQ(gpu.GetPanXMin(), -0.25);
-    EXPECT_DOUBLE_EQ(gpu.GetPanXMax(), 0.25);
-    EXPECT_DOUBLE_EQ(gpu.GetPanYMin(), -0.25);
-    EXPECT_DOUBLE_EQ(gpu.GetPanYMax(), 0.25);
-    EXPECT_EQ(gpu.SetPanX(0.1), 0);
-    EXPECT_EQ(gpu.SetPanY(9.0), 0);
-    EXPECT_DOUBLE_EQ(gpu.GetPanX(), 0.1);
-    EXPECT_DOUBLE_EQ(gpu.GetPanY(), 0.25);
 }
 
 TEST_F(GpuPipelineTest, SharpeningIsWrittenToTilingButReadFromLevelling)
@@ -249,10 +231,17 @@ TEST_F(GpuPipelineTest, SharpeningIsWrittenToTilingButReadFromLevelling)
     EXPECT_TRUE(gpu.GetDslAutoZoomOverride());
 }
 
-TEST_F(GpuPipelineTest, ZoomLevelsNeedExactlyThreeValuesAndApplyTheDefault)
+TEST_F(GpuPipelineTest, EveryLaunchAppliesTheDefaultZoomAndLevelsNeedExactlyThreeValues)
 {
+    gpu.SetZoomLevels({ 2.0f, 1.0f, 4.0f });
+    EXPECT_TRUE(
+        log.Contains(kError, "int VideoDaemon::GpuPipeline::SetZoom(double): pipeline == NULL (gpu)"));
     Launch();
-    ASSERT_EQ(gpu.SetZoom(2.0), 0);
+    EXPECT_DOUBLE_EQ(gpu.GetZoom(), 2.0);
+    ASSERT_EQ(gpu.SetZoom(3.0), 0);
+    Launch();
+    EXPECT_DOUBLE_EQ(gpu.GetZoom(), 2.0);
+
     log.Clear();
     gpu.SetZoomLevels({ 1.5f, 1.0f });
     gpu.SetZoomLevels({ 1.5f, 1.0f, 4.0f, 5.0f });
@@ -266,18 +255,6 @@ TEST_F(GpuPipelineTest, ZoomLevelsNeedExactlyThreeValuesAndApplyTheDefault)
     EXPECT_DOUBLE_EQ(gpu.GetZoomMax(), 8.0);
     EXPECT_EQ(gpu.SetZoom(6.0), 0);
     EXPECT_EQ(gpu.SetZoom(1.0), -1);
-}
-
-TEST_F(GpuPipelineTest, EveryLaunchAppliesTheDefaultZoom)
-{
-    gpu.SetZoomLevels({ 2.0f, 1.0f, 4.0f });
-    EXPECT_TRUE(
-        log.Contains(kError, "int VideoDaemon::GpuPipeline::SetZoom(double): pipeline == NULL (gpu)"));
-    Launch();
-    EXPECT_DOUBLE_EQ(gpu.GetZoom(), 2.0);
-    ASSERT_EQ(gpu.SetZoom(3.0), 0);
-    Launch();
-    EXPECT_DOUBLE_EQ(gpu.GetZoom(), 2.0);
 }
 
 TEST_F(GpuPipelineTest, CameraRollOfTheLevellingElementIsRelayed)
@@ -361,8 +338,15 @@ TEST_F(GpuPipelineTest, ZoomAndPanCropTheLivePicture)
         return corner_colours_are(f, 255, 0);
     })) << "the unzoomed picture shows red at the top left";
 
+    // The element clamps the pan to the range of the zoom.
     ASSERT_EQ(gpu.SetZoom(2.0), 0);
-    ASSERT_EQ(gpu.SetPanX(gpu.GetPanXMax()), 0);
+    EXPECT_DOUBLE_EQ(gpu.GetPanXMin(), -0.25);
+    EXPECT_DOUBLE_EQ(gpu.GetPanXMax(), 0.25);
+    EXPECT_DOUBLE_EQ(gpu.GetPanYMax(), 0.25);
+    ASSERT_EQ(gpu.SetPanX(9.0), 0);
+    EXPECT_DOUBLE_EQ(gpu.GetPanX(), 0.25);
+    ASSERT_EQ(gpu.SetPanY(-0.1), 0);
+    EXPECT_DOUBLE_EQ(gpu.GetPanY(), -0.1);
     ASSERT_EQ(gpu.SetPanY(gpu.GetPanYMin()), 0);
     EXPECT_TRUE(WaitForFrame(input, output, quadrants, [&](const std::vector<uint8_t>& f) {
         return corner_colours_are(f, 0, 255) && PixelAt(f, kWidth, kWidth - 2, kHeight - 2).g > 225
