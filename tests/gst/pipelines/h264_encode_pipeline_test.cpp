@@ -80,51 +80,30 @@ TEST(H264EncodePipeline, BeforeLaunchGettersReturnZeroAndSettersChangeNothing)
     EXPECT_TRUE(log.Contains(LOG_ERR,
         "void VideoDaemon::H264EncodePipeline::SetValve(bool): pipeline == NULL (video_h264_valve)"));
     EXPECT_TRUE(log.Contains(LOG_WARNING, "Failed to find idr_valve element"));
+    // The generic getter leaves the value alone for an unknown element.
+    unsigned value = 77;
+    h264.GetH264EncoderProperty("bitrate", value);
+    EXPECT_EQ(value, 77u);
 }
 
-TEST(H264EncodePipeline, EncoderPropertiesRoundTripOnTheRunningEncoder)
+TEST(H264EncodePipeline, TheValveGatesTheFlowIntoTheEncoderWhoseSettingsApplyWhileItRuns)
 {
     FedEncoder fed;
     ASSERT_TRUE(fed.Start());
     H264EncodePipeline& h264 = fed.h264;
-    // The description's GOP and quantiser.
-    EXPECT_EQ(h264.GetGopSize(), 16u);
-    EXPECT_EQ(h264.GetQuantParam(), 24u);
-
-    h264.SetBitrate(2000);
-    h264.SetGopSize(30);
-    h264.SetQuantParam(30);
-    guint bitrate = 0;
-    g_object_get(ElementOf(h264, "video_encoder").get(), "bitrate", &bitrate, nullptr);
-    EXPECT_EQ(bitrate, 2000u);
-    EXPECT_EQ(h264.GetBitrate(), 2000u);
-    EXPECT_EQ(h264.GetGopSize(), 30u);
-    EXPECT_EQ(h264.GetQuantParam(), 30u);
-
-    // The generic getter leaves the value alone for an unknown element.
-    H264EncodePipeline other("other");
-    unsigned value = 77;
-    other.GetH264EncoderProperty("bitrate", value);
-    EXPECT_EQ(value, 77u);
-}
-
-TEST(H264EncodePipeline, TheValveGatesTheFlowIntoTheEncoderOfMainProfileH264)
-{
-    FedEncoder fed;
-    ASSERT_TRUE(fed.Start());
-    GstTest::BufferCount at_valve(ElementOf(fed.h264, "video_h264_valve").get(), "sink");
-    GstTest::BufferCount into_encoder(ElementOf(fed.h264, "video_encoder").get(), "sink");
-    GstTest::BufferCount out(ElementOf(fed.h264, "video_h264_sink").get(), "sink");
+    GstTest::BufferCount at_valve(ElementOf(h264, "video_h264_valve").get(), "sink");
+    GstTest::BufferCount into_encoder(ElementOf(h264, "video_encoder").get(), "sink");
+    GstTest::BufferCount out(ElementOf(h264, "video_h264_sink").get(), "sink");
 
     // Closed by the description: frames reach the valve, none pass it.
     ASSERT_TRUE(RunMainLoopUntil([&] { return at_valve.Value() >= 10; }, 3000));
     EXPECT_EQ(into_encoder.Value(), 0u);
 
-    fed.h264.SetValve(false);
+    h264.SetValve(false);
     ASSERT_TRUE(RunMainLoopUntil([&] { return out.Value() >= 10; }, 3000));
     Consumer consumer("h264_test_out");
     ASSERT_TRUE(consumer.Launch(false, false, false));
-    ASSERT_TRUE(consumer.ListenTo(&fed.h264, "", ""));
+    ASSERT_TRUE(consumer.ListenTo(&h264, "", ""));
     ASSERT_EQ(consumer.SetState(GST_STATE_PLAYING, 2000), 0);
     SamplePtr sample(consumer.Pull());
     consumer.SetState(GST_STATE_NULL);
@@ -135,7 +114,7 @@ TEST(H264EncodePipeline, TheValveGatesTheFlowIntoTheEncoderOfMainProfileH264)
     EXPECT_STREQ(gst_structure_get_string(caps, "profile"), "main");
 
     LogCapture log;
-    fed.h264.SetValve(true);
+    h264.SetValve(true);
     EXPECT_TRUE(log.Contains(LOG_WARNING, "Set H264 valve to :1"));
     // Let the frames already past the valve drain, then nothing more enters.
     RunMainLoopFor(300);
@@ -143,4 +122,17 @@ TEST(H264EncodePipeline, TheValveGatesTheFlowIntoTheEncoderOfMainProfileH264)
     const unsigned reached = at_valve.Value();
     ASSERT_TRUE(RunMainLoopUntil([&] { return at_valve.Value() >= reached + 10; }, 3000));
     EXPECT_EQ(into_encoder.Value(), entered);
+
+    // The description's GOP and quantiser, then settings of the running encoder.
+    EXPECT_EQ(h264.GetGopSize(), 16u);
+    EXPECT_EQ(h264.GetQuantParam(), 24u);
+    h264.SetBitrate(2000);
+    h264.SetGopSize(30);
+    h264.SetQuantParam(30);
+    guint bitrate = 0;
+    g_object_get(ElementOf(h264, "video_encoder").get(), "bitrate", &bitrate, nullptr);
+    EXPECT_EQ(bitrate, 2000u);
+    EXPECT_EQ(h264.GetBitrate(), 2000u);
+    EXPECT_EQ(h264.GetGopSize(), 30u);
+    EXPECT_EQ(h264.GetQuantParam(), 30u);
 }

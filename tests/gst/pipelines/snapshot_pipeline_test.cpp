@@ -165,10 +165,23 @@ TEST(SnapshotPipeline, RefusesASecondSnapshotWhileOneIsInProgressAndEndsTheFirst
     snapshot.SetState(GST_STATE_NULL);
 }
 
-TEST(SnapshotPipeline, SetsItsElementsWithinTheirLimits)
+TEST(SnapshotPipeline, StoresItsSettingsWithoutAPipelineAndSetsItsElementsWithinTheirLimits)
 {
     LogCapture log;
     SnapshotPipeline snapshot;
+    snapshot.SetImageSize(320, 240);
+    EXPECT_EQ(320u, snapshot.GetWidth());
+    EXPECT_EQ(240u, snapshot.GetHeight());
+    EXPECT_TRUE(log.Contains(LOG_DEBUG, "[Snapshot] Set width = 320, height = 240"));
+    EXPECT_TRUE(log.Contains(LOG_ERR,
+        "void VideoDaemon::SnapshotPipeline::SetImageSize(uint32_t, uint32_t): pipeline == NULL "
+        "(jpeg_image_caps)"));
+    // Unchanged values return before the lookup.
+    snapshot.SetImageSize(320, 240);
+    snapshot.SetJpegQuality(85);
+    EXPECT_EQ(1u, log.Count(LOG_ERR, "Failed to get element"));
+    EXPECT_TRUE(log.Contains(LOG_DEBUG, "[Snapshot] Set quality = 85"));
+
     ASSERT_TRUE(snapshot.Launch(false, false, false));
     EXPECT_EQ(85u, (PropertyOf<guint>(snapshot, "jpeg_encoder", "quality-factor")));
     snapshot.SetJpegQuality(70);
@@ -193,24 +206,6 @@ TEST(SnapshotPipeline, SetsItsElementsWithinTheirLimits)
     snapshot.SetValveNumBuffers(11);
     EXPECT_EQ(10u, (PropertyOf<guint>(snapshot, "snapshot_valve", "num-buffers-pass")));
     EXPECT_TRUE(log.Contains(LOG_ERR, "[SnapshotPipeline] Max allowed buffers to set is 10"));
-}
-
-TEST(SnapshotPipeline, StoresSizeAndQualityEvenWithoutAPipelineAndLogsTheMissingElement)
-{
-    LogCapture log;
-    SnapshotPipeline snapshot;
-    snapshot.SetImageSize(320, 240);
-    EXPECT_EQ(320u, snapshot.GetWidth());
-    EXPECT_EQ(240u, snapshot.GetHeight());
-    EXPECT_TRUE(log.Contains(LOG_DEBUG, "[Snapshot] Set width = 320, height = 240"));
-    EXPECT_TRUE(log.Contains(LOG_ERR,
-        "void VideoDaemon::SnapshotPipeline::SetImageSize(uint32_t, uint32_t): pipeline == NULL "
-        "(jpeg_image_caps)"));
-    // Unchanged values return before the lookup.
-    snapshot.SetImageSize(320, 240);
-    snapshot.SetJpegQuality(85);
-    EXPECT_EQ(1u, log.Count(LOG_ERR, "Failed to get element"));
-    EXPECT_TRUE(log.Contains(LOG_DEBUG, "[Snapshot] Set quality = 85"));
 }
 
 TEST(SnapshotPipelineDeathTest, EndsTheProcessWhenTheLocationCannotBeSet)
