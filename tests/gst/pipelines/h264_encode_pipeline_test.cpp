@@ -18,22 +18,12 @@ const char kGetterSignature[]
 const char kSetterSignature[]
     = "void VideoDaemon::H264EncodePipeline::SetH264EncoderProperty(const char*, T) [with T = unsigned int]";
 
-// A live BGRA picture at the rate the encoder expects, as the overlay hands it over.
-class BgraFeed : public DescribedPipeline
-{
-public:
-    BgraFeed()
-        : DescribedPipeline("videotestsrc is-live=true pattern=18 "
-                            "! video/x-raw,format=BGRA,width=640,height=480,framerate=30000/1001 "
-                            "! interpipesink name=h264_test_feed sync=false forward-events=true",
-            "h264_test_feed")
-    {
-    }
-};
-
-// An encoder fed with a live picture, both playing.
+// An encoder fed with a live BGRA picture at the rate it expects, as the overlay hands it over.
 struct FedEncoder {
-    BgraFeed feed;
+    DescribedPipeline feed { "videotestsrc is-live=true pattern=18 "
+                             "! video/x-raw,format=BGRA,width=640,height=480,framerate=30000/1001 "
+                             "! interpipesink name=h264_test_feed sync=false forward-events=true",
+        "h264_test_feed" };
     H264EncodePipeline h264 { "video" };
 
     bool Start()

@@ -12,12 +12,7 @@
 #include "support/gst_test_pipeline.h"
 
 using namespace PipelineHarness;
-using GstTest::FfprobeEntries;
-using GstTest::FfprobeNumber;
-using GstTest::FfprobePackets;
-using GstTest::FfprobeValues;
-using GstTest::Packet;
-using GstTest::TempDir;
+using namespace GstTest;
 using VideoDaemon::Mp4muxPipeline;
 
 namespace
@@ -64,12 +59,6 @@ T PropertyOf(VideoDaemon::Pipeline& pipeline, const std::string& element, const 
     g_object_get(ElementOf(pipeline, element).get(), name, &value, nullptr);
     return value;
 }
-
-class Mp4muxDeathTest : public ::testing::Test
-{
-protected:
-    void SetUp() override { GstTest::UseFreshProcessDeathTests(); }
-};
 
 } // namespace
 
@@ -244,8 +233,9 @@ TEST(SnapvoicePipeline, RecordsAStillPictureWithNarration)
     EXPECT_GT(FfprobePackets(file, "a:0").size(), 50u);
 }
 
-TEST_F(Mp4muxDeathTest, MuxPauseWithoutPipelineEndsTheProcess)
+TEST(Mp4muxDeathTest, MuxPauseWithoutPipelineEndsTheProcess)
 {
+    UseFreshProcessDeathTests();
     Mp4muxPipeline mux("video");
     EXPECT_DEATH(
         {

@@ -94,13 +94,6 @@ TEST(TcpServerPipeline, AppendsTheQuotedHostAndThePortToItsDescription)
     const std::string base = server.GetDescription();
     server.SetServerAddress("0.0.0.0", 4000);
     EXPECT_EQ(base + " host=\"0.0.0.0\" port=4000", server.GetDescription());
-    ASSERT_TRUE(server.Launch(false, false, false));
-    gchar* host = nullptr;
-    int port = 0;
-    g_object_get(ElementOf(server, "tcp_server_sink").get(), "host", &host, "port", &port, nullptr);
-    VideoDaemon::GCharPtr host_text(host);
-    EXPECT_STREQ("0.0.0.0", host);
-    EXPECT_EQ(4000, port);
 }
 
 TEST(TcpServerPipeline, ServesMultipartJpegFramesOfTheLivePictureOrTheStaticImageWhileEnabled)
