@@ -136,20 +136,6 @@ private:
     std::vector<Seek> seeks_;
 };
 
-// Brings a pipeline to NULL when the test ends, however it ends.
-class NullOnExit
-{
-public:
-    explicit NullOnExit(VideoDaemon::Pipeline& pipeline)
-        : pipeline_(pipeline)
-    {
-    }
-    ~NullOnExit() { pipeline_.SetState(GST_STATE_NULL, 0); }
-
-private:
-    VideoDaemon::Pipeline& pipeline_;
-};
-
 // Waits (bounded) until a flushing seek has prerolled again, as a user
 // would before the next seek.
 void Settle(PlaybackPipeline& playback)
@@ -157,40 +143,58 @@ void Settle(PlaybackPipeline& playback)
     gst_element_get_state(GST_ELEMENT(playback.GetPipeline()), nullptr, nullptr, 2 * GST_SECOND);
 }
 
-// Opens the recording paused with the thumbnail shown, and waits until its duration is known.
-void OpenPaused(PlaybackPipeline& playback, Reports& reports)
+// A launched playback pipeline, with the display's sinks or with fakes.
+template <bool kDisplay> class PlaybackFixture : public ::testing::Test
 {
-    ASSERT_TRUE(playback.Launch(false, true, false));
-    ASSERT_EQ(0, playback.Play(Recording::Path(), 0.0, reports.Callback(), 50, nullptr));
-    ASSERT_TRUE(RunMainLoopUntil([&] { return !reports.all.empty() && reports.all.back().duration > 0; }));
-}
+protected:
+    void SetUp() override { ASSERT_TRUE(playback.Launch(false, true, false)); }
+    void TearDown() override { playback.SetState(GST_STATE_NULL, 0); }
+
+    // Opens the recording paused with the thumbnail shown, and waits until its duration is known.
+    void OpenPaused()
+    {
+        ASSERT_EQ(0, playback.Play(Recording::Path(), 0.0, reports.Callback(), 50, nullptr));
+        ASSERT_TRUE(
+            RunMainLoopUntil([&] { return !reports.all.empty() && reports.all.back().duration > 0; }));
+    }
+    void StopAndWaitForTheFinalReport()
+    {
+        playback.Stop();
+        RunMainLoopUntil([&] { return reports.EndReports() > 0; });
+    }
+
+    LogCapture log;
+    PlaybackPipeline playback { kDisplay };
+    Reports reports;
+};
+using PlaybackTest = PlaybackFixture<false>;
+using PlaybackOnTheDisplayTest = PlaybackFixture<true>;
 
 } // namespace
 
-TEST(PlaybackPipeline, OpensTheFilePausedAtRateZeroAndKeepsReporting)
+TEST_F(PlaybackTest, RefusesToRewindFromTheStartButOpensPausedAtRateZeroAndKeepsReporting)
 {
-    LogCapture log;
-    PlaybackPipeline playback(false);
-    NullOnExit null_on_exit(playback);
-    Reports reports;
+    Reports refused;
+    EXPECT_EQ(-1, playback.Play(Recording::Path(), -2.0, refused.Callback(), 50, nullptr));
+    EXPECT_TRUE(log.Contains(LOG_ERR, "[Playback] can't rewind from start of file\n"));
+    EXPECT_EQ(GST_STATE_NULL, playback.GetState());
+
     int marker = 0;
-    ASSERT_TRUE(playback.Launch(false, true, false));
     ASSERT_EQ(0, playback.Play(Recording::Path(), 0.0, reports.Callback(), 50, &marker));
     EXPECT_EQ(GST_STATE_PAUSED, playback.GetState());
     EXPECT_TRUE(log.ContainsText("[Playback]: PLAY _Uri: file://"));
     EXPECT_TRUE(log.Contains(LOG_INFO,
         "int VideoDaemon::PlaybackPipeline::Play(std::__cxx11::string, gdouble, "
-        "VideoDaemon::playback_callback_t, "
-        "guint, void*): Playing JPEG: "
+        "VideoDaemon::playback_callback_t, guint, void*): Playing JPEG: "
             + Recording::Path() + "-thumb.jpg"));
 
     ASSERT_TRUE(RunMainLoopUntil([&] { return reports.all.size() >= 3; }));
     RunMainLoopFor(200);
+    EXPECT_TRUE(refused.all.empty());
     EXPECT_EQ(GST_STATE_PAUSED, playback.GetState());
     const Report& last = reports.all.back();
     EXPECT_EQ(&marker, last.user_data);
-    EXPECT_FALSE(last.eos);
-    EXPECT_FALSE(last.error);
+    EXPECT_FALSE(last.eos || last.error);
     EXPECT_EQ(0, last.position);
     EXPECT_NEAR(3000, last.duration, 100);
     EXPECT_EQ("", playback.GetCurrentFile());
@@ -200,62 +204,47 @@ TEST(PlaybackPipeline, OpensTheFilePausedAtRateZeroAndKeepsReporting)
     int64_t position = -1, duration = -1;
     EXPECT_EQ(0, playback.GetPlaybackStatus(active, eos, error, rate, position, duration));
     EXPECT_TRUE(active);
-    EXPECT_FALSE(eos);
-    EXPECT_FALSE(error);
+    EXPECT_FALSE(eos || error);
     EXPECT_EQ(last.duration, duration);
 
     // A second Play is refused while the timer still runs.
     EXPECT_EQ(-1, playback.Play(Recording::Path(), 1.0, reports.Callback(), 50, nullptr));
     EXPECT_TRUE(log.Contains(LOG_ERR, "[Playback] still not done state=3 timer active = 1\n"));
-    playback.Stop();
-    RunMainLoopUntil([&] { return reports.EndReports() > 0; });
+    StopAndWaitForTheFinalReport();
 }
 
-TEST(PlaybackPipeline, RefusesToRewindFromTheStartOfTheFile)
+TEST_F(PlaybackTest, ChoosesTheSeekFlagsByRate)
 {
-    LogCapture log;
-    PlaybackPipeline playback(false);
-    NullOnExit null_on_exit(playback);
-    Reports reports;
-    ASSERT_TRUE(playback.Launch(false, true, false));
-    EXPECT_EQ(-1, playback.Play(Recording::Path(), -2.0, reports.Callback(), 50, nullptr));
-    EXPECT_TRUE(log.Contains(LOG_ERR, "[Playback] can't rewind from start of file\n"));
-    RunMainLoopFor(200);
-    EXPECT_TRUE(reports.all.empty());
-    EXPECT_EQ(GST_STATE_NULL, playback.GetState());
-}
-
-TEST(PlaybackPipeline, ChoosesTheSeekFlagsByRate)
-{
-    LogCapture log;
-    PlaybackPipeline playback(false);
-    NullOnExit null_on_exit(playback);
-    Reports reports;
-    OpenPaused(playback, reports);
+    OpenPaused();
     if (HasFatalFailure())
         return;
     SeekWatch watch(playback, "fake-display");
-
-    struct Row {
+    // Rewind plays from the current position back to the start.
+    const struct {
         double rate;
         int flags;
         const char* log;
-    };
-    const Row rows[] = {
+    } rows[] = {
         { 0.5, 53, "FAST FORWARD (SLOW)" },
         { 2.0, 53, "FAST FORWARD (SLOW)" },
         { 4.0, 437, "FAST FORWARD (FAST)" },
         { 8.0, 437, "FAST FORWARD (FAST)" },
         { 1.0, 3, "NORMAL PLAYBACK" },
+        { -2.0, 437, "REWIND" },
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         log.Clear();
         EXPECT_EQ(0, playback.SetRate(row.rate)) << row.rate;
         std::vector<SeekWatch::Seek> seeks = watch.Taken();
         ASSERT_EQ(1u, seeks.size()) << row.rate;
         EXPECT_EQ(row.flags, seeks[0].flags) << row.rate;
         EXPECT_EQ(row.rate, seeks[0].rate);
-        EXPECT_EQ(-1, seeks[0].stop);
+        if (row.rate > 0) {
+            EXPECT_EQ(-1, seeks[0].stop) << row.rate;
+        } else {
+            EXPECT_EQ(0, seeks[0].start);
+            EXPECT_GE(seeks[0].stop, 0);
+        }
         EXPECT_DOUBLE_EQ(row.rate, playback.GetRate());
         EXPECT_TRUE(log.Contains(
             LOG_INFO, std::string("int VideoDaemon::PlaybackPipeline::_SetRate(gdouble): ") + row.log))
@@ -263,39 +252,22 @@ TEST(PlaybackPipeline, ChoosesTheSeekFlagsByRate)
         Settle(playback);
     }
 
-    // Rewind plays from the current position back to the start.
-    playback.SetRate(-2.0);
-    std::vector<SeekWatch::Seek> seeks = watch.Taken();
-    ASSERT_EQ(1u, seeks.size());
-    EXPECT_EQ(437, seeks[0].flags);
-    EXPECT_EQ(0, seeks[0].start);
-    EXPECT_GE(seeks[0].stop, 0);
-    EXPECT_TRUE(log.Contains(LOG_INFO, "int VideoDaemon::PlaybackPipeline::_SetRate(gdouble): REWIND"));
-    Settle(playback);
-
-    const double before = playback.GetRate();
     EXPECT_EQ(-1, playback.SetRate(0.0));
     EXPECT_TRUE(log.Contains(LOG_WARNING, "[Playback] failed to set rate to paused\n"));
     EXPECT_TRUE(watch.Taken().empty());
-    EXPECT_EQ(before, playback.GetRate());
-
-    playback.Stop();
-    RunMainLoopUntil([&] { return reports.EndReports() > 0; });
+    EXPECT_EQ(-2.0, playback.GetRate());
+    StopAndWaitForTheFinalReport();
 }
 
-TEST(PlaybackPipeline, ClampsSeeksToTheStartAndToTheDuration)
+TEST_F(PlaybackTest, ClampsSeeksToTheStartAndToTheDuration)
 {
-    PlaybackPipeline playback(false);
-    NullOnExit null_on_exit(playback);
-    Reports reports;
-    OpenPaused(playback, reports);
+    OpenPaused();
     if (HasFatalFailure())
         return;
     const int64_t duration = reports.all.back().duration;
     SeekWatch watch(playback, "fake-display");
 
     // Opened paused, the file has no rate to seek at yet.
-    LogCapture log;
     EXPECT_EQ(-1, playback.Seek(1000));
     EXPECT_TRUE(log.Contains(LOG_WARNING, "[Playback] failed to send seek event to set position\n"));
     EXPECT_TRUE(watch.Taken().empty());
@@ -303,30 +275,22 @@ TEST(PlaybackPipeline, ClampsSeeksToTheStartAndToTheDuration)
     Settle(playback);
     watch.Taken();
 
-    EXPECT_EQ(0, playback.Seek(1000));
-    Settle(playback);
-    EXPECT_EQ(0, playback.Seek(-10 * 60 * 1000));
-    Settle(playback);
-    EXPECT_EQ(0, playback.Seek(10 * 60 * 1000));
-    std::vector<SeekWatch::Seek> seeks = watch.Taken();
-    ASSERT_EQ(3u, seeks.size());
-    EXPECT_EQ(1000 * GST_MSECOND, static_cast<GstClockTime>(seeks[0].start));
-    EXPECT_EQ(0, seeks[1].start);
-    EXPECT_EQ(duration * static_cast<gint64>(GST_MSECOND), seeks[2].start);
-    for (const SeekWatch::Seek& seek : seeks) {
-        EXPECT_EQ(3, seek.flags);
-        EXPECT_EQ(-1, seek.stop);
+    const std::pair<int64_t, int64_t> rows[]
+        = { { 1000, 1000 }, { -10 * 60 * 1000, 0 }, { 10 * 60 * 1000, duration } };
+    for (const auto& [position, start] : rows) {
+        EXPECT_EQ(0, playback.Seek(position));
+        std::vector<SeekWatch::Seek> seeks = watch.Taken();
+        ASSERT_EQ(1u, seeks.size()) << position;
+        EXPECT_EQ(start * static_cast<gint64>(GST_MSECOND), seeks[0].start) << position;
+        EXPECT_EQ(3, seeks[0].flags);
+        EXPECT_EQ(-1, seeks[0].stop);
+        Settle(playback);
     }
-    playback.Stop();
-    RunMainLoopUntil([&] { return reports.EndReports() > 0; });
+    StopAndWaitForTheFinalReport();
 }
 
-TEST(PlaybackPipeline, IgnoresRateAndSeekWhenNotPlayingAndTogglesPauseOnlyWhenOpen)
+TEST_F(PlaybackTest, IgnoresRateAndSeekWhenNotPlayingAndTogglesPauseOnlyWhenOpen)
 {
-    LogCapture log;
-    PlaybackPipeline playback(false);
-    NullOnExit null_on_exit(playback);
-    ASSERT_TRUE(playback.Launch(false, true, false));
     EXPECT_EQ(0, playback.SetRate(4.0));
     EXPECT_EQ(0, playback.Seek(1000));
     EXPECT_TRUE(
@@ -334,23 +298,16 @@ TEST(PlaybackPipeline, IgnoresRateAndSeekWhenNotPlayingAndTogglesPauseOnlyWhenOp
     EXPECT_TRUE(log.Contains(LOG_WARNING, "[PlaybackPipeline::Seek] not playing or paused, so ignoring\n"));
     EXPECT_EQ(-1, playback.TogglePause());
 
-    Reports reports;
-    ASSERT_EQ(0, playback.Play(Recording::Path(), 0.0, reports.Callback(), 50, nullptr));
-    EXPECT_EQ(0, playback.TogglePause());
-    EXPECT_EQ(GST_STATE_PLAYING, playback.GetState());
-    EXPECT_EQ(0, playback.TogglePause());
-    EXPECT_EQ(GST_STATE_PAUSED, playback.GetState());
-    playback.Stop();
-    RunMainLoopUntil([&] { return reports.EndReports() > 0; });
+    OpenPaused();
+    for (GstState expected : { GST_STATE_PLAYING, GST_STATE_PAUSED }) {
+        EXPECT_EQ(0, playback.TogglePause());
+        EXPECT_EQ(expected, playback.GetState());
+    }
+    StopAndWaitForTheFinalReport();
 }
 
-TEST(PlaybackPipeline, ReportsTheDurationAsPositionAtTheEndAndStopsReporting)
+TEST_F(PlaybackOnTheDisplayTest, ReportsTheDurationAsPositionAtTheEndAndStopsReporting)
 {
-    LogCapture log;
-    PlaybackPipeline playback(true);
-    NullOnExit null_on_exit(playback);
-    ASSERT_TRUE(playback.Launch(false, true, false));
-    Reports reports;
     ASSERT_EQ(0, playback.Play(Recording::Path(), 1.0, reports.Callback(), 100, nullptr));
     // The playbin takes its sinks in once it opens the file.
     VideoDaemon::GstPtr<GstElement> display = ElementOf(playback, "imx-ipu-display");
@@ -359,8 +316,7 @@ TEST(PlaybackPipeline, ReportsTheDurationAsPositionAtTheEndAndStopsReporting)
     gboolean vsync = FALSE, sync = FALSE;
     g_object_get(display.get(), "output-rotation", &rotation, "use-vsync", &vsync, "sync", &sync, nullptr);
     EXPECT_EQ(5, rotation);
-    EXPECT_TRUE(vsync);
-    EXPECT_TRUE(sync);
+    EXPECT_TRUE(vsync && sync);
     EXPECT_TRUE(ElementOf(playback, "alsa-speaker"));
     EXPECT_EQ(Recording::Path(), playback.GetCurrentFile());
     EXPECT_FALSE(log.ContainsText("Playing JPEG"));
@@ -385,12 +341,8 @@ TEST(PlaybackPipeline, ReportsTheDurationAsPositionAtTheEndAndStopsReporting)
     RunMainLoopUntil([&] { return reports.EndReports() > 1; });
 }
 
-TEST(PlaybackPipeline, MakesExactlyOneFinalReportAfterStop)
+TEST_F(PlaybackTest, MakesExactlyOneFinalReportAfterStop)
 {
-    PlaybackPipeline playback(false);
-    NullOnExit null_on_exit(playback);
-    Reports reports;
-    ASSERT_TRUE(playback.Launch(false, true, false));
     ASSERT_EQ(0, playback.Play(Recording::Path(), 1.0, reports.Callback(), 50, nullptr));
     ASSERT_TRUE(RunMainLoopUntil([&] { return reports.all.size() >= 4; }));
     playback.Stop();
@@ -410,12 +362,8 @@ TEST(PlaybackPipeline, MakesExactlyOneFinalReportAfterStop)
     EXPECT_EQ(count + 1, reports.all.size());
 }
 
-TEST(PlaybackPipeline, LogsEachTickWithoutACallback)
+TEST_F(PlaybackTest, LogsEachTickWithoutACallback)
 {
-    LogCapture log;
-    PlaybackPipeline playback(false);
-    NullOnExit null_on_exit(playback);
-    ASSERT_TRUE(playback.Launch(false, true, false));
     ASSERT_EQ(0, playback.Play(Recording::Path(), 0.0, nullptr, 50, nullptr));
     const std::string line
         = "static gboolean VideoDaemon::PlaybackPipeline::_UpdateTimerCb(gpointer) _UpdateCb == NULL\n";
