@@ -5,6 +5,7 @@
 
 #include "support/gst_test_pipeline.h"
 
+#include <array>
 #include <string>
 
 using namespace GstTest;
@@ -13,19 +14,20 @@ TEST(ImxV4l2VideoSrc, IsALiveSourceOfMovingInterlacedUyvyWithTheCropWindowAsMeta
 {
     struct Row {
         const char* capture;
-        int height, fps_n, fps_d;
-        guint crop_x, crop_y, crop_width, crop_height;
+        guint height;
+        int fps_n, fps_d;
+        std::array<guint, 4> crop;
     };
     // The NTSC and PAL cameras; their windows reach past the bottom edge, the metadata keeps them inside.
     const Row rows[] = {
         { "imxv4l2videosrc name=camera_input_source fps=30000/1001 crop-meta-x=24 crop-meta-width=672 "
           "crop-meta-y=24 crop-meta-height=504 do-timestamp=true ! video/x-raw, format=UYVY,width=720,"
           "height=504,framerate=30000/1001, interlace-mode=interleaved,device-mode=interleaved",
-            504, 30000, 1001, 24, 24, 672, 480 },
+            504, 30000, 1001, { 24, 24, 672, 480 } },
         { "imxv4l2videosrc name=pal_camera_input_source fps=25/1 crop-meta-x=28 crop-meta-width=692 "
           "crop-meta-y=28 crop-meta-height=576 do-timestamp=true ! video/x-raw, format=UYVY,width=720,"
           "height=576,framerate=25/1, interlace-mode=interleaved,device-mode=interleaved",
-            576, 25, 1, 28, 28, 692, 548 },
+            576, 25, 1, { 28, 28, 692, 548 } },
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.capture);
@@ -37,24 +39,13 @@ TEST(ImxV4l2VideoSrc, IsALiveSourceOfMovingInterlacedUyvyWithTheCropWindowAsMeta
         SamplePtr second = pipeline.Pull("out");
         ASSERT_TRUE(first && second);
 
-        GstVideoInfo info;
-        ASSERT_TRUE(gst_video_info_from_caps(&info, gst_sample_get_caps(first.get())));
-        EXPECT_EQ(GST_VIDEO_INFO_FORMAT(&info), GST_VIDEO_FORMAT_UYVY);
-        EXPECT_EQ(GST_VIDEO_INFO_WIDTH(&info), 720);
-        EXPECT_EQ(GST_VIDEO_INFO_HEIGHT(&info), row.height);
-        EXPECT_EQ(GST_VIDEO_INFO_FPS_N(&info), row.fps_n);
-        EXPECT_EQ(GST_VIDEO_INFO_FPS_D(&info), row.fps_d);
-        EXPECT_EQ(GST_VIDEO_INFO_INTERLACE_MODE(&info), GST_VIDEO_INTERLACE_MODE_INTERLEAVED);
-
+        // The caps filter holds the caps asked for; the frames fill them and carry the window.
         GstBuffer* a = gst_sample_get_buffer(first.get());
         GstBuffer* b = gst_sample_get_buffer(second.get());
+        EXPECT_EQ(gst_buffer_get_size(a), 720u * 2u * row.height);
         const GstVideoCropMeta* crop = gst_buffer_get_video_crop_meta(a);
         ASSERT_NE(crop, nullptr);
-        EXPECT_EQ(crop->x, row.crop_x);
-        EXPECT_EQ(crop->y, row.crop_y);
-        EXPECT_EQ(crop->width, row.crop_width);
-        EXPECT_EQ(crop->height, row.crop_height);
-        EXPECT_EQ(gst_buffer_get_size(a), GST_VIDEO_INFO_SIZE(&info));
+        EXPECT_EQ((std::array { crop->x, crop->y, crop->width, crop->height }), row.crop);
         EXPECT_TRUE(GST_BUFFER_FLAG_IS_SET(a, GST_VIDEO_BUFFER_FLAG_INTERLACED));
 
         // A moving picture, stamped frame by frame.
