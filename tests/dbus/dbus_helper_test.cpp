@@ -1,17 +1,16 @@
 // Platform D-Bus helper library: typed properties, dictionaries, object manager, listening, time-outs.
-#include <glib.h>
-
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "dbus-helper/dbus_listener.h"
 #include "dbus-helper/sdbus_utils.h"
 #include "dbus/dbus_test_env.h"
 #include "riginfo/this_model.h"
+
+using VideodTest::RunLoopUntil;
 
 namespace
 {
@@ -22,18 +21,6 @@ const std::string kCapture = "/com/tarnwell/common/Settings1/capture";
 const std::string kStorage = "com.tarnwell.common.StorageDaemon1";
 const std::string kStorageBase = "/com/tarnwell/common/StorageDaemon1";
 const std::string kDevice = "com.tarnwell.common.StorageDaemon1.Device";
-
-bool RunLoopUntil(const std::function<bool()>& done, int timeoutMs = 5000)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        if (!g_main_context_iteration(nullptr, FALSE))
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
 
 class DbusHelperLibrary : public VideodTest::DbusTestEnv
 {
@@ -143,13 +130,10 @@ TEST_F(DbusHelperLibrary, ReadsWholeDictionariesWithAndWithoutTypes)
     ASSERT_EQ(sdbus_utils::GetAllProperties(nullptr, kSettings, kVideo, kSettings, reply, error), 0) << error;
     TypedPropertyMap typed;
     ASSERT_EQ(sdbus_utils::ParsePropertiesWithType(reply.get(), typed), 0);
-    EXPECT_EQ(typed.at("sharpen").first, "b");
-    EXPECT_EQ(typed.at("rotationOverrideAngle").first, "i");
-    EXPECT_EQ(typed.at("dslBackgroundMode").first, "u");
-    EXPECT_EQ(typed.at("maximumFilesize").first, "t");
-    EXPECT_EQ(typed.at("sharpenAmount").first, "d");
-    EXPECT_EQ(typed.at("deinterlaceMethod").first, "s");
-    EXPECT_EQ(typed.at("zoomLevelsDsl").first, "ad");
+    for (const auto& [key, type] : std::vector<std::pair<std::string, std::string>> { { "sharpen", "b" },
+             { "rotationOverrideAngle", "i" }, { "dslBackgroundMode", "u" }, { "maximumFilesize", "t" },
+             { "sharpenAmount", "d" }, { "deinterlaceMethod", "s" }, { "zoomLevelsDsl", "ad" } })
+        EXPECT_EQ(typed.at(key).first, type) << key;
     EXPECT_EQ(std::any_cast<std::vector<double>>(typed.at("zoomLevelsDsl").second).size(), 3u);
     EXPECT_NO_THROW(std::any_cast<uint64_t>(typed.at("maximumFilesize").second));
     EXPECT_NO_THROW(std::any_cast<uint32_t>(typed.at("dslBackgroundMode").second));
@@ -191,12 +175,11 @@ TEST_F(DbusHelperLibrary, ListsManagedObjectsAndParsesTheirChangeSignals)
                       &OnInterfacesRemoved, &captured },
               }),
         0);
-    ASSERT_EQ(Busctl({ "call", kStorage, kStorageBase, "com.tarnwell.host.Simulation", "AddDevice", "ss",
-                  "usb", TempDir() }),
+    ASSERT_EQ(
+        Call(kStorage, kStorageBase, "com.tarnwell.host.Simulation", "AddDevice", { "ss", "usb", TempDir() }),
         0);
-    ASSERT_EQ(Busctl({ "call", kStorage, kStorageBase, "com.tarnwell.host.Simulation", "RemoveDevice", "s",
-                  "usb" }),
-        0);
+    ASSERT_EQ(
+        Call(kStorage, kStorageBase, "com.tarnwell.host.Simulation", "RemoveDevice", { "s", "usb" }), 0);
     ASSERT_TRUE(RunLoopUntil([&] { return !captured.removed_path.empty(); }));
     EXPECT_EQ(captured.failures, 0);
     EXPECT_EQ(captured.added_path, kStorageBase + "/usb");
@@ -239,12 +222,13 @@ TEST_F(DbusHelperLibrary, ConnectorAndListenerManageTheirConnection)
     EXPECT_FALSE(listener.IsConnected());
     EXPECT_EQ(listener.SubscriptionCount(), 0u);
 
-    const std::string address = BusAddress();
-    setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + TempDir() + "/no-such-bus").c_str(), 1);
     std::string error;
-    sd_bus* bus = sdbus_utils::DefaultBus(error);
-    const int r = listener.Connect();
-    setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+    sd_bus* bus = nullptr;
+    int r = 0;
+    WithoutBus([&] {
+        bus = sdbus_utils::DefaultBus(error);
+        r = listener.Connect();
+    });
     EXPECT_EQ(bus, nullptr);
     EXPECT_EQ(error.rfind("failed to open the user bus: ", 0), 0u) << error;
     EXPECT_LT(r, 0);

@@ -2,18 +2,17 @@
 #pragma once
 
 #include <fcntl.h>
+#include <glib.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/types.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -21,6 +20,7 @@
 #include <deque>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -54,6 +54,38 @@ struct SdBusError {
     sd_bus_error* get() { return &error; }
     std::string Text() const { return error.message ? error.message : (error.name ? error.name : ""); }
 };
+
+inline std::string ReadFile(const std::string& path)
+{
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// Iterates the default main context (where the clients' connections are serviced) until done, bounded.
+inline bool RunLoopUntil(const std::function<bool()>& done, int timeoutMs = 5000)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        if (!g_main_context_iteration(nullptr, FALSE))
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+// The sections the settings daemon publishes, one object each.
+inline const std::vector<std::string>& SettingsSections()
+{
+    static const std::vector<std::string> sections { "boot", "system", "audio", "keyBeep", "display",
+        "capture", "jobs", "sync", "sonde", "reel", "camera", "overlay", "video", "videoRecording",
+        "autologRecording", "snapVoiceRecording", "storage", "development", "bluetooth", "device", "network",
+        "motionDetection", "contacts", "remoteCamera", "remoteDevices", "shutdown", "time", "gps",
+        "cooling" };
+    return sections;
+}
 
 // GoogleTest fixture. Construction starts a private dbus-daemon and points DBUS_SESSION_BUS_ADDRESS at it
 // (so sd_bus_open_user and `busctl --user` use it); destruction stops every peer and the bus and restores
@@ -174,13 +206,7 @@ protected:
     }
 
     // What a peer wrote on its standard output and error so far.
-    std::string PeerLog(const std::string& peer) const
-    {
-        std::ifstream in(PeerLogPath(peer));
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
+    std::string PeerLog(const std::string& peer) const { return ReadFile(PeerLogPath(peer)); }
 
     bool NameHasOwner(const std::string& name)
     {
@@ -222,25 +248,7 @@ protected:
             return -1;
         }
         std::string text;
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        bool timedOut = false;
-        for (;;) {
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now())
-                            .count();
-            if (left <= 0) {
-                timedOut = true;
-                break;
-            }
-            pollfd pfd { fds[0], POLLIN, 0 };
-            if (poll(&pfd, 1, static_cast<int>(left)) <= 0)
-                continue;
-            char buffer[4096];
-            ssize_t n = read(fds[0], buffer, sizeof buffer);
-            if (n <= 0)
-                break;
-            text.append(buffer, static_cast<size_t>(n));
-        }
+        bool timedOut = !ReadOutput(fds[0], text, timeoutMs, false);
         close(fds[0]);
         if (timedOut)
             kill(-pid, SIGKILL);
@@ -257,6 +265,44 @@ protected:
         std::vector<std::string> argv { "busctl", "--user" };
         argv.insert(argv.end(), args.begin(), args.end());
         return Run(argv, out);
+    }
+
+    // busctl get-property's text ("u 2"), without the line end; "error" when the read fails.
+    std::string Get(const std::string& service, const std::string& path, const std::string& iface,
+        const std::string& name)
+    {
+        std::string out;
+        if (Busctl({ "get-property", service, path, iface, name }, &out) != 0)
+            return "error";
+        while (!out.empty() && out.back() == '\n')
+            out.pop_back();
+        return out;
+    }
+
+    // busctl set-property; typedValue is the signature followed by the values.
+    int Set(const std::string& service, const std::string& path, const std::string& iface,
+        const std::string& name, const std::vector<std::string>& typedValue)
+    {
+        std::vector<std::string> args { "set-property", service, path, iface, name };
+        args.insert(args.end(), typedValue.begin(), typedValue.end());
+        return Busctl(args);
+    }
+
+    // busctl call; args is the signature followed by the arguments.
+    int Call(const std::string& service, const std::string& path, const std::string& iface,
+        const std::string& method, const std::vector<std::string>& args = {}, std::string* out = nullptr)
+    {
+        std::vector<std::string> argv { "call", service, path, iface, method };
+        argv.insert(argv.end(), args.begin(), args.end());
+        return Busctl(argv, out);
+    }
+
+    // Runs body while the session bus address points at nothing, as on a unit whose bus is down.
+    void WithoutBus(const std::function<void()>& body)
+    {
+        setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + _TempDir + "/no-such-bus").c_str(), 1);
+        body();
+        setenv("DBUS_SESSION_BUS_ADDRESS", _Address.c_str(), 1);
     }
 
     // Queues every message matching rule (e.g. "type='signal',member='PropertiesChanged'") on the
@@ -314,6 +360,29 @@ private:
         waitpid(pid, nullptr, 0);
     }
 
+    // Appends what fd delivers to text until end of file (or the first line end when oneLine), bounded;
+    // false on time-out.
+    static bool ReadOutput(int fd, std::string& text, int timeoutMs, bool oneLine)
+    {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        while (!oneLine || text.find('\n') == std::string::npos) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now())
+                            .count();
+            if (left <= 0)
+                return false;
+            pollfd pfd { fd, POLLIN, 0 };
+            if (poll(&pfd, 1, static_cast<int>(left)) <= 0)
+                continue;
+            char buffer[4096];
+            ssize_t n = read(fd, buffer, sizeof buffer);
+            if (n <= 0)
+                break;
+            text.append(buffer, static_cast<size_t>(n));
+        }
+        return true;
+    }
+
     std::string PeerLogPath(const std::string& peer) const { return _TempDir + "/" + peer + ".log"; }
 
     // fork + exec in a new process group, standard error (and output unless outFd) to logPath.
@@ -360,18 +429,8 @@ private:
         close(fds[1]);
         // The daemon stays our child (so it dies with us) and keeps the pipe open: read one line.
         std::string text;
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
-        while (
-            pid > 0 && text.find('\n') == std::string::npos && std::chrono::steady_clock::now() < deadline) {
-            pollfd pfd { fds[0], POLLIN, 0 };
-            if (poll(&pfd, 1, 100) <= 0)
-                continue;
-            char buffer[512];
-            ssize_t n = read(fds[0], buffer, sizeof buffer);
-            if (n <= 0)
-                break;
-            text.append(buffer, static_cast<size_t>(n));
-        }
+        if (pid > 0)
+            ReadOutput(fds[0], text, kWaitMs, true);
         close(fds[0]);
         _DaemonPid = pid;
         _Address = text.substr(0, text.find('\n'));

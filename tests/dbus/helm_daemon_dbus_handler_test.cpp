@@ -1,11 +1,7 @@
 // System controller client against the simulated controller on a private bus.
-#include <glib.h>
-
+#include <algorithm>
 #include <any>
-#include <chrono>
-#include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "clients/helm_daemon_dbus_handler.h"
@@ -13,26 +9,14 @@
 #include "log_capture.h"
 
 using Helmd::HelmDaemonDbusHandler;
-using VideoDaemon::Log::kError;
+using VideodTest::RunLoopUntil;
 
 namespace
 {
 
-const char* const kService = "com.tarnwell.common.Helm1";
-const char* const kPath = "/com/tarnwell/common/Helm1";
-const char* const kControl = "com.tarnwell.common.Helm1.Control";
-
-bool RunLoopUntil(const std::function<bool()>& done, int timeoutMs = 5000)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        if (!g_main_context_iteration(nullptr, FALSE))
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
+const std::string kService = "com.tarnwell.common.Helm1";
+const std::string kPath = "/com/tarnwell/common/Helm1";
+const std::string kControl = "com.tarnwell.common.Helm1.Control";
 
 class HelmClient : public VideodTest::DbusTestEnv
 {
@@ -42,6 +26,14 @@ protected:
         ASSERT_TRUE(StartPeer(
             "helm", { "--video-status", "1", "--remote-ip", "192.168.7.2", "--remote-bus", "Xy12AbCd34" }))
             << LastError();
+    }
+
+    // Writes a property of a child object ("reel/distance": interface Helm1.reel.distance).
+    void SetChild(const std::string& child, const std::string& key, const std::vector<std::string>& value)
+    {
+        std::string iface = child;
+        std::replace(iface.begin(), iface.end(), '/', '.');
+        ASSERT_EQ(Set(kService, kPath + "/" + child, kService + "." + iface, key, value), 0) << child << key;
     }
 };
 
@@ -53,7 +45,7 @@ TEST_F(HelmClient, ReadsTheVideoStatusAndTheRemoteUnitsCredentials)
     int32_t status = -1;
     ASSERT_GE(HelmDaemonDbusHandler::GetPropVideoStatus(status), 0);
     EXPECT_EQ(status, 1);
-    ASSERT_EQ(Busctl({ "set-property", kService, kPath, kControl, "VideoStatus", "i", "0" }), 0);
+    ASSERT_EQ(Set(kService, kPath, kControl, "VideoStatus", { "i", "0" }), 0);
     ASSERT_GE(HelmDaemonDbusHandler::GetPropVideoStatus(status), 0);
     EXPECT_EQ(status, 0);
 
@@ -67,9 +59,7 @@ TEST_F(HelmClient, ReadsTheVideoStatusAndTheRemoteUnitsCredentials)
 TEST_F(HelmClient, ReadsAndWritesTheReelPowerAndCoolingValues)
 {
     StartHelm();
-    ASSERT_EQ(Busctl({ "set-property", kService, std::string(kPath) + "/reel",
-                  "com.tarnwell.common.Helm1.reel", "Count", "d", "12.5" }),
-        0);
+    SetChild("reel", "Count", { "d", "12.5" });
     TypedPropertyMap reel;
     ASSERT_EQ(HelmDaemonDbusHandler::GetReelProperties(reel), 0);
     ASSERT_EQ(reel.count("Count"), 1u);
@@ -97,11 +87,8 @@ TEST_F(HelmClient, ReadsAndWritesTheReelPowerAndCoolingValues)
     std::vector<std::string> types;
     ASSERT_GE(HelmDaemonDbusHandler::GetBatteryTypes(types), 0);
     EXPECT_EQ(types.size(), 1u);
+    SetChild("cooling", "CPUtempC", { "d", "61.5" });
     double celsius = 0;
-    ASSERT_GE(HelmDaemonDbusHandler::GetCPUtempC(celsius), 0);
-    ASSERT_EQ(Busctl({ "set-property", kService, std::string(kPath) + "/cooling",
-                  "com.tarnwell.common.Helm1.cooling", "CPUtempC", "d", "61.5" }),
-        0);
     ASSERT_GE(HelmDaemonDbusHandler::GetCPUtempC(celsius), 0);
     EXPECT_DOUBLE_EQ(celsius, 61.5);
 }
@@ -123,25 +110,16 @@ TEST_F(HelmClient, ForwardsVideoStatusAndPropertyChangesOfEachObject)
     int keys = 0;
     client._KeyPressed.connect([&] { ++keys; });
 
-    ASSERT_EQ(Busctl({ "set-property", kService, kPath, kControl, "VideoStatus", "i", "2" }), 0);
+    ASSERT_EQ(Set(kService, kPath, kControl, "VideoStatus", { "i", "2" }), 0);
     ASSERT_TRUE(RunLoopUntil([&] { return !statuses.empty(); }));
     EXPECT_EQ(statuses, (std::vector<int32_t> { 2 }));
 
-    ASSERT_EQ(Busctl({ "set-property", kService, std::string(kPath) + "/reel",
-                  "com.tarnwell.common.Helm1.reel", "Connected", "b", "true" }),
-        0);
-    ASSERT_EQ(Busctl({ "set-property", kService, std::string(kPath) + "/reel/distance",
-                  "com.tarnwell.common.Helm1.reel.distance", "Relative", "d", "1.5" }),
-        0);
-    ASSERT_EQ(Busctl({ "set-property", kService, std::string(kPath) + "/cooling",
-                  "com.tarnwell.common.Helm1.cooling", "FanSpeed", "u", "1200" }),
-        0);
-    ASSERT_EQ(Busctl({ "set-property", kService, std::string(kPath) + "/power",
-                  "com.tarnwell.common.Helm1.power", "PowerSource", "s", "battery" }),
-        0);
-    ASSERT_EQ(Busctl({ "call", kService, kPath, "com.tarnwell.host.Simulation", "EmitKeyPressEvent", "uu",
-                  "3", "1" }),
-        0);
+    SetChild("reel", "Connected", { "b", "true" });
+    SetChild("reel/distance", "Relative", { "d", "1.5" });
+    SetChild("cooling", "FanSpeed", { "u", "1200" });
+    SetChild("power", "PowerSource", { "s", "battery" });
+    ASSERT_EQ(
+        Call(kService, kPath, "com.tarnwell.host.Simulation", "EmitKeyPressEvent", { "uu", "3", "1" }), 0);
     ASSERT_TRUE(RunLoopUntil([&] {
         return !reel.empty() && !distance.empty() && !cooling.empty() && !power.empty() && keys == 1;
     }));
@@ -170,12 +148,8 @@ TEST_F(HelmClient, WithoutTheControllerReadsFailWithTheSpecifiedMessage)
 TEST_F(HelmClient, ListenWithoutABusLogsTheReason)
 {
     LogCapture log;
-    const std::string address = BusAddress();
-    setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + TempDir() + "/no-such-bus").c_str(), 1);
     HelmDaemonDbusHandler client;
-    const int result = client.Listen();
-    setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
-    EXPECT_LT(result, 0);
+    WithoutBus([&] { EXPECT_LT(client.Listen(), 0); });
     EXPECT_TRUE(log.ContainsText("Failed to connect to the dbus, "));
     EXPECT_EQ(client.SubscriptionCount(), 0u);
 }

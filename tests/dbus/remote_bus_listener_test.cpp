@@ -1,17 +1,7 @@
 // Remote bus listener: local raw motion samples, and a remote unit's bus reached through ssh.
-#include <glib.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <chrono>
-#include <cstdlib>
-#include <fstream>
-#include <functional>
 #include <random>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "clients/bus_listener_connection.h"
@@ -23,28 +13,23 @@ using VideoDaemon::BusListenerConnection;
 using VideoDaemon::DbusListener;
 using VideoDaemon::Log::kError;
 using VideoDaemon::Log::kInfo;
+using VideodTest::ReadFile;
+using VideodTest::RunLoopUntil;
 
 namespace
 {
 
-bool RunLoopUntil(const std::function<bool()>& done, int timeoutMs = 5000)
+// A connection to the bus daemon listening on the abstract socket "/tmp/dbus-<identifier>"; empty on failure.
+VideodTest::SdBusPtr OpenAbstractBus(const std::string& identifier)
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        if (!g_main_context_iteration(nullptr, FALSE))
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
-std::string ReadFile(const std::string& path)
-{
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    sd_bus* raw = nullptr;
+    if (sd_bus_new(&raw) < 0)
+        return nullptr;
+    VideodTest::SdBusPtr bus(raw);
+    if (sd_bus_set_address(bus.get(), ("unix:abstract=/tmp/dbus-" + identifier).c_str()) < 0
+        || sd_bus_set_bus_client(bus.get(), 1) < 0 || sd_bus_start(bus.get()) < 0)
+        return nullptr;
+    return bus;
 }
 
 // The bus id a connection's bus daemon reports.
@@ -112,13 +97,8 @@ protected:
         if (std::atoi(pid.c_str()) > 0)
             _RemoteDaemons.push_back(std::atoi(pid.c_str()));
         // Asked directly of the remote daemon, for comparison.
-        sd_bus* raw = nullptr;
-        if (sd_bus_new(&raw) >= 0) {
-            VideodTest::SdBusPtr direct(raw);
-            if (sd_bus_set_address(direct.get(), ("unix:abstract=/tmp/dbus-" + identifier).c_str()) >= 0
-                && sd_bus_set_bus_client(direct.get(), 1) >= 0 && sd_bus_start(direct.get()) >= 0)
-                busId = BusId(direct.get());
-        }
+        VideodTest::SdBusPtr direct = OpenAbstractBus(identifier);
+        busId = direct ? BusId(direct.get()) : "";
         return identifier;
     }
 
@@ -134,39 +114,33 @@ TEST(BusListenerConnection, SelectsTheRemoteBusSocketWithAPercentEncodedBridgeOp
         "%20--bus-path%3Dunix%3Aabstract%3D/tmp/dbus-Xy12AbCd34");
 }
 
-TEST_F(RemoteBusListener, RepublishesRawMotionSamplesOfTheLocalBusInOrder)
+// Without both a host and an identifier there is no remote bus: raw motion samples of the local bus
+// are republished and ssh is never run.
+TEST_F(RemoteBusListener, AnEmptyHostOrIdentifierOpensOnlyTheLocalBus)
 {
     ASSERT_TRUE(StartPeer("camd", { "--cameras", "1", "--active", "0" })) << LastError();
     LogCapture log;
     DbusListener listener;
-    ASSERT_EQ(listener.Start("", ""), 0);
-    EXPECT_EQ(listener.RemoteBus(), nullptr);
+    for (const auto& [host, identifier] : std::vector<std::pair<std::string, std::string>> {
+             { "remote-unit", "" }, { "", "Xy12AbCd34" }, { "", "" } }) {
+        ASSERT_EQ(listener.Start(host, identifier), 0) << host << identifier;
+        EXPECT_NE(listener.LocalBus(), nullptr) << host << identifier;
+        EXPECT_EQ(listener.RemoteBus(), nullptr) << host << identifier;
+    }
+    EXPECT_FALSE(log.ContainsText("listening on remote dbus"));
+    EXPECT_EQ(ReadFile(TempDir() + "/ssh-args"), "");
+
     std::vector<std::vector<double>> samples;
     listener._RawMotionData.connect(
         [&](double a, double b, double c, double d, double e, double f, double g) {
             samples.push_back({ a, b, c, d, e, f, g });
         });
-
-    ASSERT_EQ(Busctl({ "call", "com.tarnwell.common.Camd1", "/com/tarnwell/common/Camd1/Camera0",
-                  "com.tarnwell.host.Simulation", "EmitRawMotionData", "ddddddd", "1.5", "2", "3", "4", "5",
-                  "6.25", "7" }),
+    ASSERT_EQ(Call("com.tarnwell.common.Camd1", "/com/tarnwell/common/Camd1/Camera0",
+                  "com.tarnwell.host.Simulation", "EmitRawMotionData",
+                  { "ddddddd", "1.5", "2", "3", "4", "5", "6.25", "7" }),
         0);
     ASSERT_TRUE(RunLoopUntil([&] { return !samples.empty(); }));
     EXPECT_EQ(samples.front(), (std::vector<double> { 1.5, 2, 3, 4, 5, 6.25, 7 }));
-    EXPECT_FALSE(log.ContainsText("listening on remote dbus"));
-}
-
-TEST_F(RemoteBusListener, AnEmptyHostOrIdentifierOpensOnlyTheLocalBus)
-{
-    LogCapture log;
-    DbusListener listener;
-    ASSERT_EQ(listener.Start("remote-unit", ""), 0);
-    EXPECT_NE(listener.LocalBus(), nullptr);
-    EXPECT_EQ(listener.RemoteBus(), nullptr);
-    ASSERT_EQ(listener.Start("", "Xy12AbCd34"), 0);
-    EXPECT_EQ(listener.RemoteBus(), nullptr);
-    EXPECT_FALSE(log.ContainsText("listening on remote dbus"));
-    EXPECT_EQ(ReadFile(TempDir() + "/ssh-args"), "");
 }
 
 TEST_F(RemoteBusListener, OpensTheRemoteUnitsBusThroughSsh)
@@ -197,12 +171,8 @@ TEST_F(RemoteBusListener, RestartingWithAnotherRemoteAddressClosesThePreviousCon
     ASSERT_EQ(BusId(listener.RemoteBus()), first_id);
 
     // Watch the first remote bus from outside: its clients are named ":1.N".
-    sd_bus* raw = nullptr;
-    ASSERT_GE(sd_bus_new(&raw), 0);
-    VideodTest::SdBusPtr watcher(raw);
-    ASSERT_GE(sd_bus_set_address(watcher.get(), ("unix:abstract=/tmp/dbus-" + first).c_str()), 0);
-    ASSERT_GE(sd_bus_set_bus_client(watcher.get(), 1), 0);
-    ASSERT_GE(sd_bus_start(watcher.get()), 0);
+    VideodTest::SdBusPtr watcher = OpenAbstractBus(first);
+    ASSERT_TRUE(watcher);
     auto clients = [&] {
         sd_bus_message* reply_raw = nullptr;
         VideodTest::SdBusError error;
@@ -244,11 +214,7 @@ TEST_F(RemoteBusListener, AnUnreachableRemoteBusFailsTheStart)
 TEST_F(RemoteBusListener, WithoutALocalBusTheStartFails)
 {
     LogCapture log;
-    const std::string address = BusAddress();
-    setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + TempDir() + "/no-such-bus").c_str(), 1);
     DbusListener listener;
-    const int result = listener.Start("", "");
-    setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
-    EXPECT_EQ(result, -1);
+    WithoutBus([&] { EXPECT_EQ(listener.Start("", ""), -1); });
     EXPECT_TRUE(log.Contains(kError, "DbusListener, failed to open local dbus listener"));
 }

@@ -1,12 +1,6 @@
 // Storage client against the simulated storage daemon; device lookup rules for file paths.
-#include <glib.h>
-#include <unistd.h>
-
-#include <chrono>
 #include <filesystem>
-#include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "clients/storage_daemon_dbus_handler.h"
@@ -16,25 +10,14 @@
 
 using Storaged::StorageDaemonDbusHandler;
 using Storaged::StoragePath;
-using VideoDaemon::Log::kError;
+using VideodTest::RunLoopUntil;
 
 namespace
 {
 
 const char* const kService = "com.tarnwell.common.StorageDaemon1";
 const std::string kBase = "/com/tarnwell/common/StorageDaemon1";
-
-bool RunLoopUntil(const std::function<bool()>& done, int timeoutMs = 5000)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        if (!g_main_context_iteration(nullptr, FALSE))
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
+const char* const kDevice = "com.tarnwell.common.StorageDaemon1.Device";
 
 class StorageClient : public VideodTest::DbusTestEnv
 {
@@ -57,12 +40,15 @@ protected:
 
     std::string SimProperty(const std::string& device, const std::string& name)
     {
-        std::string out;
-        EXPECT_EQ(
-            Busctl({ "get-property", kService, kBase + "/" + device, "com.tarnwell.host.Simulation", name },
-                &out),
-            0);
-        return out;
+        return Get(kService, kBase + "/" + device, "com.tarnwell.host.Simulation", name);
+    }
+
+    // Reads one device property through getter, which must replace initial with expected.
+    template <typename T>
+    void ExpectDevice(int32_t (*getter)(const std::string&, T&), const char* name, T initial, T expected)
+    {
+        EXPECT_GE(getter(kBase + "/sd", initial), 0) << name;
+        EXPECT_EQ(initial, expected) << name;
     }
 
     std::string _Sd, _Usb, _Sd2;
@@ -105,42 +91,27 @@ TEST_F(StorageClient, ReadsTheDevicePropertiesOfTheManager)
     ASSERT_GE(StorageDaemonDbusHandler::GetPrimaryDevice(primary), 0);
     EXPECT_EQ(primary, kBase + "/sd");
 
-    const std::string sd = kBase + "/sd";
-    std::string mount, bus, device_path, id;
-    bool mounted = false, read_only = true, warning = true, minimum = true, safe = false, known = false;
-    int32_t socket = -1;
+    using H = StorageDaemonDbusHandler;
+    ExpectDevice<std::string>(&H::GetMountPoint, "MountPoint", "", _Sd);
+    ExpectDevice(&H::GetMounted, "IsMounted", false, true);
+    ExpectDevice(&H::GetReadOnly, "ReadOnly", true, false);
+    ExpectDevice<std::string>(&H::GetBus, "Bus", "", "sd");
+    ExpectDevice(&H::GetSocket, "Socket", -1, 0);
+    ExpectDevice<std::string>(&H::GetDevicePath, "DevicePath", "", "/dev/sim0");
+    ExpectDevice(&H::GetStorageSpaceBelowWarningThreshold, "BelowWarning", true, false);
+    ExpectDevice(&H::GetStorageSpaceBelowMinimumThreshold, "BelowMinimum", true, false);
+    ExpectDevice(&H::GetKnownPrimary, "KnownPrimary", false, true);
+    ExpectDevice<std::string>(&H::GetId, "Id", "", "sd");
+    ExpectDevice(&H::GetIsSafeToRemove, "IsSafeToRemove", false, true);
+    ASSERT_EQ(H::SetKnownPrimary(kBase + "/sd", false), 0);
+    ExpectDevice(&H::GetKnownPrimary, "KnownPrimary after writing", true, false);
+
     uint64_t free_space = 0;
-    EXPECT_GE(StorageDaemonDbusHandler::GetMountPoint(sd, mount), 0);
-    EXPECT_GE(StorageDaemonDbusHandler::GetMounted(sd, mounted), 0);
-    EXPECT_GE(StorageDaemonDbusHandler::GetReadOnly(sd, read_only), 0);
-    EXPECT_GE(StorageDaemonDbusHandler::GetBus(sd, bus), 0);
-    EXPECT_GE(StorageDaemonDbusHandler::GetSocket(sd, socket), 0);
-    EXPECT_GE(StorageDaemonDbusHandler::GetDevicePath(sd, device_path), 0);
-    EXPECT_GE(StorageDaemonDbusHandler::GetStorageSpaceBelowWarningThreshold(sd, warning), 0);
-    EXPECT_GE(StorageDaemonDbusHandler::GetStorageSpaceBelowMinimumThreshold(sd, minimum), 0);
-    EXPECT_GE(StorageDaemonDbusHandler::GetKnownPrimary(sd, known), 0);
-    EXPECT_GE(StorageDaemonDbusHandler::GetFreeSpace(sd, free_space), 0);
-    EXPECT_GE(StorageDaemonDbusHandler::GetId(sd, id), 0);
-    EXPECT_GE(StorageDaemonDbusHandler::GetIsSafeToRemove(sd, safe), 0);
-    EXPECT_EQ(mount, _Sd);
-    EXPECT_TRUE(mounted);
-    EXPECT_FALSE(read_only);
-    EXPECT_EQ(socket, 0);
-    EXPECT_EQ(bus, "sd");
-    EXPECT_EQ(device_path, "/dev/sim0");
-    EXPECT_FALSE(warning);
-    EXPECT_FALSE(minimum);
-    EXPECT_TRUE(known);
-    EXPECT_TRUE(safe);
-    EXPECT_EQ(id, "sd");
+    EXPECT_GE(H::GetFreeSpace(kBase + "/sd", free_space), 0);
     // The peer reports the file system's free space; so does statvfs.
     const std::filesystem::space_info space = std::filesystem::space(_Sd);
     EXPECT_GT(free_space, 0u);
     EXPECT_LE(free_space, space.capacity);
-
-    ASSERT_EQ(StorageDaemonDbusHandler::SetKnownPrimary(sd, false), 0);
-    EXPECT_GE(StorageDaemonDbusHandler::GetKnownPrimary(sd, known), 0);
-    EXPECT_FALSE(known);
 }
 
 TEST_F(StorageClient, SetWriteActiveAndFormatReachTheDevice)
@@ -148,12 +119,12 @@ TEST_F(StorageClient, SetWriteActiveAndFormatReachTheDevice)
     StartStorage();
     const std::string usb = kBase + "/usb";
     ASSERT_EQ(StorageDaemonDbusHandler::SetWriteActive(usb, 2, true), 0);
-    EXPECT_EQ(SimProperty("usb", "WriteActiveTypes"), "ay 1 2\n");
+    EXPECT_EQ(SimProperty("usb", "WriteActiveTypes"), "ay 1 2");
     ASSERT_EQ(StorageDaemonDbusHandler::SetWriteActive(usb, 2, false), 0);
-    EXPECT_EQ(SimProperty("usb", "WriteActiveCalls"), "as 2 \"2:true\" \"2:false\"\n");
+    EXPECT_EQ(SimProperty("usb", "WriteActiveCalls"), "as 2 \"2:true\" \"2:false\"");
 
     ASSERT_EQ(StorageDaemonDbusHandler::StartStorageFormat(usb), 0);
-    EXPECT_EQ(SimProperty("usb", "FormatCount"), "u 1\n");
+    EXPECT_EQ(SimProperty("usb", "FormatCount"), "u 1");
 }
 
 TEST_F(StorageClient, MethodFailuresLogTheOperationAndTheReason)
@@ -170,39 +141,33 @@ TEST_F(StorageClient, MethodFailuresLogTheOperationAndTheReason)
     EXPECT_TRUE(log.ContainsText("StartStorageFormat: sd_bus_call_method failed r = -"));
 }
 
-TEST_F(StorageClient, FindsTheDeviceWithTheLongestMountPointHoldingTheFile)
+// The device whose mount point holds the file, the longest when mount points nest; none outside them
+// all, and an unmounted device holds nothing.
+TEST_F(StorageClient, FindsTheDeviceWithTheLongestMountedMountPointHoldingTheFile)
 {
     StartStorage();
-    std::string device;
-    ASSERT_EQ(StorageDaemonDbusHandler::GetStorageDeviceForFile(_Sd + "/video.mp4", device), 0);
-    EXPECT_EQ(device, kBase + "/sd");
-    ASSERT_EQ(StorageDaemonDbusHandler::GetStorageDeviceForFile(_Usb + "/clips/video.mp4", device), 0);
-    EXPECT_EQ(device, kBase + "/usb");
-    ASSERT_EQ(StorageDaemonDbusHandler::GetStorageDeviceForFile(_Sd2 + "/video.mp4", device), 0);
-    EXPECT_EQ(device, kBase + "/sd2");
-    ASSERT_EQ(StorageDaemonDbusHandler::GetStorageDeviceForFile(_Usb + "/../usb//a/./b.jpg", device), 0);
-    EXPECT_EQ(device, kBase + "/usb");
-    ASSERT_EQ(StorageDaemonDbusHandler::GetStorageDeviceForFile(_Usb + "/../x.jpg", device), 0);
-    EXPECT_EQ(device, kBase + "/sd");
-}
+    struct Row {
+        std::string file;
+        int32_t result;
+        std::string device;
+    };
+    const Row rows[] = {
+        { _Sd + "/video.mp4", 0, "/sd" },
+        { _Usb + "/clips/video.mp4", 0, "/usb" },
+        { _Sd2 + "/video.mp4", 0, "/sd2" },
+        { _Usb + "/../usb//a/./b.jpg", 0, "/usb" },
+        { _Usb + "/../x.jpg", 0, "/sd" },
+        { TempDir() + "/media/sdcard/video.mp4", -ENOENT, "unchanged" },
+        { "/var/tmp/video.mp4", -ENOENT, "unchanged" },
+    };
+    for (const Row& row : rows) {
+        std::string device = "unchanged";
+        EXPECT_EQ(StorageDaemonDbusHandler::GetStorageDeviceForFile(row.file, device), row.result)
+            << row.file;
+        EXPECT_EQ(device, row.result == 0 ? kBase + row.device : row.device) << row.file;
+    }
 
-TEST_F(StorageClient, AFileOutsideEveryMountPointHasNoDevice)
-{
-    StartStorage();
-    std::string device = "unchanged";
-    EXPECT_EQ(
-        StorageDaemonDbusHandler::GetStorageDeviceForFile(TempDir() + "/media/sdcard/video.mp4", device),
-        -ENOENT);
-    EXPECT_EQ(StorageDaemonDbusHandler::GetStorageDeviceForFile("/var/tmp/video.mp4", device), -ENOENT);
-    EXPECT_EQ(device, "unchanged");
-}
-
-TEST_F(StorageClient, AnUnmountedDeviceHoldsNoFiles)
-{
-    StartStorage();
-    ASSERT_EQ(Busctl({ "set-property", kService, kBase + "/usb", "com.tarnwell.common.StorageDaemon1.Device",
-                  "IsMounted", "b", "false" }),
-        0);
+    ASSERT_EQ(Set(kService, kBase + "/usb", kDevice, "IsMounted", { "b", "false" }), 0);
     std::string device;
     ASSERT_EQ(StorageDaemonDbusHandler::GetStorageDeviceForFile(_Usb + "/video.mp4", device), 0);
     EXPECT_EQ(device, kBase + "/sd");
@@ -259,21 +224,17 @@ TEST_F(StorageClient, ListenerReportsDevicesComingAndGoing)
 
     const std::string extra = TempDir() + "/extra";
     std::filesystem::create_directories(extra);
-    ASSERT_EQ(Busctl({ "call", kService, kBase, "com.tarnwell.host.Simulation", "AddDevice", "ss", "extra",
-                  extra }),
-        0);
+    ASSERT_EQ(
+        Call(kService, kBase, "com.tarnwell.host.Simulation", "AddDevice", { "ss", "extra", extra }), 0);
     ASSERT_TRUE(RunLoopUntil([&] { return !added.empty(); }));
     EXPECT_EQ(added, kBase + "/extra");
     EXPECT_EQ(added_mount, extra);
     EXPECT_TRUE(log.Contains(VideoDaemon::Log::kInfo, "[StorageDaemonDbusHandler] Interface Added\n"));
 
-    ASSERT_EQ(Busctl({ "set-property", kService, kBase + "/extra",
-                  "com.tarnwell.common.StorageDaemon1.Device", "IsMounted", "b", "false" }),
-        0);
+    ASSERT_EQ(Set(kService, kBase + "/extra", kDevice, "IsMounted", { "b", "false" }), 0);
     ASSERT_TRUE(RunLoopUntil([&] { return !mounted; }));
 
-    ASSERT_EQ(
-        Busctl({ "call", kService, kBase, "com.tarnwell.host.Simulation", "RemoveDevice", "s", "extra" }), 0);
+    ASSERT_EQ(Call(kService, kBase, "com.tarnwell.host.Simulation", "RemoveDevice", { "s", "extra" }), 0);
     ASSERT_TRUE(RunLoopUntil([&] { return !removed.empty(); }));
     EXPECT_EQ(removed, kBase + "/extra");
     EXPECT_TRUE(log.Contains(VideoDaemon::Log::kInfo, "[StorageDaemonDbusHandler] Interface Removed\n"));
