@@ -87,7 +87,6 @@ struct VideoFormat {
     int width = 0;
     int height = 0;
     std::string format;
-    std::string media_type;
 };
 
 inline VideoFormat FormatOf(GstSample* sample)
@@ -97,7 +96,6 @@ inline VideoFormat FormatOf(GstSample* sample)
     if (!caps || gst_caps_get_size(caps) == 0)
         return result;
     const GstStructure* s = gst_caps_get_structure(caps, 0);
-    result.media_type = gst_structure_get_name(s);
     gst_structure_get_int(s, "width", &result.width);
     gst_structure_get_int(s, "height", &result.height);
     if (const char* format = gst_structure_get_string(s, "format"))
