@@ -5,11 +5,11 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <mutex>
-#include <regex>
 #include <thread>
 
 #include "interpipe_frames.h"
 #include "log_capture.h"
+#include "pipeline_harness.h"
 #include "support/death_test_style.h"
 
 using VideoDaemon::OverlayPipeline;
@@ -44,16 +44,6 @@ public:
 private:
     std::string text_;
 };
-
-bool WaitForLine(const LogCapture& log, int priority, const std::string& line)
-{
-    for (int i = 0; i < 500; i++) {
-        if (log.Contains(priority, line))
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-}
 
 // Holds the render thread inside its first "data" update until opened, and
 // records every document the element receives.
@@ -94,52 +84,10 @@ struct GateOpener {
 class OverlayPipelineTest : public ::testing::Test
 {
 protected:
-    static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
     LogCapture log;
 };
 
 } // namespace
-
-TEST_F(OverlayPipelineTest, NameIsSplicedIntoInterpipeAndQueueNames)
-{
-    OverlayPipeline display("display");
-    EXPECT_EQ(std::regex_replace(display.GetDescription(), std::regex(" +"), " "),
-        "interpipesrc name=svg_overlay_source_display format=time max-buffers=1 leaky-type=2 ! "
-        "imxipuvideotransform name=video_transform_overlay ! video/x-raw, format=BGRA ! "
-        "rsvgoverlaytarnwell name=svg_overlay fit-to-frame=true enabled=true svg_overlay.src_first ! "
-        "queue name=display_overlay_queue max-size-buffers=1 max-size-time=50000000 leaky=downstream ! "
-        "interpipesink max-buffers=1 sync=false async=false name=svg_overlay_sink_first_display");
-    EXPECT_EQ(display.GetSourceName(), "svg_overlay_source_display");
-    EXPECT_EQ(display.GetSinkName(), "svg_overlay_sink_first_display");
-    EXPECT_EQ(display.GetName(), "OverlayPipeline");
-
-    // The frame-rate probe sits on the instance's own sink.
-    ASSERT_TRUE(display.Launch(false, false, false));
-    EXPECT_EQ(display.AttachProbes(), 0);
-    EXPECT_EQ(display.GetProbeRates().count("overlay_display"), 1u);
-}
-
-TEST_F(OverlayPipelineTest, EnableOverlayBeforeLaunchFails)
-{
-    OverlayPipeline overlay("display");
-    EXPECT_FALSE(overlay.EnableOverlay(false));
-    EXPECT_TRUE(log.Contains(
-        kError, "bool VideoDaemon::OverlayPipeline::EnableOverlay(bool): pipeline == NULL (svg_overlay)"));
-}
-
-TEST_F(OverlayPipelineTest, EnableOverlaySwitchesTheSvgElement)
-{
-    OverlayPipeline overlay("display");
-    ASSERT_TRUE(overlay.Launch(false, false, false));
-    g_autoptr(GstElement) element = gst_bin_get_by_name(GST_BIN(overlay.GetPipeline()), "svg_overlay");
-    gboolean enabled = TRUE;
-    EXPECT_TRUE(overlay.EnableOverlay(false));
-    g_object_get(element, "enabled", &enabled, nullptr);
-    EXPECT_FALSE(enabled);
-    EXPECT_TRUE(overlay.EnableOverlay(true));
-    g_object_get(element, "enabled", &enabled, nullptr);
-    EXPECT_TRUE(enabled);
-}
 
 TEST_F(OverlayPipelineTest, KeepsAtMostTwoDocumentsAndDropsTheOldest)
 {
@@ -155,13 +103,11 @@ TEST_F(OverlayPipelineTest, KeepsAtMostTwoDocumentsAndDropsTheOldest)
     ASSERT_TRUE(gate.WaitUntil([](const auto& documents) { return documents.size() == 1; }))
         << "the render thread took the first document";
 
-    std::string first = FilledSvg("#ff0000");
-    std::string second = FilledSvg("#00ff00");
-    std::string third = FilledSvg("#0000ff");
-    overlay.UpdateSvgData(first);
-    overlay.UpdateSvgData(second);
+    std::string queued[] = { FilledSvg("#ff0000"), FilledSvg("#00ff00"), FilledSvg("#0000ff") };
+    overlay.UpdateSvgData(queued[0]);
+    overlay.UpdateSvgData(queued[1]);
     EXPECT_TRUE(log.Lines().empty());
-    overlay.UpdateSvgData(third);
+    overlay.UpdateSvgData(queued[2]);
     EXPECT_EQ(log.Count(kWarning,
                   "void VideoDaemon::OverlayPipeline::UpdateSvgData(std::__cxx11::string&): "
                   "Reached maximum SVG buffers, drop svg"),
@@ -181,9 +127,11 @@ TEST_F(OverlayPipelineTest, RenderThreadWithoutAPipelineLogsTheLookupFailure)
     EXPECT_FALSE(overlay.Launch(false, false, false));
     std::string svg = FilledSvg("#ff0000");
     overlay.UpdateSvgData(svg);
-    EXPECT_TRUE(WaitForLine(log, kError,
-        "static void VideoDaemon::OverlayPipeline::RenderTask(VideoDaemon::OverlayPipeline*): "
-        "pipeline == NULL (svg_overlay)"));
+    EXPECT_TRUE(PipelineHarness::RunMainLoopUntil([&] {
+        return log.Contains(kError,
+            "static void VideoDaemon::OverlayPipeline::RenderTask(VideoDaemon::OverlayPipeline*): "
+            "pipeline == NULL (svg_overlay)");
+    }));
 }
 
 TEST_F(OverlayPipelineTest, ASecondLaunchTerminatesTheProcess)
@@ -198,49 +146,64 @@ TEST_F(OverlayPipelineTest, ASecondLaunchTerminatesTheProcess)
         "");
 }
 
-TEST_F(OverlayPipelineTest, TwoInstancesRunSideBySideAndDrawTheirOwnDocuments)
+TEST_F(OverlayPipelineTest, TwoInstancesWithDisjointNamesDrawTheirOwnDocuments)
 {
     FrameProducer input("overlay_test_input", kWidth, kHeight);
     OverlayPipeline display("display");
     OverlayPipeline recording("recording");
+    EXPECT_FALSE(display.EnableOverlay(false));
+    EXPECT_TRUE(log.Contains(
+        kError, "bool VideoDaemon::OverlayPipeline::EnableOverlay(bool): pipeline == NULL (svg_overlay)"));
+    // The instance's name goes into its interpipe ends, its queue and its probe.
+    EXPECT_EQ(display.GetSourceName(), "svg_overlay_source_display");
+    EXPECT_EQ(display.GetSinkName(), "svg_overlay_sink_first_display");
+    EXPECT_EQ(recording.GetSourceName(), "svg_overlay_source_recording");
+    EXPECT_EQ(recording.GetSinkName(), "svg_overlay_sink_first_recording");
     FrameConsumer display_output(display.GetSinkName());
     FrameConsumer recording_output(recording.GetSinkName());
     for (OverlayPipeline* overlay : { &display, &recording }) {
         ASSERT_TRUE(overlay->Launch(false, false, false));
+        EXPECT_EQ(overlay->AttachProbes(), 0);
         g_autoptr(GstElement) source
             = gst_bin_get_by_name(GST_BIN(overlay->GetPipeline()), overlay->GetSourceName().c_str());
         ASSERT_NE(source, nullptr);
         g_object_set(source, "listen-to", "overlay_test_input", nullptr);
         ASSERT_EQ(overlay->SetState(GST_STATE_PLAYING), 0);
     }
+    EXPECT_EQ(display.GetProbeRates().count("overlay_display"), 1u);
+    EXPECT_EQ(recording.GetProbeRates().count("overlay_recording"), 1u);
+    g_autoptr(GstElement) queue
+        = gst_bin_get_by_name(GST_BIN(recording.GetPipeline()), "recording_overlay_queue");
+    EXPECT_NE(queue, nullptr);
     std::string red = FilledSvg("#ff0000");
     std::string blue = FilledSvg("#0000ff");
     display.UpdateSvgData(red);
     recording.UpdateSvgData(blue);
 
     const std::vector<uint8_t> picture = QuadrantFrame(kWidth, kHeight);
-    auto all_corners = [](const std::vector<uint8_t>& f, int r, int g, int b) {
-        const std::pair<int, int> corners[]
-            = { { 1, 1 }, { kWidth - 2, 1 }, { 1, kHeight - 2 }, { kWidth - 2, kHeight - 2 } };
-        for (const auto& [x, y] : corners) {
-            const Rgba p = PixelAt(f, kWidth, x, y);
-            if (std::abs(p.r - r) > 10 || std::abs(p.g - g) > 10 || std::abs(p.b - b) > 10)
-                return false;
-        }
-        return true;
+    // Waits for a frame whose four corners all have the overlay's colour.
+    auto covered_in = [&](FrameConsumer& output, int r, int g, int b) {
+        return WaitForFrame(input, output, picture, [&](const std::vector<uint8_t>& f) {
+            const std::pair<int, int> corners[]
+                = { { 1, 1 }, { kWidth - 2, 1 }, { 1, kHeight - 2 }, { kWidth - 2, kHeight - 2 } };
+            for (const auto& [x, y] : corners) {
+                const Rgba p = PixelAt(f, kWidth, x, y);
+                if (std::abs(p.r - r) > 10 || std::abs(p.g - g) > 10 || std::abs(p.b - b) > 10)
+                    return false;
+            }
+            return true;
+        });
     };
-    EXPECT_TRUE(WaitForFrame(input, display_output, picture, [&](const std::vector<uint8_t>& f) {
-        return all_corners(f, 255, 0, 0);
-    })) << "the display overlay covers the frame in red";
-    EXPECT_TRUE(WaitForFrame(input, recording_output, picture, [&](const std::vector<uint8_t>& f) {
-        return all_corners(f, 0, 0, 255);
-    })) << "the recording overlay covers the frame in blue";
+    EXPECT_TRUE(covered_in(display_output, 255, 0, 0)) << "the display overlay covers the frame in red";
+    EXPECT_TRUE(covered_in(recording_output, 0, 0, 255)) << "the recording overlay covers it in blue";
 
     ASSERT_TRUE(display.EnableOverlay(false));
     EXPECT_TRUE(WaitForFrame(input, display_output, picture, [&](const std::vector<uint8_t>& f) {
         return PixelAt(f, kWidth, kWidth - 2, 1).g > 225 && PixelAt(f, kWidth, 1, 1).r > 225
             && PixelAt(f, kWidth, 1, 1).g < 30;
     })) << "without the overlay the input shows through";
+    ASSERT_TRUE(display.EnableOverlay(true));
+    EXPECT_TRUE(covered_in(display_output, 255, 0, 0)) << "the overlay is back";
 
     display.SetState(GST_STATE_NULL);
     recording.SetState(GST_STATE_NULL);
