@@ -24,7 +24,7 @@ bool HasIdrSlice(GstBuffer* buffer)
 
 } // namespace
 
-TEST(ImxVpuEncH264, WithTheTransformAndAacMakesAMainProfile420RecordingThatFfprobeReads)
+TEST(ImxVpuEncH264, MakesAMainProfileRecordingWithSoundAndIdrFramesEveryIdrIntervalAndIFramesEveryGop)
 {
     TempDir dir;
     const std::string file = dir.File("recording.mp4");
@@ -33,47 +33,33 @@ TEST(ImxVpuEncH264, WithTheTransformAndAacMakesAMainProfile420RecordingThatFfpro
         "videotestsrc num-buffers=90 pattern=ball ! "
         "video/x-raw,format=BGRA,width=640,height=480,framerate=30/1 ! "
         "imxipuvideotransform name=video_video_transform_h264 ! video/x-raw, format=I420 ! imxvpuenc_h264 "
-        "name=video_encoder bitrate=0 gop-size=16 quant-param=24 idr-interval=16 ! h264parse ! video/x-h264, "
-        "stream-format=avc,alignment=au,profile=main ! mux. "
+        "name=video_encoder bitrate=0 gop-size=8 quant-param=24 idr-interval=16 ! tee name=t "
+        "t. ! queue ! appsink name=units sync=false wait-on-eos=false "
+        "t. ! queue ! h264parse ! video/x-h264, stream-format=avc,alignment=au,profile=main ! mux. "
         "audiotestsrc num-buffers=300 samplesperbuffer=441 ! "
         "audio/x-raw,rate=44100,channels=2 ! audioconvert ! avenc_aac ! mux. "
         "mp4mux name=mux ! filesink location="
         + file);
     ASSERT_TRUE(pipeline.Parsed() && pipeline.RunToEos()) << pipeline.Error();
 
-    // In ffprobe's order: codec, profile, width, height, pixel format, frames.
-    EXPECT_EQ(FfprobeValues(file, "stream=codec_name,profile,width,height,pix_fmt,nb_frames", "v:0"),
-        (std::vector<std::string> { "h264", "Main", "640", "480", "yuv420p", "90" }));
-    EXPECT_NEAR(FfprobeNumber(file, "stream=duration", "v:0"), 3.0, 0.1);
-    EXPECT_EQ(FfprobeValues(file, "stream=codec_name", "a"), std::vector<std::string> { "aac" });
-    EXPECT_NEAR(FfprobeNumber(file, "format=duration"), 3.0, 0.15);
-}
-
-TEST(ImxVpuEncH264, PlacesIdrFramesEveryIdrIntervalAndIFramesEveryGop)
-{
-    TempDir dir;
-    const std::string file = dir.File("gop.mp4");
-    TestPipeline pipeline(
-        "videotestsrc num-buffers=40 pattern=ball ! video/x-raw,format=I420,width=640,height=480,"
-        "framerate=30/1 ! imxvpuenc_h264 bitrate=0 quant-param=30 gop-size=8 idr-interval=16 ! "
-        "tee name=t t. ! queue ! appsink name=units sync=false wait-on-eos=false "
-        "t. ! queue ! h264parse ! mp4mux ! filesink location="
-        + file);
-    ASSERT_TRUE(pipeline.Parsed() && pipeline.RunToEos()) << pipeline.Error();
-
     // The encoder's own access units: IDR slices and sync points every 16 frames only.
-    for (int i = 0; i < 40; ++i) {
+    for (int i = 0; i < 90; ++i) {
         SamplePtr unit = pipeline.Pull("units", GST_SECOND);
         ASSERT_TRUE(unit) << "frame " << i;
         GstBuffer* buffer = gst_sample_get_buffer(unit.get());
         EXPECT_EQ(HasIdrSlice(buffer), i % 16 == 0) << "frame " << i;
         EXPECT_EQ(!GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT), i % 16 == 0) << "frame " << i;
     }
-    // An independent reader sees I frames every 8 frames and P frames between them.
+    // An independent reader: main profile 4:2:0, I frames every 8 frames and P frames between them.
+    EXPECT_EQ(FfprobeValues(file, "stream=codec_name,profile,width,height,pix_fmt,nb_frames", "v:0"),
+        (std::vector<std::string> { "h264", "Main", "640", "480", "yuv420p", "90" }));
     const auto types = FfprobeValues(file, "frame=pict_type", "v:0");
-    ASSERT_EQ(types.size(), 40u);
+    ASSERT_EQ(types.size(), 90u);
     for (size_t i = 0; i < types.size(); ++i)
         EXPECT_EQ(types[i], i % 8 == 0 ? "I" : "P") << "frame " << i;
+    EXPECT_NEAR(FfprobeNumber(file, "stream=duration", "v:0"), 3.0, 0.1);
+    EXPECT_EQ(FfprobeValues(file, "stream=codec_name", "a"), std::vector<std::string> { "aac" });
+    EXPECT_NEAR(FfprobeNumber(file, "format=duration"), 3.0, 0.15);
 }
 
 TEST(ImxVpuEncH264, ASettingChangedWhilePlayingRestartsOnAnIdrFrame)
