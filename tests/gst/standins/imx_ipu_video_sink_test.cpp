@@ -5,6 +5,8 @@
 
 #include "support/gst_test_pipeline.h"
 
+#include <tuple>
+
 using namespace GstTest;
 
 namespace
@@ -60,9 +62,10 @@ TEST(ImxIpuVideoSink, DropFramesTakesFramesWithoutShowingThemAndCanBeSwitchedWhi
     ASSERT_TRUE(pipeline.Parsed() && pipeline.Start()) << pipeline.Error();
     ObjectPtr<GstElement> owned = pipeline.Element("display_sink");
     GstElement* sink = owned.get();
+    // Frames pushed with "drop-frames" as given, and how many the sink has shown after them.
     guint64 pushed = 0;
-    // Pushes frames with "drop-frames" as given, then how many the sink has shown.
-    auto push = [&](gboolean drop, int count) {
+    for (auto [drop, count, shown] :
+        { std::tuple { TRUE, 2, 0u }, { FALSE, 3, 3u }, { TRUE, 4, 3u }, { FALSE, 2, 5u } }) {
         g_object_set(sink, "drop-frames", drop, nullptr);
         for (int i = 0; i < count; ++i)
             pipeline.Push("in", gst_buffer_new_allocate(nullptr, 64 * 48 * 4, nullptr));
@@ -73,14 +76,10 @@ TEST(ImxIpuVideoSink, DropFramesTakesFramesWithoutShowingThemAndCanBeSwitchedWhi
             g_usleep(10000);
             g_object_get(sink, "frames-dropped", &dropped, nullptr);
         }
-        EXPECT_EQ(FramesShown(sink) + dropped, pushed);
-        return FramesShown(sink);
-    };
-    EXPECT_EQ(push(TRUE, 2), 0u);
-    EXPECT_FALSE(LastSample(sink));
-    EXPECT_EQ(push(FALSE, 3), 3u);
-    EXPECT_EQ(push(TRUE, 4), 3u);
-    EXPECT_EQ(push(FALSE, 2), 5u);
+        EXPECT_EQ(FramesShown(sink) + dropped, pushed) << "after " << pushed;
+        EXPECT_EQ(FramesShown(sink), shown) << "after " << pushed;
+        EXPECT_EQ(LastSample(sink) != nullptr, shown > 0) << "after " << pushed;
+    }
     pipeline.EndOfStream("in");
     EXPECT_TRUE(pipeline.WaitForEos()) << pipeline.Error();
     EXPECT_EQ(FramesShown(sink), 5u);
@@ -88,13 +87,10 @@ TEST(ImxIpuVideoSink, DropFramesTakesFramesWithoutShowingThemAndCanBeSwitchedWhi
 
 TEST(ImxIpuVideoSink, LastSampleIsThePictureAsTheRotatedPanelShowsIt)
 {
-    struct Row {
-        gint rotation;
-        int width, height, white_x, white_y;
-    };
-    for (const Row& row : { Row { 0, 64, 48, 0, 0 }, Row { 5, 64, 48, 0, 47 }, Row { 2, 64, 48, 63, 47 },
-             Row { 1, 48, 64, 47, 0 } }) {
-        TestPipeline pipeline(std::string(kSmallBgra) + "output-rotation=" + std::to_string(row.rotation));
+    for (auto [rotation, width, height, white_x, white_y] : { std::tuple { 0, 64, 48, 0, 0 },
+             { 5, 64, 48, 0, 47 }, { 2, 64, 48, 63, 47 }, { 1, 48, 64, 47, 0 } }) {
+        SCOPED_TRACE("rotation " + std::to_string(rotation));
+        TestPipeline pipeline(std::string(kSmallBgra) + "output-rotation=" + std::to_string(rotation));
         ASSERT_TRUE(pipeline.Parsed() && pipeline.Start()) << pipeline.Error();
         // Black, white in its top-left pixel only.
         GstBuffer* frame = gst_buffer_new_allocate(nullptr, 64 * 48 * 4, nullptr);
@@ -108,11 +104,11 @@ TEST(ImxIpuVideoSink, LastSampleIsThePictureAsTheRotatedPanelShowsIt)
         ASSERT_TRUE(last);
         GstVideoInfo info;
         ASSERT_TRUE(gst_video_info_from_caps(&info, gst_sample_get_caps(last.get())));
-        EXPECT_EQ(GST_VIDEO_INFO_WIDTH(&info), row.width) << "rotation " << row.rotation;
-        EXPECT_EQ(GST_VIDEO_INFO_HEIGHT(&info), row.height) << "rotation " << row.rotation;
+        EXPECT_EQ(GST_VIDEO_INFO_WIDTH(&info), width);
+        EXPECT_EQ(GST_VIDEO_INFO_HEIGHT(&info), height);
         const std::vector<guint8> shown = SampleBytes(last.get());
         const size_t stride = static_cast<size_t>(GST_VIDEO_INFO_PLANE_STRIDE(&info, 0));
-        EXPECT_EQ(shown.at(row.white_y * stride + row.white_x * 4), 0xff) << "rotation " << row.rotation;
-        EXPECT_EQ(shown[0], row.rotation == 0 ? 0xff : 0) << "rotation " << row.rotation;
+        EXPECT_EQ(shown.at(white_y * stride + white_x * 4), 0xff);
+        EXPECT_EQ(shown[0], rotation == 0 ? 0xff : 0);
     }
 }

@@ -8,14 +8,12 @@
 
 #include <algorithm>
 #include <functional>
+#include <tuple>
 
 using namespace GstTest;
 
 namespace
 {
-
-constexpr int kWidth = 720;
-constexpr int kHeight = 504;
 
 struct Yuv {
     guint8 y, u, v;
@@ -25,12 +23,19 @@ constexpr Yuv kBlack = { 16, 128, 128 };
 constexpr Yuv kRed = { 81, 90, 240 };
 using Paint = std::function<Yuv(int, int)>;
 
-// One interleaved UYVY frame painted by `paint(x, y)`, with the capture's crop window as metadata.
-GstBuffer* MakeFrame(const Paint& paint)
+// Pushes one interleaved UYVY frame painted by `paint(x, y)`, with the capture's crop window as metadata,
+// through the transform and returns the picture that comes out ("" when none does).
+std::vector<guint8> Transform(const std::string& properties, const std::string& format, const Paint& paint,
+    GstVideoInfo* info = nullptr)
 {
+    TestPipeline pipeline("appsrc name=in format=time caps=\"video/x-raw,format=UYVY,width=720,height=504,"
+                          "framerate=30000/1001,interlace-mode=interleaved\" ! imxipuvideotransform "
+        + properties + " ! video/x-raw,width=640,height=480,format=" + format
+        + " ! appsink name=out sync=false");
+    EXPECT_TRUE(pipeline.Parsed() && pipeline.Start()) << pipeline.Error();
     std::vector<guint8> bytes;
-    for (int y = 0; y < kHeight; ++y) {
-        for (int x = 0; x < kWidth; x += 2) {
+    for (int y = 0; y < 504; ++y) {
+        for (int x = 0; x < 720; x += 2) {
             const Yuv c = paint(x, y);
             bytes.insert(bytes.end(), { c.u, c.y, c.v, c.y });
         }
@@ -43,19 +48,7 @@ GstBuffer* MakeFrame(const Paint& paint)
     GST_BUFFER_FLAG_SET(buffer, GST_VIDEO_BUFFER_FLAG_INTERLACED | GST_VIDEO_BUFFER_FLAG_TFF);
     GST_BUFFER_PTS(buffer) = 0;
     GST_BUFFER_DURATION(buffer) = GST_SECOND / 30;
-    return buffer;
-}
-
-// Pushes one frame through the transform and returns the picture that comes out ("" when none does).
-std::vector<guint8> Transform(const std::string& properties, const std::string& format, const Paint& paint,
-    GstVideoInfo* info = nullptr)
-{
-    TestPipeline pipeline("appsrc name=in format=time caps=\"video/x-raw,format=UYVY,width=720,height=504,"
-                          "framerate=30000/1001,interlace-mode=interleaved\" ! imxipuvideotransform "
-        + properties + " ! video/x-raw,width=640,height=480,format=" + format
-        + " ! appsink name=out sync=false");
-    EXPECT_TRUE(pipeline.Parsed() && pipeline.Start()) << pipeline.Error();
-    EXPECT_TRUE(pipeline.Push("in", MakeFrame(paint)));
+    EXPECT_TRUE(pipeline.Push("in", buffer));
     pipeline.EndOfStream("in");
     SamplePtr sample = pipeline.Pull("out");
     if (sample && info != nullptr)
@@ -92,24 +85,23 @@ TEST(ImxIpuVideoTransform, DeinterlaceMethodsWeaveInterpolateOrAverageTheFieldsI
 {
     // The top field (even lines) is white, the bottom field black: weaving keeps the lines alternating,
     // interpolating the top field gives white, averaging grey.
-    struct Row {
-        int method, darkest_above, brightest_below, spread_above;
-    };
-    for (const Row& row : { Row { 0, -1, 256, 100 }, Row { 1, 220, 256, -1 }, Row { 2, 100, 160, -1 } }) {
+    for (auto [method, darkest_above, brightest_below, spread_above] :
+        { std::tuple { 0, -1, 256, 100 }, { 1, 220, 256, -1 }, { 2, 100, 160, -1 } }) {
+        SCOPED_TRACE("method " + std::to_string(method));
         GstVideoInfo info;
         const std::vector<guint8> picture = Transform(
-            "deinterlace=true deinterlace-method=" + std::to_string(row.method), "RGBA",
+            "deinterlace=true deinterlace-method=" + std::to_string(method), "RGBA",
             [](int, int y) { return (y % 2 == 0) ? kWhite : kBlack; }, &info);
-        ASSERT_EQ(picture.size(), 640u * 480u * 4u) << "method " << row.method;
+        ASSERT_EQ(picture.size(), 640u * 480u * 4u);
         EXPECT_EQ(GST_VIDEO_INFO_INTERLACE_MODE(&info), GST_VIDEO_INTERLACE_MODE_PROGRESSIVE);
         int darkest = 255, brightest = 0;
         for (int y = 0; y < 480; ++y) {
             darkest = std::min(darkest, Brightness(picture, 320, y));
             brightest = std::max(brightest, Brightness(picture, 320, y));
         }
-        EXPECT_GT(darkest, row.darkest_above) << "method " << row.method;
-        EXPECT_LT(brightest, row.brightest_below) << "method " << row.method;
-        EXPECT_GT(brightest - darkest, row.spread_above) << "method " << row.method;
+        EXPECT_GT(darkest, darkest_above);
+        EXPECT_LT(brightest, brightest_below);
+        EXPECT_GT(brightest - darkest, spread_above);
     }
 }
 

@@ -6,6 +6,7 @@
 #include "support/ffprobe.h"
 #include "support/gst_test_pipeline.h"
 
+#include <tuple>
 #include <vector>
 
 using namespace GstTest;
