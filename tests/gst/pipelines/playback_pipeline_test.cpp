@@ -2,8 +2,10 @@
 // report.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "log_capture.h"
@@ -69,10 +71,8 @@ struct Reports {
     }
     size_t EndReports() const
     {
-        size_t count = 0;
-        for (const Report& report : all)
-            count += report.eos;
-        return count;
+        return static_cast<size_t>(
+            std::count_if(all.begin(), all.end(), [](const Report& r) { return r.eos; }));
     }
 };
 
@@ -87,53 +87,42 @@ public:
         gint64 stop;
     };
 
-    explicit SeekWatch(PlaybackPipeline& playback, const char* sink_name)
+    explicit SeekWatch(PlaybackPipeline& playback)
+        : pad_(gst_element_get_static_pad(ElementOf(playback, "fake-display").get(), "sink"))
+        , probe_(gst_pad_add_probe(
+              pad_.get(), GST_PAD_PROBE_TYPE_EVENT_UPSTREAM, &SeekWatch::OnEvent, this, nullptr))
     {
-        VideoDaemon::GstPtr<GstElement> sink = ElementOf(playback, sink_name);
-        EXPECT_TRUE(sink);
-        if (!sink)
-            return;
-        pad_.reset(gst_element_get_static_pad(sink.get(), "sink"));
-        probe_ = gst_pad_add_probe(
-            pad_.get(), GST_PAD_PROBE_TYPE_EVENT_UPSTREAM, &SeekWatch::OnEvent, this, nullptr);
     }
-    ~SeekWatch()
-    {
-        if (pad_)
-            gst_pad_remove_probe(pad_.get(), probe_);
-    }
+    ~SeekWatch() { gst_pad_remove_probe(pad_.get(), probe_); }
 
     std::vector<Seek> Taken()
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        std::vector<Seek> taken;
-        taken.swap(seeks_);
-        return taken;
+        return std::exchange(seeks_, {});
     }
 
 private:
     static GstPadProbeReturn OnEvent(GstPad*, GstPadProbeInfo* info, gpointer self)
     {
         GstEvent* event = GST_PAD_PROBE_INFO_EVENT(info);
-        if (GST_EVENT_TYPE(event) == GST_EVENT_SEEK) {
-            Seek seek {};
-            GstFormat format;
-            GstSeekFlags flags;
-            GstSeekType start_type, stop_type;
-            gst_event_parse_seek(
-                event, &seek.rate, &format, &flags, &start_type, &seek.start, &stop_type, &seek.stop);
-            seek.flags = flags;
-            auto* watch = static_cast<SeekWatch*>(self);
-            std::lock_guard<std::mutex> lock(watch->mutex_);
-            watch->seeks_.push_back(seek);
-        }
+        if (GST_EVENT_TYPE(event) != GST_EVENT_SEEK)
+            return GST_PAD_PROBE_OK;
+        Seek seek {};
+        GstFormat format;
+        GstSeekFlags flags;
+        GstSeekType type;
+        gst_event_parse_seek(event, &seek.rate, &format, &flags, &type, &seek.start, &type, &seek.stop);
+        seek.flags = flags;
+        auto* watch = static_cast<SeekWatch*>(self);
+        std::lock_guard<std::mutex> lock(watch->mutex_);
+        watch->seeks_.push_back(seek);
         return GST_PAD_PROBE_OK;
     }
 
-    VideoDaemon::GstPtr<GstPad> pad_;
-    gulong probe_ = 0;
     std::mutex mutex_;
     std::vector<Seek> seeks_;
+    VideoDaemon::GstPtr<GstPad> pad_;
+    gulong probe_;
 };
 
 // Waits (bounded) until a flushing seek has prerolled again, as a user
@@ -218,7 +207,7 @@ TEST_F(PlaybackTest, ChoosesTheSeekFlagsByRate)
     OpenPaused();
     if (HasFatalFailure())
         return;
-    SeekWatch watch(playback, "fake-display");
+    SeekWatch watch(playback);
     // Rewind plays from the current position back to the start.
     const struct {
         double rate;
@@ -265,7 +254,7 @@ TEST_F(PlaybackTest, ClampsSeeksToTheStartAndToTheDuration)
     if (HasFatalFailure())
         return;
     const int64_t duration = reports.all.back().duration;
-    SeekWatch watch(playback, "fake-display");
+    SeekWatch watch(playback);
 
     // Opened paused, the file has no rate to seek at yet.
     EXPECT_EQ(-1, playback.Seek(1000));
