@@ -1,10 +1,6 @@
 // The remote-picture receiver: 640x480 frames from a live stream server, and connection gained and lost
 // reports.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
+#include <gio/gio.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -25,31 +21,6 @@ namespace
 
 const char kAcquired[] = "[TcpClientPipeline] Connection acquired!!";
 const char kLost[] = "[TcpClientPipeline] Connection lost!!";
-
-// A loopback TCP port that accepts connections and never sends anything.
-class SilentServer
-{
-public:
-    SilentServer()
-        : fd_(socket(AF_INET, SOCK_STREAM, 0))
-    {
-        sockaddr_in address {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        EXPECT_EQ(0, bind(fd_, reinterpret_cast<sockaddr*>(&address), length));
-        EXPECT_EQ(0, listen(fd_, 4));
-        getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
-        port = ntohs(address.sin_port);
-    }
-    ~SilentServer() { close(fd_); }
-    SilentServer(const SilentServer&) = delete;
-    SilentServer& operator=(const SilentServer&) = delete;
-    uint16_t port = 0;
-
-private:
-    int fd_;
-};
 
 } // namespace
 
@@ -111,13 +82,16 @@ TEST(TcpClientPipeline, ReceivesTheRemotePictureAndReportsConnectionAcquiredAndL
 TEST(TcpClientPipeline, ReportsNothingWhenTheServerNeverSendsAndGivesUpAfterFiveSeconds)
 {
     LogCapture log;
-    SilentServer server;
+    // A peer that takes connections (the system accepts them) and never sends anything.
+    g_autoptr(GSocketListener) server = g_socket_listener_new();
+    const guint16 port = g_socket_listener_add_any_inet_port(server, nullptr, nullptr);
+    ASSERT_NE(0, port);
     TcpClientPipeline client;
     ASSERT_TRUE(client.Launch(false, true, false));
     int ended = 0;
     client.signal_error.connect([&](std::string) { ended++; });
     client.signal_eos.connect([&] { ended++; });
-    client.SetHostPort("127.0.0.1", server.port);
+    client.SetHostPort("127.0.0.1", port);
     client.SetState(GST_STATE_PLAYING, 0);
 
     ASSERT_TRUE(RunMainLoopUntil([&] { return ended > 0; }, 9000));

@@ -1,9 +1,5 @@
 // The live stream server: its address, its settings, and the multipart JPEG stream a client reads.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
+#include <gio/gio.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -27,21 +23,18 @@ class StreamClient
 {
 public:
     explicit StreamClient(int port)
-        : fd_(socket(AF_INET, SOCK_STREAM, 0))
     {
-        timeval timeout { 1, 0 };
-        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-        sockaddr_in address {};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(static_cast<uint16_t>(port));
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        connected_ = connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+        g_autoptr(GSocketClient) client = g_socket_client_new();
+        connection_ = g_socket_client_connect_to_host(
+            client, "127.0.0.1", static_cast<guint16>(port), nullptr, nullptr);
+        if (connection_)
+            g_socket_set_timeout(g_socket_connection_get_socket(connection_), 1);
     }
-    ~StreamClient() { close(fd_); }
+    ~StreamClient() { g_clear_object(&connection_); }
     StreamClient(const StreamClient&) = delete;
     StreamClient& operator=(const StreamClient&) = delete;
 
-    bool Connected() const { return connected_; }
+    bool Connected() const { return connection_ != nullptr; }
 
     // The next whole part's headers and body; false after 5 s or at the end of the stream.
     bool NextPart(std::string& headers, std::vector<uint8_t>& body)
@@ -49,7 +42,8 @@ public:
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
         while (!TakePart(headers, body)) {
             char chunk[65536];
-            ssize_t got = recv(fd_, chunk, sizeof chunk, 0);
+            const gssize got = g_socket_receive(
+                g_socket_connection_get_socket(connection_), chunk, sizeof chunk, nullptr, nullptr);
             if (got == 0 || std::chrono::steady_clock::now() > deadline)
                 return false;
             if (got > 0)
@@ -81,8 +75,7 @@ private:
         return true;
     }
 
-    int fd_;
-    bool connected_ = false;
+    GSocketConnection* connection_ = nullptr;
     std::string data_;
 };
 
