@@ -1,6 +1,7 @@
 // The SVG overlay stand-in draws its document over the frames.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <string>
 #include <vector>
 
@@ -21,10 +22,7 @@ const char* kLeftHalfRed = "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"64
 const char* kSmallBlue = "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"16\" height=\"16\">"
                          "<rect x=\"0\" y=\"0\" width=\"16\" height=\"16\" fill=\"#0000ff\"/></svg>";
 
-struct Bgr {
-    int b, g, r;
-    bool operator==(const Bgr& o) const { return b == o.b && g == o.g && r == o.r; }
-};
+using Bgr = std::array<uint8_t, 3>;
 const Bgr kGrey { 40, 40, 40 };
 const Bgr kRed { 0, 0, 255 };
 const Bgr kBlue { 255, 0, 0 };

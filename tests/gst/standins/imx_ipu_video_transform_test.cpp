@@ -110,21 +110,17 @@ TEST(ImxIpuVideoTransform, ConvertsAndScalesTo640x480RgbaBgraAndI420)
     // Two bytes of the red picture's centre: R and B of a packed pixel, or I420's Y and V.
     constexpr size_t kPixel = (240 * 640 + 320) * 4;
     constexpr size_t kV = 640 * 480 * 5 / 4 + 120 * 320 + 160;
-    struct Row {
-        const char* format;
-        size_t size, first;
-        int first_value;
-        size_t second;
-        int second_value, tolerance;
-    };
-    for (const Row& row : { Row { "RGBA", 640 * 480 * 4, kPixel, 255, kPixel + 2, 0, 55 },
-             Row { "BGRA", 640 * 480 * 4, kPixel, 0, kPixel + 2, 255, 55 },
-             Row { "I420", 640 * 480 * 3 / 2, 240 * 640 + 320, kRed.y, kV, kRed.v, 6 } }) {
+    for (auto [format, size, first, first_value, second, second_value, tolerance] :
+        { std::tuple { "RGBA", 640 * 480 * 4, kPixel, 255, kPixel + 2, 0, 55 },
+            { "BGRA", 640 * 480 * 4, kPixel, 0, kPixel + 2, 255, 55 },
+            { "I420", 640 * 480 * 3 / 2, size_t { 240 * 640 + 320 }, int { kRed.y }, kV, int { kRed.v },
+                6 } }) {
+        SCOPED_TRACE(format);
         const std::vector<guint8> picture
-            = Transform("deinterlace=true input-crop=true", row.format, [](int, int) { return kRed; });
-        ASSERT_EQ(picture.size(), row.size) << row.format;
-        EXPECT_NEAR(picture[row.first], row.first_value, row.tolerance) << row.format;
-        EXPECT_NEAR(picture[row.second], row.second_value, row.tolerance) << row.format;
+            = Transform("deinterlace=true input-crop=true", format, [](int, int) { return kRed; });
+        ASSERT_EQ(picture.size(), static_cast<size_t>(size));
+        EXPECT_NEAR(picture[first], first_value, tolerance);
+        EXPECT_NEAR(picture[second], second_value, tolerance);
     }
 }
 
