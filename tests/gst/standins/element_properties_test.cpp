@@ -2,6 +2,9 @@
 // elements.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -14,104 +17,56 @@ using namespace GstTest;
 namespace
 {
 
-enum Access {
-    kPlaying, // read and written, also while playing
-    kWriteOnly, // written only, also while playing
-    kReadOnly,
-    kSettable, // read and written, at least before playing
-};
-
-struct PropertyUse {
+// One row per element: the properties the daemon sets or reads, by how it uses them. Each is
+// "name:type", with "=initial" (as g_strdup_value_contents prints a new element's value) or "[min,max]"
+// where the daemon relies on it. Types: b boolean, i int, u uint, t uint64, d double, s string, f fraction.
+struct StandIn {
     const char* factory;
-    const char* property;
-    GType type;
-    Access access;
-    const char* initial = nullptr; // the value of a new element, as g_strdup_value_contents prints it
-    gint64 minimum = 0, maximum = 0; // checked when not both 0
+    const char* live; // read and written, also while playing
+    const char* settable = ""; // read and written, at least before playing
+    const char* readOnly = "";
+    const char* writeOnly = ""; // also while playing
 };
 
-// Every property the daemon sets or reads (after gst_init, which registers GST_TYPE_FRACTION).
-const std::vector<PropertyUse>& Uses()
+const StandIn kStandIns[] = {
+    { "vbiread",
+        "line-dup-enabled:b line-dup-top-start:u line-dup-top-stop:u line-dup-bot-start:u "
+        "line-dup-bot-stop:u "
+        "first-top-data-line:u num-top-data-lines:u first-bot-data-line:u num-bot-data-lines:u "
+        "set-tff-flag:b" },
+    { "idrvalve", "drop:b=FALSE" },
+    { "muxpause", "pause_length:t", "", "", "pause:b resume:b reset:b" },
+    { "snapvoice", "", "", "", "reset:b" },
+    { "tarnwell-static-jpeg", "location:s silent:b" },
+    { "tarnwell-valve", "num-buffers-pass:u" },
+    { "tarnwell-motion-filter", "roll-filter-coeffs:s" },
+    { "imxv4l2videosrc", "", "crop-meta-x:i crop-meta-y:i crop-meta-width:i crop-meta-height:i fps:f" },
+    { "imxipuvideotransform", "", "deinterlace:b deinterlace-method:i[0,2] input-crop:b" },
+    { "imxipuvideosink", "drop-frames:b=FALSE",
+        "use-vsync:b=FALSE force-aspect-ratio:b=TRUE qos:b=TRUE output-rotation:i",
+        "frames-shown:t frames-dropped:t" },
+    { "imxvpuenc_h264", "bitrate:u=0 gop-size:u=16 quant-param:u idr-interval:u" },
+    { "imxvpuenc_mjpeg", "quality-factor:u[1,100]" },
+    { "tarnwell-dsl",
+        "silent:b dsl-enabled:b plumbline-enabled:b rotation-steps:u[0,2] rotation-threshold:u[0,30] "
+        "rotation-frames-trigger:u[0,240] rotation-override:i animation-duration:u max-tilt-angle:i "
+        "sharpen:d "
+        "sharpen-amount:d dsl-auto-zoom-override:b",
+        "", "camera-roll:d camera-tilt:d display-roll:d" },
+    { "tarnwell-tiling",
+        "silent:b background-mode:u zoom:d max-dsl-zoom-in:d dsl-zoom-period:u dsl-zoom-delay:u "
+        "dsl-hysteresis:u pan-x:d pan-y:d sharpen:b sharpen-amount:d dsl-auto-zoom-override:b",
+        "", "max-dsl-zoom:d pan-x-min:d pan-x-max:d pan-y-min:d pan-y-max:d" },
+    { "rsvgoverlaytarnwell", "data:s enabled:b fit-to-frame:b" },
+};
+
+GType TypeOf(char letter)
 {
-    gst_init(nullptr, nullptr);
-    static const std::vector<PropertyUse> uses = {
-        { "vbiread", "line-dup-enabled", G_TYPE_BOOLEAN, kPlaying },
-        { "vbiread", "line-dup-top-start", G_TYPE_UINT, kPlaying },
-        { "vbiread", "line-dup-top-stop", G_TYPE_UINT, kPlaying },
-        { "vbiread", "line-dup-bot-start", G_TYPE_UINT, kPlaying },
-        { "vbiread", "line-dup-bot-stop", G_TYPE_UINT, kPlaying },
-        { "vbiread", "first-top-data-line", G_TYPE_UINT, kPlaying },
-        { "vbiread", "num-top-data-lines", G_TYPE_UINT, kPlaying },
-        { "vbiread", "first-bot-data-line", G_TYPE_UINT, kPlaying },
-        { "vbiread", "num-bot-data-lines", G_TYPE_UINT, kPlaying },
-        { "vbiread", "set-tff-flag", G_TYPE_BOOLEAN, kPlaying },
-        { "idrvalve", "drop", G_TYPE_BOOLEAN, kPlaying, "FALSE" },
-        { "muxpause", "pause", G_TYPE_BOOLEAN, kWriteOnly },
-        { "muxpause", "resume", G_TYPE_BOOLEAN, kWriteOnly },
-        { "muxpause", "reset", G_TYPE_BOOLEAN, kWriteOnly },
-        { "muxpause", "pause_length", G_TYPE_UINT64, kPlaying },
-        { "snapvoice", "reset", G_TYPE_BOOLEAN, kWriteOnly },
-        { "tarnwell-static-jpeg", "location", G_TYPE_STRING, kPlaying },
-        { "tarnwell-static-jpeg", "silent", G_TYPE_BOOLEAN, kPlaying },
-        { "tarnwell-valve", "num-buffers-pass", G_TYPE_UINT, kPlaying },
-        { "tarnwell-motion-filter", "roll-filter-coeffs", G_TYPE_STRING, kPlaying },
-        { "imxv4l2videosrc", "crop-meta-x", G_TYPE_INT, kSettable },
-        { "imxv4l2videosrc", "crop-meta-y", G_TYPE_INT, kSettable },
-        { "imxv4l2videosrc", "crop-meta-width", G_TYPE_INT, kSettable },
-        { "imxv4l2videosrc", "crop-meta-height", G_TYPE_INT, kSettable },
-        { "imxv4l2videosrc", "fps", GST_TYPE_FRACTION, kSettable },
-        { "imxipuvideotransform", "deinterlace", G_TYPE_BOOLEAN, kSettable },
-        { "imxipuvideotransform", "deinterlace-method", G_TYPE_INT, kSettable, nullptr, 0, 2 },
-        { "imxipuvideotransform", "input-crop", G_TYPE_BOOLEAN, kSettable },
-        { "imxipuvideosink", "drop-frames", G_TYPE_BOOLEAN, kPlaying, "FALSE" },
-        { "imxipuvideosink", "use-vsync", G_TYPE_BOOLEAN, kSettable, "FALSE" },
-        { "imxipuvideosink", "force-aspect-ratio", G_TYPE_BOOLEAN, kSettable, "TRUE" },
-        { "imxipuvideosink", "qos", G_TYPE_BOOLEAN, kSettable, "TRUE" },
-        { "imxipuvideosink", "output-rotation", G_TYPE_INT, kSettable },
-        { "imxipuvideosink", "frames-shown", G_TYPE_UINT64, kReadOnly },
-        { "imxipuvideosink", "frames-dropped", G_TYPE_UINT64, kReadOnly },
-        { "imxvpuenc_h264", "bitrate", G_TYPE_UINT, kPlaying, "0" },
-        { "imxvpuenc_h264", "gop-size", G_TYPE_UINT, kPlaying, "16" },
-        { "imxvpuenc_h264", "quant-param", G_TYPE_UINT, kPlaying },
-        { "imxvpuenc_h264", "idr-interval", G_TYPE_UINT, kPlaying },
-        { "imxvpuenc_mjpeg", "quality-factor", G_TYPE_UINT, kPlaying, nullptr, 1, 100 },
-        { "tarnwell-dsl", "silent", G_TYPE_BOOLEAN, kPlaying },
-        { "tarnwell-dsl", "dsl-enabled", G_TYPE_BOOLEAN, kPlaying },
-        { "tarnwell-dsl", "plumbline-enabled", G_TYPE_BOOLEAN, kPlaying },
-        { "tarnwell-dsl", "rotation-steps", G_TYPE_UINT, kPlaying, nullptr, 0, 2 },
-        { "tarnwell-dsl", "rotation-threshold", G_TYPE_UINT, kPlaying, nullptr, 0, 30 },
-        { "tarnwell-dsl", "rotation-frames-trigger", G_TYPE_UINT, kPlaying, nullptr, 0, 240 },
-        { "tarnwell-dsl", "rotation-override", G_TYPE_INT, kPlaying },
-        { "tarnwell-dsl", "animation-duration", G_TYPE_UINT, kPlaying },
-        { "tarnwell-dsl", "max-tilt-angle", G_TYPE_INT, kPlaying },
-        { "tarnwell-dsl", "sharpen", G_TYPE_DOUBLE, kPlaying },
-        { "tarnwell-dsl", "sharpen-amount", G_TYPE_DOUBLE, kPlaying },
-        { "tarnwell-dsl", "dsl-auto-zoom-override", G_TYPE_BOOLEAN, kPlaying },
-        { "tarnwell-dsl", "camera-roll", G_TYPE_DOUBLE, kReadOnly },
-        { "tarnwell-dsl", "camera-tilt", G_TYPE_DOUBLE, kReadOnly },
-        { "tarnwell-dsl", "display-roll", G_TYPE_DOUBLE, kReadOnly },
-        { "tarnwell-tiling", "silent", G_TYPE_BOOLEAN, kPlaying },
-        { "tarnwell-tiling", "background-mode", G_TYPE_UINT, kPlaying },
-        { "tarnwell-tiling", "zoom", G_TYPE_DOUBLE, kPlaying },
-        { "tarnwell-tiling", "max-dsl-zoom-in", G_TYPE_DOUBLE, kPlaying },
-        { "tarnwell-tiling", "max-dsl-zoom", G_TYPE_DOUBLE, kReadOnly },
-        { "tarnwell-tiling", "dsl-zoom-period", G_TYPE_UINT, kPlaying },
-        { "tarnwell-tiling", "dsl-zoom-delay", G_TYPE_UINT, kPlaying },
-        { "tarnwell-tiling", "dsl-hysteresis", G_TYPE_UINT, kPlaying },
-        { "tarnwell-tiling", "pan-x", G_TYPE_DOUBLE, kPlaying },
-        { "tarnwell-tiling", "pan-y", G_TYPE_DOUBLE, kPlaying },
-        { "tarnwell-tiling", "pan-x-min", G_TYPE_DOUBLE, kReadOnly },
-        { "tarnwell-tiling", "pan-x-max", G_TYPE_DOUBLE, kReadOnly },
-        { "tarnwell-tiling", "pan-y-min", G_TYPE_DOUBLE, kReadOnly },
-        { "tarnwell-tiling", "pan-y-max", G_TYPE_DOUBLE, kReadOnly },
-        { "tarnwell-tiling", "sharpen", G_TYPE_BOOLEAN, kPlaying },
-        { "tarnwell-tiling", "sharpen-amount", G_TYPE_DOUBLE, kPlaying },
-        { "tarnwell-tiling", "dsl-auto-zoom-override", G_TYPE_BOOLEAN, kPlaying },
-        { "rsvgoverlaytarnwell", "data", G_TYPE_STRING, kPlaying },
-        { "rsvgoverlaytarnwell", "enabled", G_TYPE_BOOLEAN, kPlaying },
-        { "rsvgoverlaytarnwell", "fit-to-frame", G_TYPE_BOOLEAN, kPlaying },
-    };
-    return uses;
+    static const char kLetters[] = "biutdsf";
+    const GType types[] = { G_TYPE_BOOLEAN, G_TYPE_INT, G_TYPE_UINT, G_TYPE_UINT64, G_TYPE_DOUBLE,
+        G_TYPE_STRING, GST_TYPE_FRACTION };
+    const char* at = std::strchr(kLetters, letter);
+    return letter != '\0' && at != nullptr ? types[at - kLetters] : G_TYPE_INVALID;
 }
 
 std::pair<gint64, gint64> Limits(GParamSpec* param)
@@ -132,27 +87,47 @@ std::string Contents(GstElement* element, GParamSpec* param)
     return text;
 }
 
+struct Access {
+    bool readable, writable, whilePlaying;
+};
+
+// Checks one "name:type[=initial|[min,max]]" of an element against how the daemon uses it.
+void ExpectProperty(GstElement* element, const std::string& use, Access access)
+{
+    SCOPED_TRACE(std::string(GST_OBJECT_NAME(gst_element_get_factory(element))) + " " + use);
+    const size_t colon = use.find(':');
+    ASSERT_NE(colon, std::string::npos);
+    GParamSpec* param
+        = g_object_class_find_property(G_OBJECT_GET_CLASS(element), use.substr(0, colon).c_str());
+    ASSERT_NE(param, nullptr);
+    EXPECT_EQ(G_PARAM_SPEC_VALUE_TYPE(param), TypeOf(use[colon + 1]));
+    EXPECT_EQ((param->flags & G_PARAM_READABLE) != 0, access.readable);
+    EXPECT_EQ((param->flags & G_PARAM_WRITABLE) != 0, access.writable);
+    EXPECT_TRUE(!access.whilePlaying || (param->flags & GST_PARAM_MUTABLE_PLAYING));
+    const std::string rest = use.substr(colon + 2);
+    if (!rest.empty() && rest[0] == '=') {
+        EXPECT_EQ(Contents(element, param), rest.substr(1));
+    }
+    gint64 minimum = 0, maximum = 0;
+    if (sscanf(rest.c_str(), "[%" G_GINT64_FORMAT ",%" G_GINT64_FORMAT "]", &minimum, &maximum) == 2) {
+        EXPECT_EQ(Limits(param), std::make_pair(minimum, maximum));
+    }
+}
+
 } // namespace
 
 TEST(StandInElements, HaveEveryPropertyTheDaemonUsesWithItsTypeAccessAndRange)
 {
-    for (const PropertyUse& use : Uses()) {
-        SCOPED_TRACE(std::string(use.factory) + " " + use.property);
-        ObjectPtr<GstElement> element = MakeElement(use.factory);
-        ASSERT_NE(element, nullptr);
-        GParamSpec* param = g_object_class_find_property(G_OBJECT_GET_CLASS(element.get()), use.property);
-        ASSERT_NE(param, nullptr);
-        EXPECT_EQ(G_PARAM_SPEC_VALUE_TYPE(param), use.type);
-        EXPECT_EQ((param->flags & G_PARAM_WRITABLE) != 0, use.access != kReadOnly);
-        EXPECT_EQ((param->flags & G_PARAM_READABLE) != 0, use.access != kWriteOnly);
-        const bool whilePlaying = use.access == kPlaying || use.access == kWriteOnly;
-        EXPECT_TRUE(!whilePlaying || (param->flags & GST_PARAM_MUTABLE_PLAYING));
-        EXPECT_STRNE(g_param_spec_get_blurb(param), "");
-        if (use.initial != nullptr) {
-            EXPECT_EQ(Contents(element.get(), param), use.initial);
-        }
-        if (use.minimum != 0 || use.maximum != 0) {
-            EXPECT_EQ(Limits(param), std::make_pair(use.minimum, use.maximum));
+    for (const StandIn& standIn : kStandIns) {
+        ObjectPtr<GstElement> element = MakeElement(standIn.factory);
+        ASSERT_NE(element, nullptr) << standIn.factory;
+        const std::pair<const char*, Access> uses[] = { { standIn.live, { true, true, true } },
+            { standIn.settable, { true, true, false } }, { standIn.readOnly, { true, false, false } },
+            { standIn.writeOnly, { false, true, true } } };
+        for (const auto& [list, access] : uses) {
+            std::istringstream words(list);
+            for (std::string use; words >> use;)
+                ExpectProperty(element.get(), use, access);
         }
     }
     // The overlay pipeline links the overlay's extra source pad by name.
@@ -162,31 +137,18 @@ TEST(StandInElements, HaveEveryPropertyTheDaemonUsesWithItsTypeAccessAndRange)
     EXPECT_EQ(gst_pad_get_direction(pad.get()), GST_PAD_SRC);
 }
 
-TEST(StandInElements, KeepTheValuesTheDescriptionsSet)
+TEST(StandInElements, TheMotionFilterRefusesWeightsThatAreNotNumbersAndKeepsTheLastGoodOnes)
 {
-    TestPipeline pipeline(
-        "videotestsrc num-buffers=1 ! vbiread name=vbi_read line-dup-enabled=false line-dup-top-start=3 "
-        "line-dup-top-stop=33 line-dup-bot-start=433 line-dup-bot-stop=480 first-top-data-line=0 "
-        "num-top-data-lines=30 first-bot-data-line=433 num-bot-data-lines=37 set-tff-flag=true ! "
-        "tarnwell-motion-filter name=motion_filter roll-filter-coeffs=\"1 1\" ! fakesink");
+    TestPipeline pipeline("videotestsrc num-buffers=1 ! tarnwell-motion-filter name=motion_filter "
+                          "roll-filter-coeffs=\"1 1\" ! fakesink");
     ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
-    guint topStop = 0, botData = 0;
-    gboolean tff = FALSE;
-    g_object_get(pipeline.Element("vbi_read").get(), "line-dup-top-stop", &topStop, "num-bot-data-lines",
-        &botData, "set-tff-flag", &tff, nullptr);
-    EXPECT_EQ(topStop, 33u);
-    EXPECT_EQ(botData, 37u);
-    EXPECT_TRUE(tff);
-
-    // A text that is not a list of weights is refused and the last good one stays.
     ObjectPtr<GstElement> motion = pipeline.Element("motion_filter");
     g_object_set(motion.get(), "roll-filter-coeffs", "1 2 1", nullptr);
     g_object_set(motion.get(), "roll-filter-coeffs", "one two", nullptr);
     g_autofree gchar* coeffs = nullptr;
     g_object_get(motion.get(), "roll-filter-coeffs", &coeffs, nullptr);
     EXPECT_STREQ(coeffs, "1 2 1");
-    MessagePtr warning = pipeline.WaitFor(GST_MESSAGE_WARNING, 0);
-    EXPECT_NE(warning, nullptr);
+    EXPECT_NE(pipeline.WaitFor(GST_MESSAGE_WARNING, 0), nullptr);
 }
 
 TEST(StandInElements, VbiReaderFlagsTopFieldFirstAndTheCapsFilterMakesFramesProgressive)
