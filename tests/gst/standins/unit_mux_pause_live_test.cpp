@@ -1,10 +1,13 @@
-// The muxpause stand-in in live recordings that ffprobe reads back: pausing
-// leaves no gap, directly and the daemon's way through interpipe.
+// The muxpause stand-in in a live recording that ffprobe reads back: pausing
+// leaves no gap. (The daemon's own way of pausing, through interpipe with the
+// muxer pipeline paused, is the Mp4muxPipeline tests' part.)
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 
-#include "mux_pause_timeline.h"
+#include "support/ffprobe.h"
+#include "support/gst_test_pipeline.h"
 
 using namespace GstTest;
 
@@ -22,12 +25,28 @@ TEST(MuxPause, AFourSecondLiveRecordingWithATwoSecondPauseHoldsTwoSecondsOfMedia
     ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
     ObjectPtr<GstElement> videoPause = pipeline.Element("video_pause");
     ObjectPtr<GstElement> audioPause = pipeline.Element("audio_pause");
-    OutputTimeline videoOutput(videoPause.get());
+    auto pauseLength = [&] {
+        guint64 length = 0;
+        g_object_get(videoPause.get(), "pause_length", &length, nullptr);
+        return length;
+    };
+    // The video timeline handed on to the muxer: where it starts and ends, and its widest step.
+    GstClockTime first = GST_CLOCK_TIME_NONE, last = 0, end = 0, widest = 0;
+    BufferProbe timeline(videoPause.get(), "src", [&](GstBuffer* buffer) {
+        const GstClockTime pts = GST_BUFFER_PTS(buffer);
+        if (pts == GST_CLOCK_TIME_NONE)
+            return;
+        if (first == GST_CLOCK_TIME_NONE)
+            first = last = pts;
+        widest = std::max(widest, pts > last ? pts - last : 0);
+        last = pts;
+        end = std::max(end, pts + (GST_BUFFER_DURATION_IS_VALID(buffer) ? GST_BUFFER_DURATION(buffer) : 0));
+    });
 
     ASSERT_TRUE(pipeline.Play());
     g_usleep(G_USEC_PER_SEC);
     // The daemon's order: the audio element takes the video element's length, then both pause.
-    g_object_set(audioPause.get(), "pause_length", PauseLength(videoPause.get()), nullptr);
+    g_object_set(audioPause.get(), "pause_length", pauseLength(), nullptr);
     g_object_set(videoPause.get(), "pause", TRUE, nullptr);
     g_object_set(audioPause.get(), "pause", TRUE, nullptr);
     g_usleep(2 * G_USEC_PER_SEC);
@@ -37,66 +56,17 @@ TEST(MuxPause, AFourSecondLiveRecordingWithATwoSecondPauseHoldsTwoSecondsOfMedia
     ASSERT_TRUE(pipeline.Finish());
     pipeline.SetState(GST_STATE_NULL);
 
-    ExpectNoGap(file, videoOutput);
-    const double paused = PauseLength(videoPause.get()) / double(GST_SECOND);
+    // What the recording must hold however the machine's load shifted the wall-clock steps: the muxer
+    // saw one timeline without the paused stretch (a resume may wait up to one GOP for a key frame), and
+    // the file holds all of it, sound as long as picture.
+    ASSERT_NE(first, GST_CLOCK_TIME_NONE);
+    const double seconds = double(end - first) / GST_SECOND;
+    EXPECT_GT(seconds, 1.0);
+    EXPECT_LT(double(widest) / GST_SECOND, 0.6);
+    EXPECT_NEAR(FfprobeNumber(file, "stream=duration", "v"), seconds, 0.2);
+    EXPECT_NEAR(FfprobeNumber(file, "stream=duration", "a"), seconds, 0.3);
+    EXPECT_NEAR(FfprobeNumber(file, "format=duration"), seconds, 0.3);
+    const double paused = pauseLength() / double(GST_SECOND);
     EXPECT_GT(paused, 1.0);
     EXPECT_LT(paused, 3.0);
-}
-
-TEST(MuxPause, PausingTheDaemonsWayThroughInterpipeLeavesNoGap)
-{
-    // The muxer pipeline listens to encoder pipelines; a pause detaches it, pauses the elements and
-    // the pipeline, a resume re-attaches and plays again.
-    TempDir dir;
-    const std::string file = dir.File("paused.mp4");
-    TestPipeline encoders("videotestsrc is-live=true ! video/x-raw,width=320,height=240,framerate=30/1 ! "
-                          "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=15 ! h264parse ! "
-                          "video/x-h264,stream-format=avc,alignment=au ! interpipesink name=unit_h264_sink "
-                          "sync=false async=false "
-                          "forward-events=false forward-eos=true audiotestsrc is-live=true ! "
-                          "audio/x-raw,rate=44100 ! audioconvert ! "
-                          "avenc_aac ! interpipesink name=unit_aac_sink sync=false async=false "
-                          "forward-events=false forward-eos=true");
-    TestPipeline muxer(
-        "interpipesrc name=video0 stream-sync=1 format=time allow-renegotiation=false "
-        "listen-to=unit_h264_sink ! video/x-h264 ! idrvalve name=idr drop=true ! "
-        "multiqueue name=mque max-size-buffers=30 max-size-time=0 mque. ! muxpause name=video_pause ! "
-        "mp4mux name=mux ! filesink async=false sync=false location="
-        + file
-        + " interpipesrc name=audio0 stream-sync=1 format=time allow-renegotiation=false "
-          "listen-to=unit_aac_sink ! audio/mpeg ! mque. mque. ! muxpause name=audio_pause ! mux.");
-    ASSERT_TRUE(encoders.Parsed()) << encoders.Error();
-    ASSERT_TRUE(muxer.Parsed()) << muxer.Error();
-    ObjectPtr<GstElement> idr = muxer.Element("idr");
-    ObjectPtr<GstElement> video0 = muxer.Element("video0");
-    ObjectPtr<GstElement> audio0 = muxer.Element("audio0");
-    ObjectPtr<GstElement> videoPause = muxer.Element("video_pause");
-    ObjectPtr<GstElement> audioPause = muxer.Element("audio_pause");
-    OutputTimeline videoOutput(videoPause.get());
-
-    ASSERT_TRUE(encoders.Play());
-    ASSERT_TRUE(muxer.Play());
-    g_object_set(idr.get(), "drop", FALSE, nullptr);
-    g_usleep(G_USEC_PER_SEC);
-
-    g_object_set(video0.get(), "listen-to", nullptr, nullptr);
-    g_object_set(audio0.get(), "listen-to", nullptr, nullptr);
-    g_object_set(audioPause.get(), "pause_length", PauseLength(videoPause.get()), nullptr);
-    g_object_set(videoPause.get(), "pause", TRUE, nullptr);
-    g_object_set(audioPause.get(), "pause", TRUE, nullptr);
-    g_object_set(idr.get(), "drop", TRUE, nullptr);
-    gst_element_set_state(muxer.Get(), GST_STATE_PAUSED);
-    g_usleep(2 * G_USEC_PER_SEC);
-
-    g_object_set(video0.get(), "listen-to", "unit_h264_sink", nullptr);
-    g_object_set(audio0.get(), "listen-to", "unit_aac_sink", nullptr);
-    g_object_set(videoPause.get(), "resume", TRUE, nullptr);
-    g_object_set(audioPause.get(), "resume", TRUE, nullptr);
-    g_object_set(idr.get(), "drop", FALSE, nullptr);
-    ASSERT_TRUE(muxer.Play());
-    g_usleep(G_USEC_PER_SEC);
-    ASSERT_TRUE(muxer.Finish());
-    muxer.SetState(GST_STATE_NULL);
-
-    ExpectNoGap(file, videoOutput);
 }

@@ -1,12 +1,12 @@
 // The muxpause stand-in: buffers dropped while paused, timestamps closed up after resuming.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/gst_test_pipeline.h"
-
-#include "mux_pause_timeline.h"
 
 using namespace GstTest;
 
@@ -15,34 +15,45 @@ namespace
 
 constexpr GstClockTime kFrame = GST_SECOND / 10;
 
+guint64 PauseLength(GstElement* element)
+{
+    guint64 length = 0;
+    g_object_get(element, "pause_length", &length, nullptr);
+    return length;
+}
+
+// Frames at 10/s through a muxpause element that `beforeFrame` drives ahead of each input frame (by
+// index), to the end: the element and the timestamps it handed on.
+std::pair<ObjectPtr<GstElement>, std::vector<GstClockTime>> RunFrames(
+    int frames, const std::function<void(GstElement*, size_t)>& beforeFrame)
+{
+    TestPipeline pipeline("videotestsrc num-buffers=" + std::to_string(frames)
+        + " ! video/x-raw,width=64,height=48,framerate=10/1 ! muxpause name=pause ! fakesink name=sink");
+    ObjectPtr<GstElement> pause = pipeline.Element("pause");
+    size_t index = 0;
+    BufferProbe inputProbe(pause.get(), "sink", [&](GstBuffer*) { beforeFrame(pause.get(), index++); });
+    std::vector<GstClockTime> output;
+    BufferProbe outputProbe(pipeline.Element("sink").get(), "sink",
+        [&](GstBuffer* buffer) { output.push_back(GST_BUFFER_PTS(buffer)); });
+    EXPECT_TRUE(pipeline.Play() && pipeline.WaitForEos()) << pipeline.Error();
+    pipeline.SetState(GST_STATE_NULL);
+    return { std::move(pause), output };
+}
+
 } // namespace
 
 TEST(MuxPause, DropsWhilePausedAndMovesLaterBuffersBackByThePausedTime)
 {
-    // Frames at 10/s; paused before frame 10, resumed before frame 25, paused and resumed again
-    // around frames 30-34.
-    TestPipeline pipeline("videotestsrc num-buffers=40 ! video/x-raw,width=64,height=48,framerate=10/1 ! "
-                          "muxpause name=pause ! fakesink name=sink");
-    ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
-    ObjectPtr<GstElement> pause = pipeline.Element("pause");
-    size_t index = 0;
+    // Paused before frame 10, resumed before frame 25, paused and resumed again around frames 30-34.
     guint64 lengthAfterFirstPause = 0;
-    BufferProbe inputProbe(pause.get(), "sink", [&](GstBuffer*) {
+    const auto [pause, output] = RunFrames(40, [&](GstElement* element, size_t index) {
         if (index == 10 || index == 30)
-            g_object_set(pause.get(), "pause", TRUE, nullptr);
+            g_object_set(element, "pause", TRUE, nullptr);
         if (index == 25 || index == 35)
-            g_object_set(pause.get(), "resume", TRUE, nullptr);
+            g_object_set(element, "resume", TRUE, nullptr);
         if (index == 26)
-            lengthAfterFirstPause = PauseLength(pause.get());
-        ++index;
+            lengthAfterFirstPause = PauseLength(element);
     });
-    std::vector<GstClockTime> output;
-    BufferProbe outputProbe(pipeline.Element("sink").get(), "sink",
-        [&](GstBuffer* buffer) { output.push_back(GST_BUFFER_PTS(buffer)); });
-
-    ASSERT_TRUE(pipeline.Play());
-    ASSERT_TRUE(pipeline.WaitForEos());
-    pipeline.SetState(GST_STATE_NULL);
 
     // 10 + 5 + 5 frames kept, on one unbroken timeline.
     std::vector<GstClockTime> expected;
@@ -55,27 +66,14 @@ TEST(MuxPause, DropsWhilePausedAndMovesLaterBuffersBackByThePausedTime)
 
 TEST(MuxPause, ResetClearsThePauseAndAWrittenLengthShiftsTheTimeline)
 {
-    TestPipeline pipeline("videotestsrc num-buffers=20 ! video/x-raw,width=64,height=48,framerate=10/1 ! "
-                          "muxpause name=pause ! fakesink name=sink");
-    ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
-    ObjectPtr<GstElement> pause = pipeline.Element("pause");
-    size_t index = 0;
-    BufferProbe inputProbe(pause.get(), "sink", [&](GstBuffer*) {
+    const auto [pause, output] = RunFrames(20, [](GstElement* element, size_t index) {
         if (index == 5) {
-            g_object_set(pause.get(), "pause", TRUE, nullptr);
-            g_object_set(pause.get(), "reset", TRUE, nullptr); // leaves the pause: nothing is dropped
+            g_object_set(element, "pause", TRUE, nullptr);
+            g_object_set(element, "reset", TRUE, nullptr); // leaves the pause: nothing is dropped
         }
         if (index == 10)
-            g_object_set(pause.get(), "pause_length", static_cast<guint64>(3 * kFrame), nullptr);
-        ++index;
+            g_object_set(element, "pause_length", static_cast<guint64>(3 * kFrame), nullptr);
     });
-    std::vector<GstClockTime> output;
-    BufferProbe outputProbe(pipeline.Element("sink").get(), "sink",
-        [&](GstBuffer* buffer) { output.push_back(GST_BUFFER_PTS(buffer)); });
-
-    ASSERT_TRUE(pipeline.Play());
-    ASSERT_TRUE(pipeline.WaitForEos());
-    pipeline.SetState(GST_STATE_NULL);
 
     ASSERT_EQ(output.size(), 20u);
     EXPECT_EQ(output[9], 9 * kFrame);
