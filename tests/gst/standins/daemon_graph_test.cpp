@@ -32,7 +32,9 @@ TEST_F(LaunchDescriptions, LinkedAsTheDaemonLinksThemEveryStagePassesBuffers)
     TestPipeline snapvoice(DescriptionOf<SnapvoicePipeline>());
     TestPipeline mjpeg(DescriptionOf<MjpegEncodePipeline>());
     // Port 0: the server picks a free port, so this test needs no lock.
-    TestPipeline tcp_server(TcpServerDescription("127.0.0.1", 0));
+    TcpServerPipeline server;
+    server.SetServerAddress("127.0.0.1", 0);
+    TestPipeline tcp_server(server.GetDescription());
     TestPipeline tcp_client(DescriptionOf<TcpClientPipeline>());
     std::vector<const TestPipeline*> graph = { &camera, &gpu, &overlay_display, &overlay_recording, &display,
         &h264_video, &h264_autolog, &snapshot, &jpeg, &microphone, &aac, &mux_video, &mux_autolog, &snapvoice,
@@ -60,28 +62,23 @@ TEST_F(LaunchDescriptions, LinkedAsTheDaemonLinksThemEveryStagePassesBuffers)
 
     // What a capture does: open the valves and give the muxers files.
     const std::string video_file = _Dir.File("video.mp4");
-    Set(h264_video, "video_h264_valve", "drop", FALSE);
-    Set(h264_autolog, "autolog_h264_valve", "drop", FALSE);
+    for (auto [pipeline, valve] : { std::pair { &h264_video, "video_h264_valve" },
+             { &h264_autolog, "autolog_h264_valve" }, { &mux_video, "video_idr_valve" },
+             { &mux_autolog, "autolog_idr_valve" }, { &snapvoice, "snapvoice_idr_valve" } })
+        Set(*pipeline, valve, "drop", FALSE);
     Set(mux_video, "video_mp4mux_filesink", "location", video_file.c_str());
     Set(mux_autolog, "autolog_mp4mux_filesink", "location", _Dir.File("autolog.mp4").c_str());
     Set(snapvoice, "snapvoice_mp4mux_filesink", "location", _Dir.File("snapvoice.mp4").c_str());
-    Set(mux_video, "video_idr_valve", "drop", FALSE);
-    Set(mux_autolog, "autolog_idr_valve", "drop", FALSE);
-    Set(snapvoice, "snapvoice_idr_valve", "drop", FALSE);
     Set(snapshot, "snapshotSink", "location", _Dir.File("snapshot%d.jpeg").c_str());
 
-    Count(display, "display_sink");
-    Count(h264_video, "video_h264_sink");
-    Count(h264_autolog, "autolog_h264_sink");
-    Count(snapshot, "snapshotSink");
-    Count(jpeg, "jpeg_encode_sink");
-    Count(aac, aacSink.c_str());
-    Count(mux_video, "video_mp4mux_filesink");
-    Count(mux_autolog, "autolog_mp4mux_filesink");
+    for (auto [pipeline, sink] : { std::pair { &display, "display_sink" }, { &h264_video, "video_h264_sink" },
+             { &h264_autolog, "autolog_h264_sink" }, { &snapshot, "snapshotSink" },
+             { &jpeg, "jpeg_encode_sink" }, { &aac, aacSink.c_str() },
+             { &mux_video, "video_mp4mux_filesink" }, { &mux_autolog, "autolog_mp4mux_filesink" },
+             { &tcp_server, "tcp_server_sink" }, { &tcp_client, "tcpclient_video" } })
+        Count(*pipeline, sink);
     // SnapVoice keeps one picture, so its muxer writes little before the end.
     Count(snapvoice, "snapvoice_mp4mux_filesink", 1);
-    Count(tcp_server, "tcp_server_sink");
-    Count(tcp_client, "tcpclient_video");
 
     // Consumers start before their producers, as at start-up, except the TCP
     // client, which needs the server's port.

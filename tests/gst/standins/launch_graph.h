@@ -46,13 +46,6 @@ template <typename Daemon, typename... Args> std::string DescriptionOf(Args&&...
     return pipeline.GetDescription();
 }
 
-inline std::string TcpServerDescription(const std::string& host, int port)
-{
-    TcpServerPipeline server;
-    server.SetServerAddress(host, port);
-    return server.GetDescription();
-}
-
 class LaunchDescriptions : public ::testing::Test
 {
 protected:
