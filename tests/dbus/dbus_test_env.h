@@ -76,6 +76,14 @@ inline bool RunLoopUntil(const std::function<bool()>& done, int timeoutMs = 5000
     return true;
 }
 
+// What a getter of the form `int Get(T&)` stores; the call must succeed. Pass an initial value that
+// differs from the expected one, so a getter that stores nothing is caught.
+template <typename T, typename R> T Read(R (*getter)(T&), T initial = T {})
+{
+    EXPECT_GE(getter(initial), 0);
+    return initial;
+}
+
 // The sections the settings daemon publishes, one object each.
 inline const std::vector<std::string>& SettingsSections()
 {
@@ -89,10 +97,7 @@ inline const std::vector<std::string>& SettingsSections()
 
 // GoogleTest fixture. Construction starts a private dbus-daemon and points DBUS_SESSION_BUS_ADDRESS at it
 // (so sd_bus_open_user and `busctl --user` use it); destruction stops every peer and the bus and restores
-// the environment. Peers are the programs of host/peers, found through VIDEOD_SOURCE_DIR:
-//   "settings"  com.tarnwell.common.Settings1        "storage"   com.tarnwell.common.StorageDaemon1
-//   "helm"      com.tarnwell.common.Helm1            "camd"      com.tarnwell.common.Camd1
-//   "display"   com.tarnwell.common.Display1         "remotecam" com.tarnwell.common.RemoteCamMonitor1
+// the environment. Peers are the programs of host/peers (PeerBusNames), found through VIDEOD_SOURCE_DIR.
 // The bus daemon and the peers are children of the thread that creates the fixture and are sent SIGTERM
 // when it ends, so a crashed test leaves nothing running. Subclasses that override SetUp must call
 // DbusTestEnv::SetUp() first.
@@ -153,7 +158,6 @@ public:
 protected:
     void SetUp() override { ASSERT_TRUE(_Bus) << "private session bus not available: " << _Error; }
 
-    const std::string& BusAddress() const { return _Address; }
     // A directory private to this test, removed at teardown.
     const std::string& TempDir() const { return _TempDir; }
     // The fixture's own connection to the private bus (for calls and signal matches in tests).
@@ -440,14 +444,11 @@ private:
         }
         setenv("DBUS_SESSION_BUS_ADDRESS", _Address.c_str(), 1);
         sd_bus* raw = nullptr;
-        if (sd_bus_new(&raw) < 0)
-            return;
-        SdBusPtr bus(raw);
-        if (sd_bus_set_address(bus.get(), _Address.c_str()) < 0 || sd_bus_set_bus_client(bus.get(), 1) < 0
-            || sd_bus_start(bus.get()) < 0) {
+        if (sd_bus_open_user(&raw) < 0) {
             _Error = "cannot connect to " + _Address;
             return;
         }
+        SdBusPtr bus(raw);
         _Bus = std::move(bus);
     }
 

@@ -9,6 +9,7 @@
 #include "log_capture.h"
 
 using Helmd::HelmDaemonDbusHandler;
+using VideodTest::Read;
 using VideodTest::RunLoopUntil;
 
 namespace
@@ -39,58 +40,33 @@ protected:
 
 } // namespace
 
-TEST_F(HelmClient, ReadsTheVideoStatusAndTheRemoteUnitsCredentials)
+TEST_F(HelmClient, ReadsAndWritesTheStatusCredentialsReelPowerAndCoolingValues)
 {
+    using H = HelmDaemonDbusHandler;
     StartHelm();
-    int32_t status = -1;
-    ASSERT_GE(HelmDaemonDbusHandler::GetPropVideoStatus(status), 0);
-    EXPECT_EQ(status, 1);
+    EXPECT_EQ(Read(&H::GetPropVideoStatus, -1), 1);
     ASSERT_EQ(Set(kService, kPath, kControl, "VideoStatus", { "i", "0" }), 0);
-    ASSERT_GE(HelmDaemonDbusHandler::GetPropVideoStatus(status), 0);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(Read(&H::GetPropVideoStatus, -1), 0);
+    EXPECT_EQ(Read(&H::GetRemoteIP), "192.168.7.2");
+    EXPECT_EQ(Read(&H::GetRemoteDbusAddr), "Xy12AbCd34");
 
-    std::string ip, bus;
-    ASSERT_GE(HelmDaemonDbusHandler::GetRemoteIP(ip), 0);
-    ASSERT_GE(HelmDaemonDbusHandler::GetRemoteDbusAddr(bus), 0);
-    EXPECT_EQ(ip, "192.168.7.2");
-    EXPECT_EQ(bus, "Xy12AbCd34");
-}
-
-TEST_F(HelmClient, ReadsAndWritesTheReelPowerAndCoolingValues)
-{
-    StartHelm();
     SetChild("reel", "Count", { "d", "12.5" });
-    TypedPropertyMap reel;
-    ASSERT_EQ(HelmDaemonDbusHandler::GetReelProperties(reel), 0);
+    TypedPropertyMap reel = Read(&H::GetReelProperties);
     ASSERT_EQ(reel.count("Count"), 1u);
     EXPECT_EQ(reel.at("Count").first, "d");
     EXPECT_DOUBLE_EQ(std::any_cast<double>(reel.at("Count").second), 12.5);
-    double count = 0;
-    ASSERT_GE(HelmDaemonDbusHandler::GetReelCount(count), 0);
-    EXPECT_DOUBLE_EQ(count, 12.5);
-    ASSERT_GE(HelmDaemonDbusHandler::ZeroReelCount(), 0);
-    ASSERT_GE(HelmDaemonDbusHandler::GetReelCount(count), 0);
-    EXPECT_DOUBLE_EQ(count, 0.0);
+    EXPECT_DOUBLE_EQ(Read(&H::GetReelCount), 12.5);
+    ASSERT_GE(H::ZeroReelCount(), 0);
+    EXPECT_DOUBLE_EQ(Read(&H::GetReelCount, -1.0), 0.0);
+    ASSERT_GE(H::SetReelCountMode(2), 0);
+    EXPECT_EQ(Read(&H::GetReelCountMode), 2u);
+    ASSERT_GE(H::SetReelDistanceAbsolute(3.25), 0);
+    EXPECT_DOUBLE_EQ(Read(&H::GetReelDistanceAbsolute), 3.25);
 
-    ASSERT_GE(HelmDaemonDbusHandler::SetReelCountMode(2), 0);
-    uint32_t mode = 0;
-    ASSERT_GE(HelmDaemonDbusHandler::GetReelCountMode(mode), 0);
-    EXPECT_EQ(mode, 2u);
-    ASSERT_GE(HelmDaemonDbusHandler::SetReelDistanceAbsolute(3.25), 0);
-    double absolute = 0;
-    ASSERT_GE(HelmDaemonDbusHandler::GetReelDistanceAbsolute(absolute), 0);
-    EXPECT_DOUBLE_EQ(absolute, 3.25);
-
-    std::vector<double> voltages;
-    ASSERT_GE(HelmDaemonDbusHandler::ReadBatteryVoltages(voltages), 0);
-    EXPECT_EQ(voltages.size(), 1u);
-    std::vector<std::string> types;
-    ASSERT_GE(HelmDaemonDbusHandler::GetBatteryTypes(types), 0);
-    EXPECT_EQ(types.size(), 1u);
+    EXPECT_EQ(Read(&H::ReadBatteryVoltages).size(), 1u);
+    EXPECT_EQ(Read(&H::GetBatteryTypes).size(), 1u);
     SetChild("cooling", "CPUtempC", { "d", "61.5" });
-    double celsius = 0;
-    ASSERT_GE(HelmDaemonDbusHandler::GetCPUtempC(celsius), 0);
-    EXPECT_DOUBLE_EQ(celsius, 61.5);
+    EXPECT_DOUBLE_EQ(Read(&H::GetCPUtempC), 61.5);
 }
 
 TEST_F(HelmClient, ForwardsVideoStatusAndPropertyChangesOfEachObject)

@@ -1,8 +1,6 @@
 // Checks the simulated peer daemons of host/peers through busctl and sd-bus on a private bus.
 #include "dbus/dbus_test_env.h"
 
-#include <sys/statvfs.h>
-
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -195,50 +193,7 @@ TEST_F(Peers, SettingsSendsArbitraryChangesAndCanLeaveKeysOut)
     EXPECT_EQ(kSettings + " sharpen s", FirstChange(changed.get()));
 }
 
-TEST_F(Peers, StorageReportsDirectoriesAsMountedDevicesAndRecordsWriteActivity)
-{
-    const std::string sd = TempDir() + "/sd", usb = TempDir() + "/usb";
-    ASSERT_EQ(0, mkdir(sd.c_str(), 0755));
-    ASSERT_EQ(0, mkdir(usb.c_str(), 0755));
-    ASSERT_TRUE(StartPeer("storage", { sd, "usb=" + usb })) << LastError();
-    const std::string dev0 = kStoragePath + "/device0", dev1 = kStoragePath + "/usb";
-
-    std::string managed;
-    ASSERT_EQ(0,
-        Call(
-            kStorage, kStoragePath, "org.freedesktop.DBus.ObjectManager", "GetManagedObjects", {}, &managed));
-    EXPECT_EQ(0u, managed.rfind("a{oa{sa{sv}}} 2 ", 0)) << managed;
-    EXPECT_NE(std::string::npos, managed.find("\"" + dev1 + "\" ")) << managed;
-    EXPECT_EQ("s \"" + usb + "\"", Get(kStorage, dev1, kDevice, "MountPoint"));
-    EXPECT_EQ("b true", Get(kStorage, dev0, kDevice, "IsMounted"));
-    EXPECT_EQ("s \"" + dev0 + "\"", Get(kStorage, kStoragePath, kStorage, "PrimaryDevice"));
-
-    struct statvfs fs {
-    };
-    ASSERT_EQ(0, statvfs(usb.c_str(), &fs));
-    unsigned long long expected = static_cast<unsigned long long>(fs.f_bavail) * fs.f_frsize;
-    std::string free = Get(kStorage, dev1, kDevice, "FreeSpace");
-    ASSERT_EQ(0u, free.rfind("t ", 0)) << free;
-    unsigned long long reported = std::stoull(free.substr(2));
-    EXPECT_LT(reported > expected ? reported - expected : expected - reported, 64ull << 20);
-
-    ASSERT_EQ(0, Call(kStorage, dev1, kDevice, "SetWriteActive", { "yb", "4", "true" }));
-    ASSERT_EQ(0, Call(kStorage, dev1, kDevice, "SetWriteActive", { "yb", "2", "true" }));
-    EXPECT_NE(0, Call(kStorage, dev1, kDevice, "SetWriteActive", { "yb", "5", "true" }));
-    EXPECT_EQ("b false", Get(kStorage, dev1, kDevice, "IsSafeToRemove"));
-    EXPECT_NE(0, Call(kStorage, dev1, kDevice, "StartFormat"));
-    ASSERT_EQ(0, Call(kStorage, dev1, kDevice, "SetWriteActive", { "yb", "4", "false" }));
-    EXPECT_EQ("ay 1 2", Get(kStorage, dev1, kSim, "WriteActiveTypes"));
-    ASSERT_EQ(0, Call(kStorage, dev1, kDevice, "SetWriteActive", { "yb", "2", "false" }));
-    EXPECT_EQ("b true", Get(kStorage, dev1, kDevice, "IsSafeToRemove"));
-    EXPECT_EQ("u 4", Get(kStorage, dev1, kSim, "SetWriteActiveCount"));
-    EXPECT_EQ(
-        "as 4 \"4:true\" \"2:true\" \"4:false\" \"2:false\"", Get(kStorage, dev1, kSim, "WriteActiveCalls"));
-    EXPECT_EQ("u 0", Get(kStorage, dev0, kSim, "SetWriteActiveCount"));
-    ASSERT_EQ(0, Call(kStorage, dev1, kDevice, "StartFormat"));
-    EXPECT_EQ("u 1", Get(kStorage, dev1, kSim, "FormatCount"));
-}
-
+// Device properties, write activity and formatting are checked through the storage client.
 // The added and removed signals themselves are checked by the storage client and helper library tests.
 TEST_F(Peers, StorageMovesThePrimaryDeviceWhenItGoes)
 {
