@@ -184,8 +184,8 @@ TEST(CameraInputs, DeinterlaceMethodsSetTheTransformAndTheNtscTopFieldFlag)
 
 TEST_F(CameraDeathTest, ControlsWithoutTheTransformEndTheProcess)
 {
-    VideoDaemon::NtscCameraInputPipeline ntsc;
-    VideoDaemon::PalCameraInputPipeline pal;
+    VideoDaemon::NtscCameraInputPipeline ntsc_camera;
+    VideoDaemon::PalCameraInputPipeline pal_camera;
     // A camera whose description lacks the transform element.
     class Stripped : public VideoDaemon::NtscCameraInputPipeline
     {
@@ -194,40 +194,31 @@ TEST_F(CameraDeathTest, ControlsWithoutTheTransformEndTheProcess)
     Stripped stripped;
     ASSERT_TRUE(stripped.Launch(false, false, false));
 
-    const std::string ntsc_file
-        = "\\(camera_input_transform\\).*src/pipelines/ntsc_camera_input_pipeline.cpp";
-    const std::string pal_file
+    const std::string ntsc = "VideoDaemon::NtscCameraInputPipeline::";
+    const std::string pal = "VideoDaemon::PalCameraInputPipeline::";
+    const std::string in_ntsc = "\\(camera_input_transform\\).*src/pipelines/ntsc_camera_input_pipeline.cpp";
+    const std::string in_pal
         = "\\(pal_camera_input_transform\\).*src/pipelines/pal_camera_input_pipeline.cpp";
     const std::string assertion = ":[0-9]+:.*assertion failed: \\(element\\)";
     const struct {
         std::function<void()> control;
         std::string expected;
     } rows[] = {
-        { [&] { ntsc.SetInputCrop(true); },
-            "<3>void VideoDaemon::NtscCameraInputPipeline::SetInputCrop\\(bool\\): pipeline == NULL "
-                + ntsc_file + assertion },
-        { [&] { ntsc.SetDeinterlaceMethod("low-motion"); },
-            "void VideoDaemon::NtscCameraInputPipeline::SetDeinterlaceMethod\\(const string&\\): pipeline == "
-            "NULL "
-                + ntsc_file + assertion },
-        { [&] { ntsc.GetDeinterlaceMethod(); },
-            "std::__cxx11::string VideoDaemon::NtscCameraInputPipeline::GetDeinterlaceMethod\\(\\): pipeline "
-            "== NULL "
-                + ntsc_file },
-        { [&] { pal.SetInputCrop(false); },
-            "void VideoDaemon::PalCameraInputPipeline::SetInputCrop\\(bool\\): pipeline == NULL " + pal_file
+        { [&] { ntsc_camera.SetInputCrop(true); },
+            "<3>void " + ntsc + "SetInputCrop\\(bool\\): pipeline == NULL " + in_ntsc + assertion },
+        { [&] { ntsc_camera.SetDeinterlaceMethod("low-motion"); },
+            "void " + ntsc + "SetDeinterlaceMethod\\(const string&\\): pipeline == NULL " + in_ntsc
                 + assertion },
-        { [&] { pal.SetDeinterlaceMethod("low-motion"); },
-            "void VideoDaemon::PalCameraInputPipeline::SetDeinterlaceMethod\\(std::__cxx11::string\\): "
-            "pipeline == NULL "
-                + pal_file },
-        { [&] { pal.GetDeinterlaceMethod(); },
-            "std::__cxx11::string VideoDaemon::PalCameraInputPipeline::GetDeinterlaceMethod\\(\\) const: "
-            "pipeline == NULL "
-                + pal_file },
+        { [&] { ntsc_camera.GetDeinterlaceMethod(); },
+            "std::__cxx11::string " + ntsc + "GetDeinterlaceMethod\\(\\): pipeline == NULL " + in_ntsc },
+        { [&] { pal_camera.SetInputCrop(false); },
+            "void " + pal + "SetInputCrop\\(bool\\): pipeline == NULL " + in_pal + assertion },
+        { [&] { pal_camera.SetDeinterlaceMethod("low-motion"); },
+            "void " + pal + "SetDeinterlaceMethod\\(std::__cxx11::string\\): pipeline == NULL " + in_pal },
+        { [&] { pal_camera.GetDeinterlaceMethod(); },
+            "std::__cxx11::string " + pal + "GetDeinterlaceMethod\\(\\) const: pipeline == NULL " + in_pal },
         { [&] { stripped.SetInputCrop(true); },
-            "<3>void VideoDaemon::NtscCameraInputPipeline::SetInputCrop\\(bool\\): element == NULL "
-            "\\(camera_input_transform\\).*assertion failed: \\(element\\)" },
+            "<3>void " + ntsc + "SetInputCrop\\(bool\\): element == NULL " + in_ntsc + assertion },
     };
     for (const auto& row : rows)
         EXPECT_DEATH(
