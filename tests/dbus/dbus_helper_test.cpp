@@ -40,27 +40,9 @@ protected:
     }
 };
 
-struct CapturedInterfaces {
-    std::string added_path;
-    sdbus_utils::InterfaceMap added;
-    std::string removed_path;
-    std::vector<std::string> removed;
-    int failures = 0;
-};
-
-int OnInterfacesAdded(sd_bus_message* message, void* userdata, sd_bus_error*)
+int CountSignal(sd_bus_message*, void* userdata, sd_bus_error*)
 {
-    auto* captured = static_cast<CapturedInterfaces*>(userdata);
-    if (sdbus_utils::ParseInterfaceAdded(message, captured->added_path, captured->added) < 0)
-        ++captured->failures;
-    return 0;
-}
-
-int OnInterfacesRemoved(sd_bus_message* message, void* userdata, sd_bus_error*)
-{
-    auto* captured = static_cast<CapturedInterfaces*>(userdata);
-    if (sdbus_utils::ParseInterfaceRemoved(message, captured->removed_path, captured->removed) < 0)
-        ++captured->failures;
+    ++*static_cast<int*>(userdata);
     return 0;
 }
 
@@ -88,15 +70,6 @@ TEST_F(DbusHelperLibrary, PropertiesOfEverySupportedTypeRoundTrip)
     RoundTrip(kVideo, "zoomLevelsDsl", std::vector<double> { 2.0, 1.0, 6.5 });
     RoundTrip(kVideo, "zoomLevelsNonDsl", std::vector<float> { 1.5f, 1.0f, 3.0f });
     RoundTrip(kVideo, "zoomLevelsNonDsl", std::vector<float> {});
-
-    StartStorage();
-    std::vector<std::string> devices;
-    std::string error;
-    ASSERT_EQ(sdbus_utils::GetProperty(
-                  nullptr, kStorage, kStorageBase, kStorage, "AvailableDevices", devices, error),
-        0)
-        << error;
-    EXPECT_EQ(devices, (std::vector<std::string> { kStorageBase + "/sd" }));
 }
 
 TEST_F(DbusHelperLibrary, ATypeMismatchIsANegativeResultWithTheDbusErrorText)
@@ -152,7 +125,7 @@ TEST_F(DbusHelperLibrary, ReadsWholeDictionariesWithAndWithoutTypes)
     EXPECT_EQ(error.rfind("org.freedesktop.DBus.Error.UnknownInterface: ", 0), 0u) << error;
 }
 
-TEST_F(DbusHelperLibrary, ListsManagedObjectsAndParsesTheirChangeSignals)
+TEST_F(DbusHelperLibrary, ReadsStorageObjectsAndParsesTheirChangeSignals)
 {
     StartStorage();
     sdbus_utils::ManagedObjects objects;
@@ -165,14 +138,38 @@ TEST_F(DbusHelperLibrary, ListsManagedObjectsAndParsesTheirChangeSignals)
     EXPECT_EQ(std::any_cast<std::string>(sd.at("MountPoint").second), TempDir());
     EXPECT_EQ(sd.at("FreeSpace").first, "t");
 
+    std::vector<std::string> devices;
+    ASSERT_EQ(sdbus_utils::GetProperty(
+                  nullptr, kStorage, kStorageBase, kStorage, "AvailableDevices", devices, error),
+        0)
+        << error;
+    EXPECT_EQ(devices, (std::vector<std::string> { kStorageBase + "/sd" }));
+
+    struct {
+        std::string added_path, removed_path;
+        sdbus_utils::InterfaceMap added;
+        std::vector<std::string> removed;
+        int failures = 0;
+    } captured;
+    using Captured = decltype(captured);
     DbusHelper::DbusListener listener;
     ASSERT_EQ(listener.Connect(), 0);
-    CapturedInterfaces captured;
     ASSERT_EQ(listener.ListenSignals({
                   { kStorage, kStorageBase, "org.freedesktop.DBus.ObjectManager", "InterfacesAdded",
-                      &OnInterfacesAdded, &captured },
+                      [](sd_bus_message* m, void* data, sd_bus_error*) {
+                          auto* c = static_cast<Captured*>(data);
+                          c->failures += sdbus_utils::ParseInterfaceAdded(m, c->added_path, c->added) < 0;
+                          return 0;
+                      },
+                      &captured },
                   { kStorage, kStorageBase, "org.freedesktop.DBus.ObjectManager", "InterfacesRemoved",
-                      &OnInterfacesRemoved, &captured },
+                      [](sd_bus_message* m, void* data, sd_bus_error*) {
+                          auto* c = static_cast<Captured*>(data);
+                          c->failures
+                              += sdbus_utils::ParseInterfaceRemoved(m, c->removed_path, c->removed) < 0;
+                          return 0;
+                      },
+                      &captured },
               }),
         0);
     ASSERT_EQ(
@@ -211,12 +208,12 @@ TEST_F(DbusHelperLibrary, AHungPeerCostsOnlyTheCallTimeOut)
 TEST_F(DbusHelperLibrary, ConnectorAndListenerManageTheirConnection)
 {
     DbusHelper::DbusListener listener;
-    EXPECT_EQ(listener.ListenSignal("", "", "", "Anything", &OnInterfacesAdded, nullptr), -ENOTCONN);
+    EXPECT_EQ(listener.ListenSignal("", "", "", "Anything", &CountSignal, nullptr), -ENOTCONN);
     ASSERT_EQ(listener.Connect(), 0);
     sd_bus* first = listener.Bus();
     ASSERT_EQ(listener.Connect(), 0);
     EXPECT_EQ(listener.Bus(), first);
-    ASSERT_EQ(listener.ListenSignal("", "", "", "Anything", &OnInterfacesAdded, nullptr), 0);
+    ASSERT_EQ(listener.ListenSignal("", "", "", "Anything", &CountSignal, nullptr), 0);
     EXPECT_EQ(listener.SubscriptionCount(), 1u);
     listener.Disconnect();
     EXPECT_FALSE(listener.IsConnected());
@@ -234,15 +231,6 @@ TEST_F(DbusHelperLibrary, ConnectorAndListenerManageTheirConnection)
     EXPECT_LT(r, 0);
     EXPECT_NE(sdbus_utils::DefaultBus(error), nullptr);
 }
-
-namespace
-{
-int CountSignal(sd_bus_message*, void* userdata, sd_bus_error*)
-{
-    ++*static_cast<int*>(userdata);
-    return 0;
-}
-} // namespace
 
 TEST_F(DbusHelperLibrary, ASignalThatArrivesDuringACallOnTheSameConnectionIsStillDelivered)
 {

@@ -1,8 +1,6 @@
 // Checks the simulated peer daemons of host/peers through busctl and sd-bus on a private bus.
 #include "dbus/dbus_test_env.h"
 
-#include <fstream>
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -120,11 +118,6 @@ TEST_F(Peers, SettingsPublishesEverySectionAndEveryKeyTheDaemonReadsWithItsType)
         }
     }
     EXPECT_EQ(52, checked);
-    EXPECT_EQ("ad 3 1 1 4", Get(kSettings, kSettingsPath + "/video", kSettings, "zoomLevelsDsl"));
-    EXPECT_EQ("s \"180\"", Get(kSettings, kSettingsPath + "/video", kSettings, "rotationSteps"));
-    EXPECT_EQ("s \"1 1\"", Get(kSettings, kSettingsPath + "/video", kSettings, "rollFilterCoeffs"));
-    EXPECT_EQ("u 16", Get(kSettings, kSettingsPath + "/videoRecording", kSettings, "h264EncodingGop"));
-    EXPECT_EQ("b true", Get(kSettings, kSettingsPath + "/capture", kSettings, "autogain"));
 }
 
 TEST_F(Peers, SettingsAcceptsWritesOfTheRightTypeAndAnnouncesEach)
@@ -177,20 +170,12 @@ TEST_F(Peers, SettingsResetsOneKeyOneSectionOrEverything)
     EXPECT_NE(0, Call(kSettings, kSettingsPath, kSettings, "ResetSetting", { "ss", "video", "nosuchkey" }));
 }
 
-TEST_F(Peers, SettingsSendsArbitraryChangesAndCanLeaveKeysOut)
+// The changes it sends on request are checked through the settings client's routing.
+TEST_F(Peers, SettingsCanLeaveKeysOut)
 {
     ASSERT_TRUE(StartPeer("settings", { "--without", "video/sharpen" })) << LastError();
     EXPECT_EQ("error", Get(kSettings, kSettingsPath + "/video", kSettings, "sharpen"));
     EXPECT_EQ("d 0.5", Get(kSettings, kSettingsPath + "/video", kSettings, "sharpenAmount"));
-
-    const std::string bogus = kSettingsPath + "/bogus";
-    ASSERT_TRUE(WatchSignal(kSettings, bogus, "org.freedesktop.DBus.Properties", "PropertiesChanged"));
-    ASSERT_EQ(0,
-        Call(kSettings, kSettingsPath, kSim, "EmitPropertiesChanged",
-            { "osa{sv}", bogus, kSettings, "1", "sharpen", "s", "yes" }));
-    SdBusMessagePtr changed = WaitForMessage();
-    ASSERT_TRUE(changed);
-    EXPECT_EQ(kSettings + " sharpen s", FirstChange(changed.get()));
 }
 
 // Device properties, write activity and formatting are checked through the storage client.
