@@ -1,7 +1,5 @@
 // Remote bus listener: local raw motion samples, and a remote unit's bus reached through ssh.
 #include <algorithm>
-#include <chrono>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -82,9 +80,9 @@ protected:
     // Starts a "remote" bus; returns its identifier and fills its bus id.
     std::string StartRemoteBus(std::string& busId)
     {
-        std::mt19937 random(
-            static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count()));
-        const std::string identifier = "videodtest" + std::to_string(random() % 100000000);
+        // Unique on this machine: the fixture's temporary directory is.
+        const std::string identifier = "videodtest" + TempDir().substr(TempDir().rfind('-') + 1)
+            + std::to_string(_RemoteDaemons.size());
         const std::string out = TempDir() + "/remote-" + identifier;
         const int status = Run({ "sh", "-c",
             "dbus-daemon --session --fork --print-address=1 --print-pid=1 "
