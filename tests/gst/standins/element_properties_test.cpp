@@ -30,10 +30,9 @@ struct StandIn {
 
 const StandIn kStandIns[] = {
     { "vbiread",
-        "line-dup-enabled:b line-dup-top-start:u line-dup-top-stop:u line-dup-bot-start:u "
-        "line-dup-bot-stop:u "
-        "first-top-data-line:u num-top-data-lines:u first-bot-data-line:u num-bot-data-lines:u "
-        "set-tff-flag:b" },
+        "line-dup-enabled:b set-tff-flag:b line-dup-top-start:u line-dup-top-stop:u line-dup-bot-start:u "
+        "line-dup-bot-stop:u first-top-data-line:u num-top-data-lines:u first-bot-data-line:u "
+        "num-bot-data-lines:u" },
     { "idrvalve", "drop:b=FALSE" },
     { "muxpause", "pause_length:t", "", "", "pause:b resume:b reset:b" },
     { "snapvoice", "", "", "", "reset:b" },
@@ -50,8 +49,7 @@ const StandIn kStandIns[] = {
     { "tarnwell-dsl",
         "silent:b dsl-enabled:b plumbline-enabled:b rotation-steps:u[0,2] rotation-threshold:u[0,30] "
         "rotation-frames-trigger:u[0,240] rotation-override:i animation-duration:u max-tilt-angle:i "
-        "sharpen:d "
-        "sharpen-amount:d dsl-auto-zoom-override:b",
+        "sharpen:d sharpen-amount:d dsl-auto-zoom-override:b",
         "", "camera-roll:d camera-tilt:d display-roll:d" },
     { "tarnwell-tiling",
         "silent:b background-mode:u zoom:d max-dsl-zoom-in:d dsl-zoom-period:u dsl-zoom-delay:u "
