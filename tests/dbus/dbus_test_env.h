@@ -174,9 +174,8 @@ protected:
             _Error = "cannot start peer " + peer + (source ? "" : " (VIDEOD_SOURCE_DIR not set)");
             return false;
         }
-        std::vector<std::string> argv { std::string(source) + "/host/peers/" + peer + ".py" };
-        argv.insert(argv.end(), args.begin(), args.end());
-        pid_t pid = Spawn(argv, PeerLogPath(peer), nullptr);
+        pid_t pid = Spawn(
+            Join({ std::string(source) + "/host/peers/" + peer + ".py" }, args), PeerLogPath(peer), nullptr);
         if (pid < 0)
             return false;
         _Peers[peer] = pid;
@@ -266,9 +265,7 @@ protected:
     // `busctl --user <args>` against the private bus.
     int Busctl(const std::vector<std::string>& args, std::string* out = nullptr)
     {
-        std::vector<std::string> argv { "busctl", "--user" };
-        argv.insert(argv.end(), args.begin(), args.end());
-        return Run(argv, out);
+        return Run(Join({ "busctl", "--user" }, args), out);
     }
 
     // busctl get-property's text ("u 2"), without the line end; "error" when the read fails.
@@ -287,18 +284,14 @@ protected:
     int Set(const std::string& service, const std::string& path, const std::string& iface,
         const std::string& name, const std::vector<std::string>& typedValue)
     {
-        std::vector<std::string> args { "set-property", service, path, iface, name };
-        args.insert(args.end(), typedValue.begin(), typedValue.end());
-        return Busctl(args);
+        return Busctl(Join({ "set-property", service, path, iface, name }, typedValue));
     }
 
     // busctl call; args is the signature followed by the arguments.
     int Call(const std::string& service, const std::string& path, const std::string& iface,
         const std::string& method, const std::vector<std::string>& args = {}, std::string* out = nullptr)
     {
-        std::vector<std::string> argv { "call", service, path, iface, method };
-        argv.insert(argv.end(), args.begin(), args.end());
-        return Busctl(argv, out);
+        return Busctl(Join({ "call", service, path, iface, method }, args), out);
     }
 
     // Runs body while the session bus address points at nothing, as on a unit whose bus is down.
@@ -387,6 +380,12 @@ private:
         return true;
     }
 
+    static std::vector<std::string> Join(std::vector<std::string> head, const std::vector<std::string>& tail)
+    {
+        head.insert(head.end(), tail.begin(), tail.end());
+        return head;
+    }
+
     std::string PeerLogPath(const std::string& peer) const { return _TempDir + "/" + peer + ".log"; }
 
     // fork + exec in a new process group, standard error (and output unless outFd) to logPath.
@@ -423,33 +422,26 @@ private:
 
     void StartBus()
     {
-        std::string address = "unix:path=" + _TempDir + "/bus";
         int fds[2];
         if (pipe2(fds, O_CLOEXEC) < 0)
             return;
-        pid_t pid
-            = Spawn({ "dbus-daemon", "--session", "--nofork", "--print-address=1", "--address=" + address },
-                _TempDir + "/dbus-daemon.log", &fds[1]);
+        // The daemon stays our child (so it dies with us); the address it prints says it is ready.
+        _DaemonPid = Spawn({ "dbus-daemon", "--session", "--nofork", "--print-address=1",
+                               "--address=unix:path=" + _TempDir + "/bus" },
+            _TempDir + "/dbus-daemon.log", &fds[1]);
         close(fds[1]);
-        // The daemon stays our child (so it dies with us) and keeps the pipe open: read one line.
         std::string text;
-        if (pid > 0)
+        if (_DaemonPid > 0)
             ReadOutput(fds[0], text, kWaitMs, true);
         close(fds[0]);
-        _DaemonPid = pid;
         _Address = text.substr(0, text.find('\n'));
-        if (_Address.empty() || text.find('\n') == std::string::npos) {
-            _Error = "dbus-daemon did not start: " + text;
-            return;
-        }
-        setenv("DBUS_SESSION_BUS_ADDRESS", _Address.c_str(), 1);
         sd_bus* raw = nullptr;
-        if (sd_bus_open_user(&raw) < 0) {
-            _Error = "cannot connect to " + _Address;
+        if (text.find('\n') == std::string::npos
+            || setenv("DBUS_SESSION_BUS_ADDRESS", _Address.c_str(), 1) < 0 || sd_bus_open_user(&raw) < 0) {
+            _Error = "dbus-daemon did not start or cannot be reached: " + text;
             return;
         }
-        SdBusPtr bus(raw);
-        _Bus = std::move(bus);
+        _Bus.reset(raw);
     }
 
     std::string _TempDir;
