@@ -169,6 +169,8 @@ TEST(InterpipeRouting, ASecondSinkWithATakenNameFailsWithAnElementError)
 // each listener sees what its producer forwards and it accepts, and nothing else.
 TEST(InterpipeEvents, EventsAndEndOfStreamReachListenersOnlyWhenForwardedAndAccepted)
 {
+    // Each listener's appsink keeps only the newest frame, so pulls see the present.
+    const std::string kNewest = "max-buffers=1 drop=true";
     TestPipeline forwarding(Producer("event_fwd", "white", "forward-events=true forward-eos=true"));
     TestPipeline keeping(Producer("event_keep", "white", "forward-events=false forward-eos=false"));
     struct Row {
@@ -186,8 +188,8 @@ TEST(InterpipeEvents, EventsAndEndOfStreamReachListenersOnlyWhenForwardedAndAcce
     ASSERT_TRUE(forwarding.Play());
     ASSERT_TRUE(keeping.Play());
     for (Row& row : rows) {
-        row.listener
-            = std::make_unique<TestPipeline>(Listener(std::string("is-live=true ") + row.properties));
+        row.listener = std::make_unique<TestPipeline>(
+            Listener(std::string("is-live=true ") + row.properties, kNewest));
         ObjectPtr<GstPad> pad(gst_element_get_static_pad(row.listener->Element("out").get(), "sink"));
         gst_pad_add_probe(
             pad.get(), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM,
@@ -210,7 +212,7 @@ TEST(InterpipeEvents, EventsAndEndOfStreamReachListenersOnlyWhenForwardedAndAcce
         gst_pad_send_event(
             pad.get(), gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM, gst_structure_new_empty("marker")));
     }
-    // Once later frames are out, the event is too.
+    // Once later frames are out, the event has passed (each pull waits for a new frame).
     for (Row& row : rows) {
         for (int i = 0; i < 10; ++i)
             ASSERT_TRUE(row.listener->Pull("out")) << row.properties;
