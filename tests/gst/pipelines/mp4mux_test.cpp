@@ -106,6 +106,60 @@ TEST(Mp4muxPipeline, OperationsBeforeLaunchReportTheMissingPipeline)
         EXPECT_TRUE(log.Contains(priority, line)) << line;
 }
 
+TEST(Mp4muxPipeline, EveryPauseHandsTheVideoPauseLengthToTheAudio)
+{
+    Mp4muxPipeline mux("video");
+    ASSERT_TRUE(mux.Launch(false, false, false));
+    auto video = ElementOf(mux, "video_mp4mux_vid_pause");
+    ASSERT_TRUE(video);
+    for (guint64 set : { G_GUINT64_CONSTANT(1500000000), G_GUINT64_CONSTANT(2750000000) }) {
+        g_object_set(video.get(), "pause_length", set, nullptr);
+        mux.SetMuxPause(true);
+        EXPECT_EQ(PropertyOf<guint64>(mux, "video_mp4mux_aud_pause", "pause_length"), set);
+        mux.SetMuxPause(false);
+    }
+}
+
+TEST(Mp4muxPipeline, KeepsTheRecoveryFileCountsWithTheTrackerAndKillsThePipelineOnCloseWithoutEos)
+{
+    TempDir dir;
+    const std::string file = dir.File("killed.mp4");
+    const std::string recovery = dir.File("killed.mrf");
+    RecordingChain chain;
+    ASSERT_TRUE(chain.Start()) << chain.failure;
+    {
+        LogCapture log;
+        ASSERT_TRUE(chain.StartRecording(file, recovery)) << chain.failure;
+        EXPECT_TRUE(log.Contains(LOG_INFO, "SetMoovRecoveryFile '" + recovery + "'"));
+    }
+    ASSERT_TRUE(RunMainLoopUntil([&] { return chain.mux->GetBytesWritten() > 0; }, 3000));
+    // The muxer keeps its recovery file while the file is written.
+    VideoDaemon::GCharPtr recovery_set(PropertyOf<gchar*>(*chain.mux, "video_mux", "moov-recovery-file"));
+    EXPECT_STREQ(recovery_set.get(), recovery.c_str());
+    EXPECT_TRUE(std::filesystem::exists(recovery));
+
+    // Counting already: a second enable stops it, a third counts again.
+    EXPECT_TRUE(chain.mux->EnableTrackerSignals(true));
+    const guint64 frozen = chain.mux->GetBytesWritten();
+    Sleep(700);
+    EXPECT_EQ(chain.mux->GetBytesWritten(), frozen);
+    EXPECT_FALSE(PropertyOf<gboolean>(*chain.mux, "video_mp4mux_tracker", "silent"));
+    EXPECT_TRUE(chain.mux->EnableTrackerSignals(true));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return chain.mux->GetBytesWritten() > frozen; }, 3000));
+    EXPECT_TRUE(chain.mux->EnableTrackerSignals(false));
+    EXPECT_TRUE(PropertyOf<gboolean>(*chain.mux, "video_mp4mux_tracker", "silent"));
+
+    LogCapture log;
+    EXPECT_EQ(chain.mux->CloseRecord(false), 0);
+    EXPECT_TRUE(log.Contains(LOG_ERR, "Killing off MP4 pipeline without sending EOS..."));
+    EXPECT_FALSE(log.ContainsText("Sending EOS event"));
+    EXPECT_EQ(chain.mux->GetState(), GST_STATE_NULL);
+    EXPECT_EQ(chain.mux->GetPreviousLocation(), file);
+    EXPECT_EQ(chain.mux->GetLocation(), "");
+    EXPECT_TRUE(PropertyOf<gboolean>(*chain.mux, "video_idr_valve", "drop"));
+    chain.Stop();
+}
+
 // One recording paused half-way: the file must be what a capture promises
 // (H.264 main, AAC 48 kHz stereo, starting on an IDR frame although the
 // encoder has run for a while) and show no trace of the pause.
@@ -113,22 +167,15 @@ TEST(Mp4muxPipeline, RecordsH264MainAndAac48kStereoFromAnIdrFrameWithoutAGapAcro
 {
     TempDir dir;
     const std::string file = dir.File("recording.mp4");
-    const std::string recovery = dir.File("recording.mrf");
     RecordingChain chain;
     ASSERT_TRUE(chain.Start()) << chain.failure;
     Sleep(500);
 
     LogCapture log;
     auto segment = std::chrono::steady_clock::now();
-    ASSERT_TRUE(chain.StartRecording(file, recovery)) << chain.failure;
+    ASSERT_TRUE(chain.StartRecording(file)) << chain.failure;
     EXPECT_TRUE(log.Contains(LOG_INFO, "OpenRecord '" + file + "'"));
-    EXPECT_TRUE(log.Contains(LOG_INFO, "SetMoovRecoveryFile '" + recovery + "'"));
     Sleep(1500);
-    EXPECT_TRUE(RunMainLoopUntil([&] { return chain.mux->GetBytesWritten() > 0; }, 3000));
-    // The muxer keeps its recovery file while the file is written.
-    VideoDaemon::GCharPtr recovery_set(PropertyOf<gchar*>(*chain.mux, "video_mux", "moov-recovery-file"));
-    EXPECT_STREQ(recovery_set.get(), recovery.c_str());
-    EXPECT_TRUE(std::filesystem::exists(recovery));
     double recorded = Seconds(segment);
 
     ASSERT_TRUE(chain.Pause());
@@ -167,51 +214,6 @@ TEST(Mp4muxPipeline, RecordsH264MainAndAac48kStereoFromAnIdrFrameWithoutAGapAcro
     // IDR frame (one every 16 frames), so it may skip up to half a second.
     EXPECT_LT(LargestGap(audio), 0.3);
     EXPECT_LT(LargestGap(video), 0.7);
-}
-
-TEST(Mp4muxPipeline, EveryPauseHandsTheVideoPauseLengthToTheAudio)
-{
-    Mp4muxPipeline mux("video");
-    ASSERT_TRUE(mux.Launch(false, false, false));
-    auto video = ElementOf(mux, "video_mp4mux_vid_pause");
-    ASSERT_TRUE(video);
-    for (guint64 set : { G_GUINT64_CONSTANT(1500000000), G_GUINT64_CONSTANT(2750000000) }) {
-        g_object_set(video.get(), "pause_length", set, nullptr);
-        mux.SetMuxPause(true);
-        EXPECT_EQ(PropertyOf<guint64>(mux, "video_mp4mux_aud_pause", "pause_length"), set);
-        mux.SetMuxPause(false);
-    }
-}
-
-TEST(Mp4muxPipeline, TheTrackerTogglesWithEveryEnableAndCloseWithoutEosKillsThePipeline)
-{
-    TempDir dir;
-    const std::string file = dir.File("killed.mp4");
-    RecordingChain chain;
-    ASSERT_TRUE(chain.Start()) << chain.failure;
-    ASSERT_TRUE(chain.StartRecording(file)) << chain.failure;
-    ASSERT_TRUE(RunMainLoopUntil([&] { return chain.mux->GetBytesWritten() > 0; }, 3000));
-
-    // Counting already: a second enable stops it, a third counts again.
-    EXPECT_TRUE(chain.mux->EnableTrackerSignals(true));
-    const guint64 frozen = chain.mux->GetBytesWritten();
-    Sleep(700);
-    EXPECT_EQ(chain.mux->GetBytesWritten(), frozen);
-    EXPECT_FALSE(PropertyOf<gboolean>(*chain.mux, "video_mp4mux_tracker", "silent"));
-    EXPECT_TRUE(chain.mux->EnableTrackerSignals(true));
-    ASSERT_TRUE(RunMainLoopUntil([&] { return chain.mux->GetBytesWritten() > frozen; }, 3000));
-    EXPECT_TRUE(chain.mux->EnableTrackerSignals(false));
-    EXPECT_TRUE(PropertyOf<gboolean>(*chain.mux, "video_mp4mux_tracker", "silent"));
-
-    LogCapture log;
-    EXPECT_EQ(chain.mux->CloseRecord(false), 0);
-    EXPECT_TRUE(log.Contains(LOG_ERR, "Killing off MP4 pipeline without sending EOS..."));
-    EXPECT_FALSE(log.ContainsText("Sending EOS event"));
-    EXPECT_EQ(chain.mux->GetState(), GST_STATE_NULL);
-    EXPECT_EQ(chain.mux->GetPreviousLocation(), file);
-    EXPECT_EQ(chain.mux->GetLocation(), "");
-    EXPECT_TRUE(PropertyOf<gboolean>(*chain.mux, "video_idr_valve", "drop"));
-    chain.Stop();
 }
 
 TEST(SnapvoicePipeline, RecordsAStillPictureWithNarration)
