@@ -13,7 +13,7 @@ using Camerad::CameraDaemonObject;
 using Camerad::CameraObject;
 using Camerad::TilingCameraMode;
 using VideoDaemon::Log::kError;
-using VideodTest::RunLoopUntil;
+using VideodTest::RunMainLoopUntil;
 
 namespace
 {
@@ -75,15 +75,15 @@ TEST_F(CameraClient, FollowsTheActiveIndexAndCamerasComingAndGoing)
     daemon._ActiveCameraIndexChanged.connect([&](int32_t index) { indexes.push_back(index); });
 
     ASSERT_EQ(Call(kService, kBase, kSim, "AddCamera"), 0);
-    ASSERT_TRUE(RunLoopUntil([&] { return daemon.CameraPaths().size() == 2; }));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return daemon.CameraPaths().size() == 2; }));
     ASSERT_EQ(Set(kService, kBase, kService, "ActiveCameraIndex", { "i", "1" }), 0);
-    ASSERT_TRUE(RunLoopUntil([&] { return !indexes.empty(); }));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return !indexes.empty(); }));
     EXPECT_EQ(indexes, (std::vector<int32_t> { 1 }));
     ASSERT_NE(daemon.GetActiveCamera(), nullptr);
     EXPECT_EQ(daemon.GetActiveCamera()->Path(), kBase + "/Camera1");
 
     ASSERT_EQ(Call(kService, kBase, kSim, "RemoveCamera", { "i", "1" }), 0);
-    ASSERT_TRUE(RunLoopUntil([&] { return daemon.CameraPaths().size() == 1 && indexes.size() == 2; }));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return daemon.CameraPaths().size() == 1 && indexes.size() == 2; }));
     EXPECT_EQ(indexes.back(), -1);
     EXPECT_EQ(daemon.GetActiveCamera(), nullptr);
 }

@@ -10,7 +10,7 @@
 #include "dbus/dbus_test_env.h"
 #include "riginfo/this_model.h"
 
-using VideodTest::RunLoopUntil;
+using VideodTest::RunMainLoopUntil;
 
 namespace
 {
@@ -177,7 +177,7 @@ TEST_F(DbusHelperLibrary, ReadsStorageObjectsAndParsesTheirChangeSignals)
         0);
     ASSERT_EQ(
         Call(kStorage, kStorageBase, "com.tarnwell.host.Simulation", "RemoveDevice", { "s", "usb" }), 0);
-    ASSERT_TRUE(RunLoopUntil([&] { return !captured.removed_path.empty(); }));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return !captured.removed_path.empty(); }));
     EXPECT_EQ(captured.failures, 0);
     EXPECT_EQ(captured.added_path, kStorageBase + "/usb");
     EXPECT_EQ(std::any_cast<std::string>(captured.added.at(kDevice).at("Id").second), "usb");
@@ -246,5 +246,5 @@ TEST_F(DbusHelperLibrary, ASignalThatArrivesDuringACallOnTheSameConnectionIsStil
     std::string error;
     ASSERT_EQ(
         sdbus_utils::SetProperty(listener.Bus(), kSettings, kVideo, kSettings, "sharpen", true, error), 0);
-    EXPECT_TRUE(RunLoopUntil([&] { return changes == 1; }));
+    EXPECT_TRUE(RunMainLoopUntil([&] { return changes == 1; }));
 }

@@ -13,6 +13,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/main_loop_wait.h"
+
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -63,18 +65,7 @@ inline std::string ReadFile(const std::string& path)
     return text.str();
 }
 
-// Iterates the default main context (where the clients' connections are serviced) until done, bounded.
-inline bool RunLoopUntil(const std::function<bool()>& done, int timeoutMs = 5000)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        if (!g_main_context_iteration(nullptr, FALSE))
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
+using TestSupport::RunMainLoopUntil;
 
 // What a getter of the form `int Get(T&)` stores; the call must succeed. Pass an initial value that
 // differs from the expected one, so a getter that stores nothing is caught.

@@ -10,7 +10,7 @@
 
 using Helmd::HelmDaemonDbusHandler;
 using VideodTest::Read;
-using VideodTest::RunLoopUntil;
+using VideodTest::RunMainLoopUntil;
 
 namespace
 {
@@ -87,7 +87,7 @@ TEST_F(HelmClient, ForwardsVideoStatusAndPropertyChangesOfEachObject)
     client._KeyPressed.connect([&] { ++keys; });
 
     ASSERT_EQ(Set(kService, kPath, kControl, "VideoStatus", { "i", "2" }), 0);
-    ASSERT_TRUE(RunLoopUntil([&] { return !statuses.empty(); }));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return !statuses.empty(); }));
     EXPECT_EQ(statuses, (std::vector<int32_t> { 2 }));
 
     SetChild("reel", "Connected", { "b", "true" });
@@ -96,7 +96,7 @@ TEST_F(HelmClient, ForwardsVideoStatusAndPropertyChangesOfEachObject)
     SetChild("power", "PowerSource", { "s", "battery" });
     ASSERT_EQ(
         Call(kService, kPath, "com.tarnwell.host.Simulation", "EmitKeyPressEvent", { "uu", "3", "1" }), 0);
-    ASSERT_TRUE(RunLoopUntil([&] {
+    ASSERT_TRUE(RunMainLoopUntil([&] {
         return !reel.empty() && !distance.empty() && !cooling.empty() && !power.empty() && keys == 1;
     }));
     EXPECT_TRUE(std::any_cast<bool>(reel.at("Connected").second));

@@ -13,7 +13,7 @@ using VideoDaemon::DbusListener;
 using VideoDaemon::Log::kError;
 using VideoDaemon::Log::kInfo;
 using VideodTest::ReadFile;
-using VideodTest::RunLoopUntil;
+using VideodTest::RunMainLoopUntil;
 
 namespace
 {
@@ -138,7 +138,7 @@ TEST_F(RemoteBusListener, AnEmptyHostOrIdentifierOpensOnlyTheLocalBus)
                   "com.tarnwell.host.Simulation", "EmitRawMotionData",
                   { "ddddddd", "1.5", "2", "3", "4", "5", "6.25", "7" }),
         0);
-    ASSERT_TRUE(RunLoopUntil([&] { return !samples.empty(); }));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return !samples.empty(); }));
     EXPECT_EQ(samples.front(), (std::vector<double> { 1.5, 2, 3, 4, 5, 6.25, 7 }));
 }
 
@@ -178,11 +178,11 @@ TEST_F(RemoteBusListener, RestartingWithAnotherRemoteAddressClosesThePreviousCon
             return -1;
         return static_cast<int>(std::count(out.begin(), out.end(), '\n'));
     };
-    EXPECT_TRUE(RunLoopUntil([&] { return clients() == 2; })) << clients(); // the listener's bridge too
+    EXPECT_TRUE(RunMainLoopUntil([&] { return clients() == 2; })) << clients(); // the listener's bridge too
 
     ASSERT_EQ(listener.Start("remote-unit", second), 0);
     EXPECT_EQ(BusId(listener.RemoteBus()), second_id);
-    EXPECT_TRUE(RunLoopUntil([&] { return clients() == 1; })) << clients();
+    EXPECT_TRUE(RunMainLoopUntil([&] { return clients() == 1; })) << clients();
 }
 
 TEST_F(RemoteBusListener, AnUnreachableRemoteBusFailsTheStart)

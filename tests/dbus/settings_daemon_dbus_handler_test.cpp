@@ -9,7 +9,7 @@
 
 using Settingsd::SettingsDaemonDbusHandler;
 using VideoDaemon::Log::kError;
-using VideodTest::RunLoopUntil;
+using VideodTest::RunMainLoopUntil;
 
 namespace
 {
@@ -146,8 +146,8 @@ TEST_F(SettingsClient, RoutesEachSectionsChangeToTheGeneralSignalThenToItsOwn)
     EmitChange(kBase + "/video", { "sharpen", "s", "yes" });
     EmitChange(kBase + "/lighting", { "level", "u", "3" });
     const size_t expected = 2 * sections.size() + 3;
-    ASSERT_TRUE(RunLoopUntil([&] { return order.size() >= expected; }));
-    VideodTest::RunLoopUntil([] { return false; }, 100); // nothing more arrives
+    ASSERT_TRUE(RunMainLoopUntil([&] { return order.size() >= expected; }));
+    VideodTest::RunMainLoopUntil([] { return false; }, 100); // nothing more arrives
     ASSERT_EQ(order.size(), expected);
     for (size_t i = 0; i < sections.size(); ++i) {
         EXPECT_EQ(order[2 * i], "general " + sections[i]);
@@ -175,7 +175,7 @@ TEST_F(SettingsClient, AChangeOfAPathEndingInASlashIsRejectedAsMalformed)
     // "/" is the one object path D-Bus carries that ends in a slash.
     EmitChange("/", { "sharpen", "b", "true" });
     ASSERT_TRUE(
-        RunLoopUntil([&] { return log.Contains(kError, kHandlerSignature + ": Mallformed path string"); }));
+        RunMainLoopUntil([&] { return log.Contains(kError, kHandlerSignature + ": Mallformed path string"); }));
     EXPECT_EQ(signals, 0);
 }
 
@@ -223,7 +223,7 @@ TEST_F(SettingsClientWithoutDaemon, ListenStillSubscribesSoALaterDaemonIsHeard)
     client._CaptureSettingsChanged.connect([&](const TypedPropertyMap&) { ++changes; });
     ASSERT_TRUE(StartPeer("settings")) << LastError();
     ASSERT_EQ(Set(kService, kBase + "/capture", kService, "jpegImageQuality", { "u", "60" }), 0);
-    EXPECT_TRUE(RunLoopUntil([&] { return changes == 1; }));
+    EXPECT_TRUE(RunMainLoopUntil([&] { return changes == 1; }));
 }
 
 TEST_F(SettingsClientWithoutDaemon, ListenWithoutABusLogsAndFails)

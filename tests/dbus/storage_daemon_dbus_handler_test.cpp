@@ -10,7 +10,7 @@
 
 using Storaged::StorageDaemonDbusHandler;
 using Storaged::StoragePath;
-using VideodTest::RunLoopUntil;
+using VideodTest::RunMainLoopUntil;
 
 namespace
 {
@@ -222,16 +222,16 @@ TEST_F(StorageClient, ListenerReportsDevicesComingAndGoing)
     std::filesystem::create_directories(extra);
     ASSERT_EQ(
         Call(kService, kBase, "com.tarnwell.host.Simulation", "AddDevice", { "ss", "extra", extra }), 0);
-    ASSERT_TRUE(RunLoopUntil([&] { return !added.empty(); }));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return !added.empty(); }));
     EXPECT_EQ(added, kBase + "/extra");
     EXPECT_EQ(added_mount, extra);
     EXPECT_TRUE(log.Contains(VideoDaemon::Log::kInfo, "[StorageDaemonDbusHandler] Interface Added\n"));
 
     ASSERT_EQ(Set(kService, kBase + "/extra", kDevice, "IsMounted", { "b", "false" }), 0);
-    ASSERT_TRUE(RunLoopUntil([&] { return !mounted; }));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return !mounted; }));
 
     ASSERT_EQ(Call(kService, kBase, "com.tarnwell.host.Simulation", "RemoveDevice", { "s", "extra" }), 0);
-    ASSERT_TRUE(RunLoopUntil([&] { return !removed.empty(); }));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return !removed.empty(); }));
     EXPECT_EQ(removed, kBase + "/extra");
     EXPECT_TRUE(log.Contains(VideoDaemon::Log::kInfo, "[StorageDaemonDbusHandler] Interface Removed\n"));
 }

@@ -15,6 +15,7 @@
 #include "log.h"
 #include "pipelines/pipeline.h"
 #include "support/gst_test_pipeline.h"
+#include "support/main_loop_wait.h"
 
 namespace PipelineHarness
 {
@@ -29,18 +30,7 @@ public:
 inline ::testing::Environment* const gst_environment
     = ::testing::AddGlobalTestEnvironment(new GstEnvironment);
 
-// Turns the default main context until `done` holds or `timeout_ms` passes.
-inline bool RunMainLoopUntil(const std::function<bool()>& done, int timeout_ms = 5000)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        if (!g_main_context_iteration(nullptr, FALSE))
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
+using TestSupport::RunMainLoopUntil;
 
 // Turns the default main context for `ms` milliseconds.
 inline void RunMainLoopFor(int ms)
