@@ -11,7 +11,7 @@
 #include <unordered_map>
 
 #include "pipelines/framerate_probe.h"
-#include "pipelines/gst_ptr.h"
+#include "common/gst_ptr.h"
 
 namespace VideoDaemon
 {

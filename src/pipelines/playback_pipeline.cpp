@@ -27,11 +27,6 @@ const GstSeekFlags kTrickNoAudioFlags = static_cast<GstSeekFlags>(
     kTrickFlags | GST_SEEK_FLAG_TRICKMODE_KEY_UNITS | GST_SEEK_FLAG_TRICKMODE_NO_AUDIO);
 const gint64 kNoStop = -1;
 
-struct GstQueryUnref {
-    void operator()(GstQuery* query) const { gst_query_unref(query); }
-};
-using GstQueryPtr = std::unique_ptr<GstQuery, GstQueryUnref>;
-
 GstElement* MakeElement(const char* factory, const char* name)
 {
     GstElement* element = gst_element_factory_make(factory, name);

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "pipelines/gst_ptr.h"
+#include "common/gst_ptr.h"
 
 namespace VideoDaemon
 {
