@@ -1,12 +1,16 @@
 # Test registration shared by every test folder.
 #
-# videod_add_tests(LABEL <label> LIBS <libs...> [SERIAL <test names...>])
+# videod_add_tests(LABEL <label> LIBS <libs...> [REALTIME <names...>] [SERIAL <names...>])
 # turns every *_test.cpp of the calling folder into one GoogleTest executable
-# and one ctest entry, labelled <label>. The tests run against the stand-in
+# whose cases become one ctest entry each (`ctest -R Suite.Case` runs one,
+# `-j` spreads them), labelled <label>. Executables named after REALTIME are
+# also labelled "realtime": they encode or play media live against the clock,
+# which user-mode emulation of the board cannot keep up with. Cases of the
+# executables named after SERIAL share the resource lock "tcp4000" (TCP port
+# 4000) and never run at the same time. The tests run against the stand-in
 # plug-in of the build tree with a private registry, so the machine's own
 # GStreamer registry is never touched, and with the software sound device of
-# host/alsa, so results never depend on the machine's sound card. Names listed after SERIAL share the
-# resource lock "tcp4000" (TCP port 4000) and never run at the same time.
+# host/alsa, so results never depend on the machine's sound card.
 
 set(VIDEOD_PLUGIN_DIR "${CMAKE_BINARY_DIR}/host/gst")
 set(VIDEOD_TEST_ENV
@@ -28,8 +32,10 @@ if(CMAKE_CROSSCOMPILING)
        "VIDEOD_EMULATED=1")
 endif()
 
+include(GoogleTest)
+
 function(videod_add_tests)
-  cmake_parse_arguments(ARG "" "LABEL" "LIBS;SERIAL" ${ARGN})
+  cmake_parse_arguments(ARG "" "LABEL" "LIBS;SERIAL;REALTIME" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/*_test.cpp")
   foreach(source ${sources})
     get_filename_component(name "${source}" NAME_WE)
@@ -37,14 +43,30 @@ function(videod_add_tests)
     target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest GTest::gtest_main
                           Threads::Threads)
     target_include_directories(${name} PRIVATE "${CMAKE_SOURCE_DIR}/tests" "${CMAKE_SOURCE_DIR}/src")
-    add_test(NAME ${name} COMMAND ${name})
-    set_tests_properties(${name} PROPERTIES LABELS "${ARG_LABEL}"
-                         ENVIRONMENT "${VIDEOD_TEST_ENV}" TIMEOUT 300)
     if(TARGET gstvideodhost)
       add_dependencies(${name} gstvideodhost)
     endif()
-  endforeach()
-  foreach(name ${ARG_SERIAL})
-    set_tests_properties(${name} PROPERTIES RESOURCE_LOCK tcp4000)
+    set(labels "${ARG_LABEL}")
+    if(name IN_LIST ARG_REALTIME)
+      list(APPEND labels realtime)
+    endif()
+    set(lock "")
+    if(name IN_LIST ARG_SERIAL)
+      set(lock RESOURCE_LOCK tcp4000)
+    endif()
+    # Listed when ctest runs, so a build never has to start the test programs
+    # (under emulation that takes a while).
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120)
+    # The discovery script flattens list-valued properties (labels, the
+    # environment), so they are set on the discovered cases by a file that
+    # ctest reads after the discovery.
+    set(properties_file "${CMAKE_CURRENT_BINARY_DIR}/${name}_properties.cmake")
+    file(GENERATE OUTPUT "${properties_file}" CONTENT
+         "if(${name}_TESTS)
+  set_tests_properties(\${${name}_TESTS} PROPERTIES LABELS \"${labels}\"
+                       ENVIRONMENT \"${VIDEOD_TEST_ENV}\" TIMEOUT 300 ${lock})
+endif()
+")
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${properties_file}")
   endforeach()
 endfunction()
