@@ -10,13 +10,14 @@
 // Example: gst-launch-1.0 videotestsrc ! imxipuvideosink sync=false output-rotation=5
 #include "imx_ipu_video_sink.h"
 
-#include "imx_owned.h"
+#include "common/gst_ptr.h"
+#include "common/gst_video_ptr.h"
 
 #include <gst/video/video.h>
 
 #include <cstring>
 
-using namespace ImxStandIn;
+using namespace VideoDaemon;
 
 GST_DEBUG_CATEGORY_STATIC(imx_ipu_video_sink_debug);
 #define GST_CAT_DEFAULT imx_ipu_video_sink_debug
@@ -53,7 +54,7 @@ struct State {
     bool force_aspect_ratio = true;
     guint64 frames_shown = 0;
     guint64 frames_dropped = 0;
-    SamplePtr last_sample;
+    GstSamplePtr last_sample;
 };
 
 } // namespace
@@ -107,7 +108,7 @@ void SourcePixel(gint rotation, int x, int y, int width, int height, int* sx, in
 
 // The frame as the rotated panel shows it, or null when the format cannot be
 // rotated pixel by pixel (pairs of pixels sharing chroma in one word).
-SamplePtr RotatedSample(GstBuffer* buffer, GstCaps* caps, const GstSegment* segment, gint rotation)
+GstSamplePtr RotatedSample(GstBuffer* buffer, GstCaps* caps, const GstSegment* segment, gint rotation)
 {
     GstVideoInfo in_info;
     if (!caps || !gst_video_info_from_caps(&in_info, caps))
@@ -124,10 +125,10 @@ SamplePtr RotatedSample(GstBuffer* buffer, GstCaps* caps, const GstSegment* segm
     const int height = GST_VIDEO_INFO_HEIGHT(&in_info);
     gst_video_info_set_format(&out_info, GST_VIDEO_INFO_FORMAT(&in_info),
         SwapsSides(rotation) ? height : width, SwapsSides(rotation) ? width : height);
-    BufferPtr rotated(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&out_info), nullptr));
+    GstBufferPtr rotated(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&out_info), nullptr));
     {
-        MappedFrame in(&in_info, buffer, GST_MAP_READ);
-        MappedFrame out(&out_info, rotated.get(), GST_MAP_WRITE);
+        MappedVideoFrame in(&in_info, buffer, GST_MAP_READ);
+        MappedVideoFrame out(&out_info, rotated.get(), GST_MAP_WRITE);
         if (!in.Ok() || !out.Ok())
             return nullptr;
         for (guint p = 0; p < GST_VIDEO_INFO_N_PLANES(&in_info); ++p) {
@@ -154,7 +155,7 @@ SamplePtr RotatedSample(GstBuffer* buffer, GstCaps* caps, const GstSegment* segm
     }
     gst_buffer_copy_into(rotated.get(), buffer, GST_BUFFER_COPY_METADATA, 0, static_cast<gsize>(-1));
     g_autoptr(GstCaps) out_caps = gst_video_info_to_caps(&out_info);
-    return SamplePtr(gst_sample_new(rotated.get(), out_caps, segment, nullptr));
+    return GstSamplePtr(gst_sample_new(rotated.get(), out_caps, segment, nullptr));
 }
 
 GstFlowReturn Render(GstBaseSink* sink, GstBuffer* buffer)
@@ -164,7 +165,7 @@ GstFlowReturn Render(GstBaseSink* sink, GstBuffer* buffer)
     const gint rotation = s->rotation;
     const bool drop = s->drop_frames;
     GST_OBJECT_UNLOCK(sink);
-    SamplePtr shown;
+    GstSamplePtr shown;
     if (!drop) {
         g_autoptr(GstCaps) caps = gst_pad_get_current_caps(GST_BASE_SINK_PAD(sink));
         if (rotation != kRotationNone)

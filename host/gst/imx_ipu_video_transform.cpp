@@ -11,12 +11,13 @@
 //   input-crop=true ! video/x-raw,format=RGBA,width=640,height=480 ! fakesink
 #include "imx_ipu_video_transform.h"
 
-#include "imx_owned.h"
+#include "common/gst_ptr.h"
+#include "common/gst_video_ptr.h"
 
 #include <algorithm>
 #include <tuple>
 
-using namespace ImxStandIn;
+using namespace VideoDaemon;
 
 GST_DEBUG_CATEGORY_STATIC(imx_ipu_video_transform_debug);
 #define GST_CAT_DEFAULT imx_ipu_video_transform_debug
@@ -61,7 +62,7 @@ struct CachedConverter {
     Picture picture = Picture::Frame;
     Window window {};
     bool weave = false;
-    ConverterPtr converter;
+    GstVideoConverterPtr converter;
 };
 
 struct State {
@@ -303,8 +304,8 @@ GstFlowReturn TransformFrame(GstVideoFilter* filter, GstVideoFrame* in_frame, Gs
         = ConverterFor(self, Picture::BottomField, window, true, &filter->in_info, &filter->out_info);
     if (!bottom)
         return GST_FLOW_NOT_NEGOTIATED;
-    BufferPtr scratch(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&filter->out_info), nullptr));
-    MappedFrame bottom_out(&filter->out_info, scratch.get(), GST_MAP_READWRITE);
+    GstBufferPtr scratch(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&filter->out_info), nullptr));
+    MappedVideoFrame bottom_out(&filter->out_info, scratch.get(), GST_MAP_READWRITE);
     if (!bottom_out.Ok())
         return GST_FLOW_ERROR;
     GstVideoFrame bottom_field = ProgressiveFrame(in_frame, Picture::BottomField);

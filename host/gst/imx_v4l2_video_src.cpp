@@ -8,7 +8,8 @@
 //   video/x-raw,format=UYVY,width=720,height=504,interlace-mode=interleaved ! fakesink
 #include "imx_v4l2_video_src.h"
 
-#include "imx_owned.h"
+#include "common/gst_ptr.h"
+#include "common/gst_video_ptr.h"
 
 #include <gst/video/video.h>
 
@@ -16,7 +17,7 @@
 #include <cstring>
 #include <string>
 
-using namespace ImxStandIn;
+using namespace VideoDaemon;
 
 GST_DEBUG_CATEGORY_STATIC(imx_v4l2_video_src_debug);
 #define GST_CAT_DEFAULT imx_v4l2_video_src_debug
@@ -128,7 +129,7 @@ GstFlowReturn WaitForCapture(ImxV4l2VideoSrc* self, GstClockTime* capture_time)
 {
     State* s = self->state;
     const GstClockTime duration = FrameDuration(s);
-    ClockPtr clock(gst_element_get_clock(GST_ELEMENT(self)));
+    GstPtr<GstClock> clock(gst_element_get_clock(GST_ELEMENT(self)));
     if (!clock) {
         g_usleep(duration / GST_USECOND);
         *capture_time = s->frame_number * duration;
@@ -145,7 +146,7 @@ GstFlowReturn WaitForCapture(ImxV4l2VideoSrc* self, GstClockTime* capture_time)
     if (!GST_CLOCK_TIME_IS_VALID(s->next_time) || now > s->next_time + duration)
         s->next_time = now;
     const GstClockTime target = s->next_time;
-    ClockIdPtr id(gst_clock_new_single_shot_id(clock.get(), base_time + target));
+    GstClockIdPtr id(gst_clock_new_single_shot_id(clock.get(), base_time + target));
     s->wait_id = id.get();
     GST_OBJECT_UNLOCK(self);
 
@@ -190,10 +191,10 @@ GstFlowReturn Create(GstPushSrc* src, GstBuffer** out)
     if (waited != GST_FLOW_OK)
         return waited;
 
-    BufferPtr buffer(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&s->info), nullptr));
+    GstBufferPtr buffer(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&s->info), nullptr));
     const bool interlaced = GST_VIDEO_INFO_IS_INTERLACED(&s->info);
     {
-        MappedFrame frame(&s->info, buffer.get(), GST_MAP_WRITE);
+        MappedVideoFrame frame(&s->info, buffer.get(), GST_MAP_WRITE);
         if (!frame.Ok())
             return GST_FLOW_ERROR;
         DrawPicture(frame.Get(), s->frame_number, interlaced);

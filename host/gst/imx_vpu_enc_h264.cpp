@@ -11,7 +11,7 @@
 //   imxvpuenc_h264 bitrate=0 quant-param=24 gop-size=16 idr-interval=16 ! h264parse ! fakesink
 #include "imx_vpu_enc_h264.h"
 
-#include "imx_owned.h"
+#include "common/gst_video_ptr.h"
 
 #include <gst/video/video.h>
 
@@ -22,7 +22,9 @@ extern "C" {
 #include <x264.h>
 }
 
-using ImxStandIn::MappedFrame;
+using VideoDaemon::GstVideoCodecFramePtr;
+using VideoDaemon::GstVideoCodecStatePtr;
+using VideoDaemon::MappedVideoFrame;
 
 GST_DEBUG_CATEGORY_STATIC(imx_vpu_enc_h264_debug);
 #define GST_CAT_DEFAULT imx_vpu_enc_h264_debug
@@ -64,21 +66,11 @@ struct Settings {
     guint idr_interval = kDefaultIdrInterval;
 };
 
-struct CodecStateUnref {
-    void operator()(GstVideoCodecState* state) const { gst_video_codec_state_unref(state); }
-};
-using CodecStatePtr = std::unique_ptr<GstVideoCodecState, CodecStateUnref>;
-
-struct FrameUnref {
-    void operator()(GstVideoCodecFrame* frame) const { gst_video_codec_frame_unref(frame); }
-};
-using FramePtr = std::unique_ptr<GstVideoCodecFrame, FrameUnref>;
-
 struct State {
     Settings settings;
     bool settings_changed = false;
 
-    CodecStatePtr input; // the negotiated input
+    GstVideoCodecStatePtr input; // the negotiated input
     EncoderPtr encoder;
     guint64 frames_since_open = 0;
     bool caps_sent = false;
@@ -147,13 +139,13 @@ GstFlowReturn PushEncoded(ImxVpuEncH264* self, x264_nal_t* nals, int nal_count, 
     if (size == 0)
         return GST_FLOW_OK;
     // Frames are numbered in the picture's pts (no reordering without B-frames).
-    FramePtr frame(gst_video_encoder_get_frame(encoder, static_cast<int>(picture->i_pts)));
+    GstVideoCodecFramePtr frame(gst_video_encoder_get_frame(encoder, static_cast<int>(picture->i_pts)));
     if (!frame)
         return GST_FLOW_OK;
     if (!s->caps_sent) {
         GstCaps* caps = gst_caps_new_simple("video/x-h264", "stream-format", G_TYPE_STRING, "byte-stream",
             "alignment", G_TYPE_STRING, "au", "profile", G_TYPE_STRING, "main", nullptr);
-        CodecStatePtr output(gst_video_encoder_set_output_state(encoder, caps, s->input.get()));
+        GstVideoCodecStatePtr output(gst_video_encoder_set_output_state(encoder, caps, s->input.get()));
         if (!gst_video_encoder_negotiate(encoder))
             return GST_FLOW_NOT_NEGOTIATED;
         s->caps_sent = true;
@@ -182,7 +174,7 @@ GstFlowReturn HandleFrame(GstVideoEncoder* encoder, GstVideoCodecFrame* codec_fr
 {
     auto* self = IMX_VPU_ENC_H264(encoder);
     State* s = self->state;
-    FramePtr frame(codec_frame);
+    GstVideoCodecFramePtr frame(codec_frame);
 
     GST_OBJECT_LOCK(self);
     const Settings settings = s->settings;
@@ -195,7 +187,7 @@ GstFlowReturn HandleFrame(GstVideoEncoder* encoder, GstVideoCodecFrame* codec_fr
     }
 
     const GstVideoInfo* info = &s->input->info;
-    MappedFrame mapped(info, frame->input_buffer, GST_MAP_READ);
+    MappedVideoFrame mapped(info, frame->input_buffer, GST_MAP_READ);
     if (!mapped.Ok())
         return GST_FLOW_ERROR;
     GstVideoFrame& video = *mapped.Get();

@@ -11,6 +11,10 @@
 //       data="<svg ...>" fit-to-frame=true o.src_first ! videoconvert ! autovideosink
 #include "rsvg_overlay_tarnwell.h"
 
+#include "common/glib_ptr.h"
+#include "common/gst_ptr.h"
+#include "common/gst_video_ptr.h"
+
 #include <cairo.h>
 #include <gst/video/video.h>
 #include <librsvg/rsvg.h>
@@ -25,16 +29,19 @@ GST_DEBUG_CATEGORY_STATIC(rsvg_overlay_tarnwell_debug);
 namespace
 {
 
-struct GObjectUnref {
-    void operator()(gpointer object) const { g_object_unref(object); }
-};
+using VideoDaemon::GErrorPtr;
+using VideoDaemon::GObjectPtr;
+using VideoDaemon::GstBufferPtr;
+using VideoDaemon::GstEventPtr;
+using VideoDaemon::MappedVideoFrame;
+
 struct SurfaceDestroy {
     void operator()(cairo_surface_t* surface) const { cairo_surface_destroy(surface); }
 };
 struct CairoDestroy {
     void operator()(cairo_t* cr) const { cairo_destroy(cr); }
 };
-using HandlePtr = std::unique_ptr<RsvgHandle, GObjectUnref>;
+using HandlePtr = GObjectPtr<RsvgHandle>;
 using SurfacePtr = std::unique_ptr<cairo_surface_t, SurfaceDestroy>;
 using CairoPtr = std::unique_ptr<cairo_t, CairoDestroy>;
 
@@ -90,9 +97,9 @@ static void SetData(RsvgOverlayTarnwell* self, const gchar* text)
     if (text && *text) {
         GError* error = nullptr;
         handle.reset(rsvg_handle_new_from_data(reinterpret_cast<const guint8*>(text), strlen(text), &error));
+        GErrorPtr owned_error(error);
         if (!handle) {
             GST_WARNING_OBJECT(self, "cannot parse the SVG document: %s", error ? error->message : "unknown");
-            g_clear_error(&error);
         }
     }
     GST_OBJECT_LOCK(self);
@@ -168,20 +175,21 @@ static SurfacePtr Rasterise(RsvgOverlayTarnwell* self, RsvgHandle* handle, bool 
     }
     const RsvgRectangle viewport { 0.0, 0.0, doc_width, doc_height };
     GError* error = nullptr;
-    if (!rsvg_handle_render_document(handle, cr.get(), &viewport, &error)) {
+    const bool rendered = rsvg_handle_render_document(handle, cr.get(), &viewport, &error);
+    GErrorPtr owned_error(error);
+    if (!rendered) {
         GST_WARNING_OBJECT(self, "cannot render the SVG document: %s", error ? error->message : "unknown");
-        g_clear_error(&error);
     }
     cairo_surface_flush(surface.get());
     return surface;
 }
 
-static GstFlowReturn rsvg_overlay_tarnwell_chain(GstPad*, GstObject* parent, GstBuffer* buffer)
+static GstFlowReturn rsvg_overlay_tarnwell_chain(GstPad*, GstObject* parent, GstBuffer* incoming)
 {
     RsvgOverlayTarnwell* self = RSVG_OVERLAY_TARNWELL(parent);
     OverlayState* state = self->state;
+    GstBufferPtr buffer(incoming);
     if (!state->have_info) {
-        gst_buffer_unref(buffer);
         GST_ELEMENT_ERROR(self, CORE, NEGOTIATION, ("no caps before the first frame"), (nullptr));
         return GST_FLOW_NOT_NEGOTIATED;
     }
@@ -194,7 +202,7 @@ static GstFlowReturn rsvg_overlay_tarnwell_chain(GstPad*, GstObject* parent, Gst
     GST_OBJECT_UNLOCK(self);
 
     if (!enabled || !handle) {
-        return gst_pad_push(self->srcpad, buffer);
+        return gst_pad_push(self->srcpad, buffer.release());
     }
     const gint width = GST_VIDEO_INFO_WIDTH(&state->info);
     const gint height = GST_VIDEO_INFO_HEIGHT(&state->info);
@@ -205,26 +213,25 @@ static GstFlowReturn rsvg_overlay_tarnwell_chain(GstPad*, GstObject* parent, Gst
         state->picture_generation = generation;
     }
 
-    buffer = gst_buffer_make_writable(buffer);
-    GstVideoFrame frame;
-    if (!gst_video_frame_map(&frame, &state->info, buffer, GST_MAP_READWRITE)) {
-        gst_buffer_unref(buffer);
-        GST_ELEMENT_ERROR(self, STREAM, FAILED, ("cannot map the frame"), (nullptr));
-        return GST_FLOW_ERROR;
-    }
-    // BGRA in memory is cairo's ARGB32 on a little-endian machine.
-    SurfacePtr target(cairo_image_surface_create_for_data(
-        static_cast<unsigned char*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, 0)), CAIRO_FORMAT_ARGB32, width,
-        height, GST_VIDEO_FRAME_PLANE_STRIDE(&frame, 0)));
+    buffer.reset(gst_buffer_make_writable(buffer.release()));
     {
-        CairoPtr cr(cairo_create(target.get()));
-        cairo_set_source_surface(cr.get(), state->picture.get(), 0, 0);
-        cairo_paint(cr.get());
+        MappedVideoFrame frame(&state->info, buffer.get(), GST_MAP_READWRITE);
+        if (!frame.Ok()) {
+            GST_ELEMENT_ERROR(self, STREAM, FAILED, ("cannot map the frame"), (nullptr));
+            return GST_FLOW_ERROR;
+        }
+        // BGRA in memory is cairo's ARGB32 on a little-endian machine.
+        SurfacePtr target(cairo_image_surface_create_for_data(
+            static_cast<unsigned char*>(GST_VIDEO_FRAME_PLANE_DATA(frame.Get(), 0)), CAIRO_FORMAT_ARGB32,
+            width, height, GST_VIDEO_FRAME_PLANE_STRIDE(frame.Get(), 0)));
+        {
+            CairoPtr cr(cairo_create(target.get()));
+            cairo_set_source_surface(cr.get(), state->picture.get(), 0, 0);
+            cairo_paint(cr.get());
+        }
+        cairo_surface_flush(target.get());
     }
-    cairo_surface_flush(target.get());
-    target.reset();
-    gst_video_frame_unmap(&frame);
-    return gst_pad_push(self->srcpad, buffer);
+    return gst_pad_push(self->srcpad, buffer.release());
 }
 
 static gboolean rsvg_overlay_tarnwell_sink_event(GstPad* pad, GstObject* parent, GstEvent* event)
@@ -235,7 +242,7 @@ static gboolean rsvg_overlay_tarnwell_sink_event(GstPad* pad, GstObject* parent,
         gst_event_parse_caps(event, &caps);
         GstVideoInfo info;
         if (!gst_video_info_from_caps(&info, caps)) {
-            gst_event_unref(event);
+            GstEventPtr refused(event);
             return FALSE;
         }
         self->state->info = info;

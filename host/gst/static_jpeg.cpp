@@ -10,6 +10,7 @@
 #include "static_jpeg.h"
 
 #include "builtin_picture.h"
+#include "common/gst_ptr.h"
 
 #include <memory>
 #include <string>
@@ -23,10 +24,7 @@ namespace
 constexpr int kDefaultWidth = 640;
 constexpr int kDefaultHeight = 480;
 
-struct MemoryUnref {
-    void operator()(GstMemory* memory) const { gst_memory_unref(memory); }
-};
-using MemoryPtr = std::unique_ptr<GstMemory, MemoryUnref>;
+using MemoryPtr = VideoDaemon::GstMemoryPtr;
 
 struct StaticJpegState {
     std::string location;

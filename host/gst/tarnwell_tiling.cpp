@@ -11,7 +11,10 @@
 //   gst-launch-1.0 videotestsrc ! tarnwell-tiling zoom=2 pan-x=0.25 ! autovideosink
 #include "tarnwell_tiling.h"
 
+#include "common/gst_video_ptr.h"
+
 #include <cmath>
+#include <utility>
 
 GST_DEBUG_CATEGORY_STATIC(tarnwell_tiling_debug);
 #define GST_CAT_DEFAULT tarnwell_tiling_debug
@@ -214,10 +217,7 @@ static void tarnwell_tiling_get_property(GObject* object, guint id, GValue* valu
 
 static void DropConverter(TarnwellTiling* self)
 {
-    if (self->converter) {
-        gst_video_converter_free(self->converter);
-        self->converter = nullptr;
-    }
+    VideoDaemon::GstVideoConverterPtr dropped(std::exchange(self->converter, nullptr));
     self->converter_window = CropWindow {};
 }
 
