@@ -2,10 +2,12 @@
 // downstream caps ask, as the IPU does on the board, using GStreamer's video
 // converter. With "input-crop" it reads only the window given by the buffer's
 // crop metadata; with "deinterlace" it removes the combing of interleaved
-// input by one of three methods:
-//   0 (low motion):    weave, both fields kept as one frame
-//   1 (high motion):   the top field alone, interpolated to full height
-//   2 (medium motion): the average of the two fields, each interpolated
+// input by one of three "deinterlace-method" values (an enum, default 1):
+//   0 low-motion:    weave, both fields kept as one frame
+//   1 high-motion:   the first field alone, interpolated to full height
+//   2 medium-motion: the average of the two fields, each interpolated
+// Which field comes first is read from each buffer's field flags: TFF set
+// means the top field, otherwise the bottom one, as the IPU is told.
 //
 // Example: gst-launch-1.0 imxv4l2videosrc ! imxipuvideotransform deinterlace=true
 //   input-crop=true ! video/x-raw,format=RGBA,width=640,height=480 ! fakesink
@@ -49,6 +51,21 @@ constexpr gint kMethodLowMotion = 0;
 constexpr gint kMethodHighMotion = 1;
 constexpr gint kMethodMediumMotion = 2;
 
+GType DeinterlaceMethodType()
+{
+    static GType type = 0;
+    if (g_once_init_enter(&type)) {
+        static const GEnumValue values[] = {
+            { kMethodLowMotion, "Low motion: weave the two fields", "low-motion" },
+            { kMethodHighMotion, "High motion: interpolate the first field", "high-motion" },
+            { kMethodMediumMotion, "Medium motion: average the two interpolated fields", "medium-motion" },
+            { 0, nullptr, nullptr },
+        };
+        g_once_init_leave(&type, g_enum_register_static("ImxIpuDeinterlaceMethod", values));
+    }
+    return type;
+}
+
 struct Window {
     int x, y, width, height;
     bool operator==(const Window& o) const
@@ -68,7 +85,7 @@ struct CachedConverter {
 struct State {
     bool input_crop = false;
     bool deinterlace = false;
-    gint method = kMethodLowMotion;
+    gint method = kMethodHighMotion;
 
     bool interlaced_input = false;
     CachedConverter cache[2];
@@ -291,26 +308,29 @@ GstFlowReturn TransformFrame(GstVideoFilter* filter, GstVideoFrame* in_frame, Gs
         return GST_FLOW_OK;
     }
 
-    GstVideoConverter* top
-        = ConverterFor(self, Picture::TopField, window, true, &filter->in_info, &filter->out_info);
-    if (!top)
+    const bool top_first = GST_VIDEO_FRAME_IS_TFF(in_frame);
+    const Picture first = top_first ? Picture::TopField : Picture::BottomField;
+    const Picture second = top_first ? Picture::BottomField : Picture::TopField;
+    GstVideoConverter* first_converter
+        = ConverterFor(self, first, window, true, &filter->in_info, &filter->out_info);
+    if (!first_converter)
         return GST_FLOW_NOT_NEGOTIATED;
-    GstVideoFrame top_field = ProgressiveFrame(in_frame, Picture::TopField);
-    gst_video_converter_frame(top, &top_field, out_frame);
+    GstVideoFrame first_field = ProgressiveFrame(in_frame, first);
+    gst_video_converter_frame(first_converter, &first_field, out_frame);
     if (method == kMethodHighMotion)
         return GST_FLOW_OK;
 
-    GstVideoConverter* bottom
-        = ConverterFor(self, Picture::BottomField, window, true, &filter->in_info, &filter->out_info);
-    if (!bottom)
+    GstVideoConverter* second_converter
+        = ConverterFor(self, second, window, true, &filter->in_info, &filter->out_info);
+    if (!second_converter)
         return GST_FLOW_NOT_NEGOTIATED;
     GstBufferPtr scratch(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&filter->out_info), nullptr));
-    MappedVideoFrame bottom_out(&filter->out_info, scratch.get(), GST_MAP_READWRITE);
-    if (!bottom_out.Ok())
+    MappedVideoFrame second_out(&filter->out_info, scratch.get(), GST_MAP_READWRITE);
+    if (!second_out.Ok())
         return GST_FLOW_ERROR;
-    GstVideoFrame bottom_field = ProgressiveFrame(in_frame, Picture::BottomField);
-    gst_video_converter_frame(bottom, &bottom_field, bottom_out.Get());
-    Average(out_frame, bottom_out.Get());
+    GstVideoFrame second_field = ProgressiveFrame(in_frame, second);
+    gst_video_converter_frame(second_converter, &second_field, second_out.Get());
+    Average(out_frame, second_out.Get());
     return GST_FLOW_OK;
 }
 
@@ -336,7 +356,7 @@ void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* psp
         s->deinterlace = g_value_get_boolean(value);
         break;
     case PROP_DEINTERLACE_METHOD:
-        s->method = g_value_get_int(value);
+        s->method = g_value_get_enum(value);
         break;
     default:
         G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
@@ -361,7 +381,7 @@ void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* pspec)
         g_value_set_boolean(value, s->deinterlace);
         break;
     case PROP_DEINTERLACE_METHOD:
-        g_value_set_int(value, s->method);
+        g_value_set_enum(value, s->method);
         break;
     default:
         G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
@@ -399,10 +419,9 @@ static void imx_ipu_video_transform_class_init(ImxIpuVideoTransformClass* klass)
     g_object_class_install_property(gobject_class, PROP_DEINTERLACE,
         g_param_spec_boolean("deinterlace", "Deinterlace", "Deinterlace interleaved input", FALSE, flags));
     g_object_class_install_property(gobject_class, PROP_DEINTERLACE_METHOD,
-        g_param_spec_int("deinterlace-method", "Deinterlace method",
-            "0: low motion (weave), 1: high motion (one field interpolated), "
-            "2: medium motion (both fields averaged)",
-            kMethodLowMotion, kMethodMediumMotion, kMethodLowMotion, flags));
+        g_param_spec_enum("deinterlace-method", "Deinterlace method",
+            "How the two fields of an interleaved frame become one progressive frame",
+            DeinterlaceMethodType(), kMethodHighMotion, flags));
 
     gst_element_class_add_static_pad_template(element_class, &sink_template);
     gst_element_class_add_static_pad_template(element_class, &src_template);

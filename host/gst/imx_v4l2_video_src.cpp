@@ -2,6 +2,9 @@
 // i.MX board. It paces itself on the pipeline clock, draws a moving picture
 // whose two fields are taken half a frame apart (as an interlaced camera
 // does), and carries the configured crop window as GstVideoCropMeta.
+// Interleaved frames are flagged as the capture driver's field order gives
+// them: the 525-line standard (NTSC) sends the bottom field first, the
+// 625-line one (PAL, 25 frames/s) the top field.
 //
 // Example: gst-launch-1.0 imxv4l2videosrc fps=30000/1001 crop-meta-x=24
 //   crop-meta-y=24 crop-meta-width=672 crop-meta-height=504 !
@@ -99,15 +102,29 @@ void DrawLine(guint8* line, int width, int y, int height, guint64 phase)
     }
 }
 
-void DrawPicture(GstVideoFrame* frame, guint64 frame_number, bool interlaced)
+enum class Fields { Progressive, TopFirst, BottomFirst };
+
+// Frame rates below 27/s are the 625-line standard's.
+Fields FieldOrder(const GstVideoInfo* info)
+{
+    if (!GST_VIDEO_INFO_IS_INTERLACED(info))
+        return Fields::Progressive;
+    const bool six_twenty_five
+        = GST_VIDEO_INFO_FPS_N(info) > 0 && GST_VIDEO_INFO_FPS_N(info) < 27 * GST_VIDEO_INFO_FPS_D(info);
+    return six_twenty_five ? Fields::TopFirst : Fields::BottomFirst;
+}
+
+void DrawPicture(GstVideoFrame* frame, guint64 frame_number, Fields fields)
 {
     const int width = GST_VIDEO_FRAME_WIDTH(frame);
     const int height = GST_VIDEO_FRAME_HEIGHT(frame);
     const int stride = GST_VIDEO_FRAME_PLANE_STRIDE(frame, 0);
     auto* data = static_cast<guint8*>(GST_VIDEO_FRAME_PLANE_DATA(frame, 0));
+    // Even lines are the top field. The second field is captured half a frame after the first.
+    const int second_field = fields == Fields::TopFirst ? 1 : 0;
     for (int y = 0; y < height; ++y) {
-        // The bottom field is captured half a frame after the top field.
-        const guint64 phase = frame_number * 2 + ((interlaced && (y & 1)) ? 1 : 0);
+        const bool later = fields != Fields::Progressive && (y & 1) == second_field;
+        const guint64 phase = frame_number * 2 + (later ? 1 : 0);
         DrawLine(data + static_cast<gsize>(y) * stride, width, y, height, phase);
     }
 }
@@ -163,20 +180,17 @@ GstFlowReturn WaitForCapture(ImxV4l2VideoSrc* self, GstClockTime* capture_time)
     return GST_FLOW_OK;
 }
 
+// The capture driver hands the window on as configured, without fitting it
+// to the frame, and only when one of its values is set.
 void AddCropMeta(const State* s, GstBuffer* buffer)
 {
-    const int width = GST_VIDEO_INFO_WIDTH(&s->info);
-    const int height = GST_VIDEO_INFO_HEIGHT(&s->info);
+    if (s->crop_x == 0 && s->crop_y == 0 && s->crop_width == 0 && s->crop_height == 0)
+        return;
     GstVideoCropMeta* crop = gst_buffer_add_video_crop_meta(buffer);
-    // The window is kept inside the frame so that every consumer can trust it.
-    const int x = std::clamp(s->crop_x, 0, width - 1);
-    const int y = std::clamp(s->crop_y, 0, height - 1);
-    const int w = s->crop_width > 0 ? s->crop_width : width;
-    const int h = s->crop_height > 0 ? s->crop_height : height;
-    crop->x = static_cast<guint>(x);
-    crop->y = static_cast<guint>(y);
-    crop->width = static_cast<guint>(std::min(w, width - x));
-    crop->height = static_cast<guint>(std::min(h, height - y));
+    crop->x = static_cast<guint>(s->crop_x);
+    crop->y = static_cast<guint>(s->crop_y);
+    crop->width = static_cast<guint>(s->crop_width);
+    crop->height = static_cast<guint>(s->crop_height);
 }
 
 GstFlowReturn Create(GstPushSrc* src, GstBuffer** out)
@@ -192,18 +206,20 @@ GstFlowReturn Create(GstPushSrc* src, GstBuffer** out)
         return waited;
 
     GstBufferPtr buffer(gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&s->info), nullptr));
-    const bool interlaced = GST_VIDEO_INFO_IS_INTERLACED(&s->info);
+    const Fields fields = FieldOrder(&s->info);
     {
         MappedVideoFrame frame(&s->info, buffer.get(), GST_MAP_WRITE);
         if (!frame.Ok())
             return GST_FLOW_ERROR;
-        DrawPicture(frame.Get(), s->frame_number, interlaced);
+        DrawPicture(frame.Get(), s->frame_number, fields);
     }
     GST_OBJECT_LOCK(self);
     AddCropMeta(s, buffer.get());
     GST_OBJECT_UNLOCK(self);
-    if (interlaced)
-        GST_BUFFER_FLAG_SET(buffer.get(), GST_VIDEO_BUFFER_FLAG_INTERLACED | GST_VIDEO_BUFFER_FLAG_TFF);
+    if (fields != Fields::Progressive)
+        GST_BUFFER_FLAG_SET(buffer.get(), GST_VIDEO_BUFFER_FLAG_INTERLACED);
+    if (fields == Fields::TopFirst)
+        GST_BUFFER_FLAG_SET(buffer.get(), GST_VIDEO_BUFFER_FLAG_TFF);
     GST_BUFFER_PTS(buffer.get()) = capture_time;
     GST_BUFFER_DURATION(buffer.get()) = FrameDuration(s);
     GST_BUFFER_OFFSET(buffer.get()) = s->frame_number;
@@ -368,9 +384,9 @@ static void imx_v4l2_video_src_class_init(ImxV4l2VideoSrcClass* klass)
     g_object_class_install_property(
         gobject_class, PROP_CROP_META_Y, CropSpec("crop-meta-y", "Crop Y", "Top edge of the crop window"));
     g_object_class_install_property(gobject_class, PROP_CROP_META_WIDTH,
-        CropSpec("crop-meta-width", "Crop width", "Width of the crop window (0: to the right edge)"));
+        CropSpec("crop-meta-width", "Crop width", "Width of the crop window"));
     g_object_class_install_property(gobject_class, PROP_CROP_META_HEIGHT,
-        CropSpec("crop-meta-height", "Crop height", "Height of the crop window (0: to the bottom edge)"));
+        CropSpec("crop-meta-height", "Crop height", "Height of the crop window"));
 
     gst_element_class_add_static_pad_template(element_class, &src_template);
     gst_element_class_set_static_metadata(element_class, "i.MX V4L2 video source (stand-in)", "Source/Video",

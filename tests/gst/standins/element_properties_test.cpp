@@ -19,7 +19,8 @@ namespace
 
 // One row per element: the properties the daemon sets or reads, by how it uses them. Each is
 // "name:type", with "=initial" (as g_strdup_value_contents prints a new element's value) or "[min,max]"
-// where the daemon relies on it. Types: b boolean, i int, u uint, t uint64, d double, s string, f fraction.
+// where the daemon relies on it. Types: b boolean, i int, u uint, t uint64, d double, s string, f fraction,
+// e any enum (set and read as an int).
 struct StandIn {
     const char* factory;
     const char* live; // read and written, also while playing
@@ -40,7 +41,7 @@ const StandIn kStandIns[] = {
     { "tarnwell-valve", "num-buffers-pass:u" },
     { "tarnwell-motion-filter", "roll-filter-coeffs:s" },
     { "imxv4l2videosrc", "", "crop-meta-x:i crop-meta-y:i crop-meta-width:i crop-meta-height:i fps:f" },
-    { "imxipuvideotransform", "", "deinterlace:b deinterlace-method:i[0,2] input-crop:b" },
+    { "imxipuvideotransform", "", "deinterlace:b deinterlace-method:e input-crop:b" },
     { "imxipuvideosink", "drop-frames:b=FALSE",
         "use-vsync:b=FALSE force-aspect-ratio:b=TRUE qos:b=TRUE output-rotation:i",
         "frames-shown:t frames-dropped:t" },
@@ -98,7 +99,10 @@ void ExpectProperty(GstElement* element, const std::string& use, Access access)
     GParamSpec* param
         = g_object_class_find_property(G_OBJECT_GET_CLASS(element), use.substr(0, colon).c_str());
     ASSERT_NE(param, nullptr);
-    EXPECT_EQ(G_PARAM_SPEC_VALUE_TYPE(param), TypeOf(use[colon + 1]));
+    if (use[colon + 1] == 'e')
+        EXPECT_TRUE(G_TYPE_IS_ENUM(G_PARAM_SPEC_VALUE_TYPE(param)));
+    else
+        EXPECT_EQ(G_PARAM_SPEC_VALUE_TYPE(param), TypeOf(use[colon + 1]));
     EXPECT_EQ((param->flags & G_PARAM_READABLE) != 0, access.readable);
     EXPECT_EQ((param->flags & G_PARAM_WRITABLE) != 0, access.writable);
     EXPECT_TRUE(!access.whilePlaying || (param->flags & GST_PARAM_MUTABLE_PLAYING));

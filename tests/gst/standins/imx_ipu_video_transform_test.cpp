@@ -1,5 +1,5 @@
 // The IPU transform stand-in: crop from metadata, the three deinterlace
-// methods, and conversion plus scaling to 640x480 RGBA, BGRA and I420.
+// methods in the buffers' field order, and conversion plus scaling to 640x480 RGBA, BGRA and I420.
 #include <gtest/gtest.h>
 
 #include <gst/video/video.h>
@@ -8,7 +8,10 @@
 
 #include <algorithm>
 #include <functional>
+#include <string>
 #include <tuple>
+#include <utility>
+#include <vector>
 
 using namespace GstTest;
 
@@ -26,7 +29,7 @@ using Paint = std::function<Yuv(int, int)>;
 // Pushes one interleaved UYVY frame painted by `paint(x, y)`, with the capture's crop window as metadata,
 // through the transform and returns the picture that comes out ("" when none does).
 std::vector<guint8> Transform(const std::string& properties, const std::string& format, const Paint& paint,
-    GstVideoInfo* info = nullptr)
+    GstVideoInfo* info = nullptr, bool topFieldFirst = true)
 {
     TestPipeline pipeline("appsrc name=in format=time caps=\"video/x-raw,format=UYVY,width=720,height=504,"
                           "framerate=30000/1001,interlace-mode=interleaved\" ! imxipuvideotransform "
@@ -45,7 +48,9 @@ std::vector<guint8> Transform(const std::string& properties, const std::string& 
     crop->x = crop->y = 24;
     crop->width = 672;
     crop->height = 480;
-    GST_BUFFER_FLAG_SET(buffer, GST_VIDEO_BUFFER_FLAG_INTERLACED | GST_VIDEO_BUFFER_FLAG_TFF);
+    GST_BUFFER_FLAG_SET(buffer, GST_VIDEO_BUFFER_FLAG_INTERLACED);
+    if (topFieldFirst)
+        GST_BUFFER_FLAG_SET(buffer, GST_VIDEO_BUFFER_FLAG_TFF);
     GST_BUFFER_PTS(buffer) = 0;
     GST_BUFFER_DURATION(buffer) = GST_SECOND / 30;
     EXPECT_TRUE(pipeline.Push("in", buffer));
@@ -81,17 +86,20 @@ TEST(ImxIpuVideoTransform, InputCropReadsOnlyTheWindowOfTheCropMetadata)
     }
 }
 
-TEST(ImxIpuVideoTransform, DeinterlaceMethodsWeaveInterpolateOrAverageTheFieldsIntoProgressiveFrames)
+TEST(ImxIpuVideoTransform, DeinterlaceMethodsWeaveInterpolateTheFirstFieldOrAverageBothIntoProgressiveFrames)
 {
     // The top field (even lines) is white, the bottom field black: weaving keeps the lines alternating,
-    // interpolating the top field gives white, averaging grey.
-    for (auto [method, darkest_above, brightest_below, spread_above] :
-        { std::tuple { 0, -1, 256, 100 }, { 1, 220, 256, -1 }, { 2, 100, 160, -1 } }) {
-        SCOPED_TRACE("method " + std::to_string(method));
+    // interpolating the first field gives white when the top field comes first and black when the
+    // bottom one does, averaging grey either way.
+    for (auto [method, topFirst, darkest_above, brightest_below, spread_above] :
+        { std::tuple { "low-motion", true, -1, 256, 100 }, { "high-motion", true, 220, 256, -1 },
+            { "high-motion", false, -1, 30, -1 }, { "medium-motion", true, 100, 160, -1 },
+            { "medium-motion", false, 100, 160, -1 } }) {
+        SCOPED_TRACE(std::string(method) + (topFirst ? " top field first" : " bottom field first"));
         GstVideoInfo info;
         const std::vector<guint8> picture = Transform(
-            "deinterlace=true deinterlace-method=" + std::to_string(method), "RGBA",
-            [](int, int y) { return (y % 2 == 0) ? kWhite : kBlack; }, &info);
+            std::string("deinterlace=true deinterlace-method=") + method, "RGBA",
+            [](int, int y) { return (y % 2 == 0) ? kWhite : kBlack; }, &info, topFirst);
         ASSERT_EQ(picture.size(), 640u * 480u * 4u);
         EXPECT_EQ(GST_VIDEO_INFO_INTERLACE_MODE(&info), GST_VIDEO_INTERLACE_MODE_PROGRESSIVE);
         int darkest = 255, brightest = 0;
@@ -144,4 +152,23 @@ TEST(ImxIpuVideoTransform, EqualCapsPassFramesThroughUntouchedUnlessCropping)
         // The pushed reference is gone to the pipeline; compare by identity only.
         EXPECT_EQ(gst_sample_get_buffer(out.get()) == frame, !crop) << "input-crop " << crop;
     }
+}
+
+TEST(ImxIpuVideoTransform, DeinterlaceMethodIsAnEnumOfLowHighAndMediumMotionStartingAtHighMotion)
+{
+    ObjectPtr<GstElement> transform = MakeElement("imxipuvideotransform");
+    ASSERT_NE(transform, nullptr);
+    GParamSpec* param
+        = g_object_class_find_property(G_OBJECT_GET_CLASS(transform.get()), "deinterlace-method");
+    ASSERT_TRUE(param != nullptr && G_IS_PARAM_SPEC_ENUM(param));
+    GEnumClass* methods = G_PARAM_SPEC_ENUM(param)->enum_class;
+    std::vector<std::pair<gint, std::string>> values;
+    for (guint i = 0; i < methods->n_values; ++i)
+        values.emplace_back(methods->values[i].value, methods->values[i].value_nick);
+    EXPECT_EQ(values,
+        (std::vector<std::pair<gint, std::string>> {
+            { 0, "low-motion" }, { 1, "high-motion" }, { 2, "medium-motion" } }));
+    gint method = -1;
+    g_object_get(transform.get(), "deinterlace-method", &method, nullptr);
+    EXPECT_EQ(method, 1);
 }
