@@ -5,7 +5,7 @@
 
 #include "dbus-helper/sdbus_utils.h"
 #include "log.h"
-#include "pipelines/function_signature.h"
+#include "common/function_signature.h"
 
 using VideoDaemon::Log::Error;
 

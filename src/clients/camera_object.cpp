@@ -4,7 +4,7 @@
 #include <cerrno>
 
 #include "log.h"
-#include "pipelines/function_signature.h"
+#include "common/function_signature.h"
 
 using VideoDaemon::Log::Error;
 

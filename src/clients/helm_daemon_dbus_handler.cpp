@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "log.h"
-#include "pipelines/function_signature.h"
+#include "common/function_signature.h"
 
 using VideoDaemon::Log::Debug;
 using VideoDaemon::Log::Error;

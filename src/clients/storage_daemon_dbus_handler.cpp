@@ -6,7 +6,7 @@
 
 #include "dbus-helper/dbus_connector.h"
 #include "log.h"
-#include "pipelines/function_signature.h"
+#include "common/function_signature.h"
 #include "storage_path.h"
 
 using VideoDaemon::Log::Error;

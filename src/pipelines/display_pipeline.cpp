@@ -1,7 +1,7 @@
 // The local display: shows the processed 640x480 picture through the IPU sink.
 #include "pipelines/display_pipeline.h"
 
-#include "pipelines/function_signature.h"
+#include "common/function_signature.h"
 
 namespace VideoDaemon
 {

@@ -2,7 +2,7 @@
 #include "pipelines/gpu_pipeline.h"
 
 #include "log.h"
-#include "pipelines/function_signature.h"
+#include "common/function_signature.h"
 
 namespace VideoDaemon
 {

@@ -3,7 +3,7 @@
 
 #include <cstdio>
 
-#include "pipelines/function_signature.h"
+#include "common/function_signature.h"
 
 namespace VideoDaemon
 {

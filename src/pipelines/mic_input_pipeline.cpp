@@ -1,7 +1,7 @@
 // The microphone: 44.1 kHz stereo capture with a mute switch, published for the audio encoders.
 #include "pipelines/mic_input_pipeline.h"
 
-#include "pipelines/function_signature.h"
+#include "common/function_signature.h"
 
 namespace VideoDaemon
 {

@@ -1,7 +1,7 @@
 // Motion-JPEG encoder for the live stream: raw input to EXIF-tagged JPEG frames on an interpipe sink.
 #include "pipelines/mjpeg_encode_pipeline.h"
 
-#include "pipelines/function_signature.h"
+#include "common/function_signature.h"
 
 namespace VideoDaemon
 {

@@ -4,7 +4,7 @@
 #include <regex>
 
 #include "log.h"
-#include "pipelines/function_signature.h"
+#include "common/function_signature.h"
 
 namespace VideoDaemon
 {

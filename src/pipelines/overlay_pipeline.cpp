@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "log.h"
-#include "pipelines/function_signature.h"
+#include "common/function_signature.h"
 
 namespace VideoDaemon
 {

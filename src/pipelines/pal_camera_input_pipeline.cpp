@@ -3,7 +3,7 @@
 
 #include "log.h"
 #include "pipelines/deinterlace_method.h"
-#include "pipelines/function_signature.h"
+#include "common/function_signature.h"
 
 namespace VideoDaemon
 {

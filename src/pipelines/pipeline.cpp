@@ -9,7 +9,7 @@
 
 #include "log.h"
 #include "pipelines/base_time_priming.h"
-#include "pipelines/function_signature.h"
+#include "common/function_signature.h"
 
 namespace VideoDaemon
 {

@@ -3,7 +3,7 @@
 #include "pipelines/tcp_client_pipeline.h"
 
 #include "log.h"
-#include "pipelines/function_signature.h"
+#include "common/function_signature.h"
 
 namespace VideoDaemon
 {

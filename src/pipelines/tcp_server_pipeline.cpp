@@ -3,7 +3,7 @@
 
 #include <glib.h>
 
-#include "pipelines/function_signature.h"
+#include "common/function_signature.h"
 
 namespace VideoDaemon
 {
