@@ -4,8 +4,11 @@
 // 0 meaning a constant quantiser "quant-param"; an I frame every "gop-size"
 // frames (0: none but the IDR frames) and an IDR frame every "idr-interval"
 // frames (0: only at the start).
-// A property changed while playing takes effect on the next frame, which is
-// then an IDR frame.
+// As on the VPU, the encoder is opened when the input format is set, and
+// "gop-size" is read then. "bitrate" and "quant-param" act from the next
+// frame on the open encoder (x264 is reconfigured, or the frame's quantiser
+// forced), without an IDR frame; the IDR interval counts frames since the
+// encoder was opened, whatever changes on the way.
 //
 // Example: gst-launch-1.0 videotestsrc ! video/x-raw,format=I420 !
 //   imxvpuenc_h264 bitrate=0 quant-param=24 gop-size=16 idr-interval=16 ! h264parse ! fakesink
@@ -48,11 +51,17 @@ enum {
 };
 
 constexpr guint kDefaultBitrate = 0;
-constexpr guint kDefaultQuantParam = 24;
+constexpr guint kDefaultQuantParam = 0;
 constexpr guint kDefaultGopSize = 16;
 constexpr guint kDefaultIdrInterval = 0;
 constexpr guint kMaxQuantParam = 51;
 constexpr guint kMaxGopSize = 32767;
+// Rate control is always opened with a bitrate so that a later "bitrate" can
+// be applied to the running encoder. While "bitrate" is 0 every frame's
+// quantiser is forced and the rate buffer runs at the most level 4 allows
+// (the VPU's 1920x1088 need level 4), so it does not hold the quantiser back.
+constexpr int kLevel = 40;
+constexpr guint kNominalBitrate = 20000;
 
 struct EncoderClose {
     void operator()(x264_t* encoder) const { x264_encoder_close(encoder); }
@@ -67,11 +76,12 @@ struct Settings {
 };
 
 struct State {
-    Settings settings;
-    bool settings_changed = false;
+    Settings settings; // under the object lock
 
     GstVideoCodecStatePtr input; // the negotiated input
     EncoderPtr encoder;
+    guint open_gop_size = kDefaultGopSize;
+    guint applied_bitrate = 0; // what x264's rate control runs at
     guint64 frames_since_open = 0;
     bool caps_sent = false;
 };
@@ -112,21 +122,37 @@ bool OpenEncoder(ImxVpuEncH264* self, const Settings& settings)
     param.i_bframe = 0;
     // CABAC makes x264 signal main rather than baseline profile.
     param.b_cabac = 1;
-    if (settings.bitrate == 0) {
-        param.rc.i_rc_method = X264_RC_CQP;
-        // Quantiser 0 would be lossless, which main profile cannot carry.
-        param.rc.i_qp_constant = static_cast<int>(settings.quant_param > 0 ? settings.quant_param : 1);
-    } else {
-        param.rc.i_rc_method = X264_RC_ABR;
-        param.rc.i_bitrate = static_cast<int>(settings.bitrate);
-        param.rc.i_vbv_max_bitrate = static_cast<int>(settings.bitrate);
-        param.rc.i_vbv_buffer_size = static_cast<int>(settings.bitrate);
-    }
+    param.i_level_idc = kLevel;
+    // x264 changes a running bitrate only under a rate buffer (VBV), one second long here.
+    const guint bitrate = settings.bitrate > 0 ? settings.bitrate : kNominalBitrate;
+    param.rc.i_rc_method = X264_RC_ABR;
+    param.rc.i_bitrate = static_cast<int>(bitrate);
+    param.rc.i_vbv_max_bitrate = static_cast<int>(bitrate);
+    param.rc.i_vbv_buffer_size = static_cast<int>(bitrate);
     if (x264_param_apply_profile(&param, "main") < 0)
         return false;
     s->encoder.reset(x264_encoder_open(&param));
+    s->open_gop_size = settings.gop_size;
+    s->applied_bitrate = bitrate;
     s->frames_since_open = 0;
     return s->encoder != nullptr;
+}
+
+// A new "bitrate" goes to the running rate control, as the VPU is reconfigured.
+void ApplyBitrate(ImxVpuEncH264* self, guint bitrate)
+{
+    State* s = self->state;
+    if (bitrate == 0 || bitrate == s->applied_bitrate)
+        return;
+    x264_param_t param;
+    x264_encoder_parameters(s->encoder.get(), &param);
+    param.rc.i_bitrate = static_cast<int>(bitrate);
+    param.rc.i_vbv_max_bitrate = static_cast<int>(bitrate);
+    param.rc.i_vbv_buffer_size = static_cast<int>(bitrate);
+    if (x264_encoder_reconfig(s->encoder.get(), &param) < 0)
+        GST_WARNING_OBJECT(self, "x264 refused the bitrate %u kbit/s", bitrate);
+    else
+        s->applied_bitrate = bitrate;
 }
 
 GstFlowReturn PushEncoded(ImxVpuEncH264* self, x264_nal_t* nals, int nal_count, x264_picture_t* picture)
@@ -178,13 +204,12 @@ GstFlowReturn HandleFrame(GstVideoEncoder* encoder, GstVideoCodecFrame* codec_fr
 
     GST_OBJECT_LOCK(self);
     const Settings settings = s->settings;
-    const bool changed = s->settings_changed;
-    s->settings_changed = false;
     GST_OBJECT_UNLOCK(self);
-    if ((!s->encoder || changed) && !OpenEncoder(self, settings)) {
+    if (!s->encoder && !OpenEncoder(self, settings)) {
         GST_ELEMENT_ERROR(self, LIBRARY, INIT, ("Could not open the H.264 encoder"), (nullptr));
         return GST_FLOW_ERROR;
     }
+    ApplyBitrate(self, settings.bitrate);
 
     const GstVideoInfo* info = &s->input->info;
     MappedVideoFrame mapped(info, frame->input_buffer, GST_MAP_READ);
@@ -200,16 +225,17 @@ GstFlowReturn HandleFrame(GstVideoEncoder* encoder, GstVideoCodecFrame* codec_fr
         picture.img.i_stride[p] = GST_VIDEO_FRAME_PLANE_STRIDE(&video, p);
     }
     picture.i_pts = static_cast<int64_t>(frame->system_frame_number);
+    // Without a bitrate the frame is coded at the constant quantiser.
+    if (settings.bitrate == 0)
+        picture.i_qpplus1 = static_cast<int>(settings.quant_param) + 1;
 
-    const guint64 n = s->frames_since_open;
+    // A key-unit request adds an IDR frame; the interval keeps its own count.
+    const guint64 n = s->frames_since_open++;
     const bool forced = GST_VIDEO_CODEC_FRAME_IS_FORCE_KEYFRAME(frame.get());
     if (n == 0 || forced || (settings.idr_interval > 0 && n % settings.idr_interval == 0))
         picture.i_type = X264_TYPE_IDR;
-    else if (settings.gop_size > 0 && n % settings.gop_size == 0)
+    else if (s->open_gop_size > 0 && n % s->open_gop_size == 0)
         picture.i_type = X264_TYPE_I;
-    if (forced)
-        s->frames_since_open = 0;
-    ++s->frames_since_open;
 
     x264_nal_t* nals = nullptr;
     int nal_count = 0;
@@ -272,10 +298,8 @@ void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* psp
         break;
     default:
         G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
-        GST_OBJECT_UNLOCK(object);
-        return;
+        break;
     }
-    s->settings_changed = true;
     GST_OBJECT_UNLOCK(object);
 }
 
@@ -327,17 +351,18 @@ static void imx_vpu_enc_h264_class_init(ImxVpuEncH264Class* klass)
         = static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_PLAYING);
     g_object_class_install_property(gobject_class, PROP_BITRATE,
         g_param_spec_uint("bitrate", "Bitrate",
-            "Target bitrate in kbit/s (0: constant quantiser quant-param)", 0, G_MAXINT, kDefaultBitrate,
+            "Target bitrate in kbit/s (0: constant quantiser quant-param)", 0, G_MAXUINT, kDefaultBitrate,
             flags));
     g_object_class_install_property(gobject_class, PROP_QUANT_PARAM,
         g_param_spec_uint("quant-param", "Quantiser", "Constant quantiser used while bitrate is 0", 0,
             kMaxQuantParam, kDefaultQuantParam, flags));
     g_object_class_install_property(gobject_class, PROP_GOP_SIZE,
-        g_param_spec_uint("gop-size", "GOP size", "Distance between I frames, in frames (0: IDR frames only)",
-            0, kMaxGopSize, kDefaultGopSize, flags));
+        g_param_spec_uint("gop-size", "GOP size",
+            "Distance between I frames, in frames (0: IDR frames only), read when the encoder opens", 0,
+            kMaxGopSize, kDefaultGopSize, flags));
     g_object_class_install_property(gobject_class, PROP_IDR_INTERVAL,
         g_param_spec_uint("idr-interval", "IDR interval",
-            "Distance between IDR frames, in frames (0: only the first frame)", 0, G_MAXINT,
+            "Distance between IDR frames, in frames (0: only the first frame)", 0, G_MAXUINT,
             kDefaultIdrInterval, flags));
 
     gst_element_class_add_static_pad_template(element_class, &sink_template);

@@ -45,7 +45,7 @@ const StandIn kStandIns[] = {
     { "imxipuvideosink", "drop-frames:b=FALSE",
         "use-vsync:b=FALSE force-aspect-ratio:b=TRUE qos:b=TRUE output-rotation:i",
         "frames-shown:t frames-dropped:t" },
-    { "imxvpuenc_h264", "bitrate:u=0 gop-size:u=16 quant-param:u idr-interval:u" },
+    { "imxvpuenc_h264", "bitrate:u=0 gop-size:u=16 quant-param:u=0 idr-interval:u=0" },
     { "imxvpuenc_mjpeg", "quality-factor:u[1,100]" },
     { "tarnwell-dsl",
         "silent:b dsl-enabled:b plumbline-enabled:b rotation-steps:u[0,2] rotation-threshold:u[0,30] "
