@@ -3,6 +3,7 @@
 // changed while it runs.
 #include <gtest/gtest.h>
 
+#include "common/gst_ptr.h"
 #include "support/ffprobe.h"
 #include "support/gst_test_pipeline.h"
 
@@ -121,10 +122,9 @@ TEST(ImxVpuEncH264, QuantiserAndBitrateChangesActFromTheNextFrameWithoutAnIdrAnd
             pipeline.Set("video_encoder", change->second.first, change->second.second);
         const bool reopened = index >= 40;
         if (index == 40) {
-            GstCaps* caps
-                = gst_caps_from_string("video/x-raw,format=I420,width=352,height=288,framerate=30/1");
-            g_object_set(pipeline.Element("in").get(), "caps", caps, nullptr);
-            gst_caps_unref(caps);
+            VideoDaemon::GstCapsPtr caps(
+                gst_caps_from_string("video/x-raw,format=I420,width=352,height=288,framerate=30/1"));
+            g_object_set(pipeline.Element("in").get(), "caps", caps.get(), nullptr);
         }
         std::vector<guint8> picture(reopened ? 352 * 288 * 3 / 2 : 320 * 240 * 3 / 2);
         for (guint8& byte : picture)
