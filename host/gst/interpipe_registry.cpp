@@ -1,4 +1,4 @@
-// The process-wide table of named interpipe sinks and of the sources that follow them by name.
+// The process-wide table of interpipe nodes (named sinks) and of the sources that listen to them.
 #include "interpipe_registry.h"
 
 #include "interpipe_sink.h"
@@ -9,46 +9,96 @@ InterpipeRegistry& InterpipeRegistry::Instance()
     return registry;
 }
 
-bool InterpipeRegistry::AddSink(const std::string& name, InterpipeSink* sink)
+InterpipeSink* InterpipeRegistry::FindNodeLocked(const std::string& name) const
 {
-    std::lock_guard<std::mutex> lock(_Mutex);
-    if (!_Sinks.emplace(name, sink).second)
-        return false;
-    for (const auto& [src, wanted] : _Sources)
-        if (wanted == name)
-            interpipe_sink_attach(sink, src);
+    auto node = _Nodes.find(name);
+    return node == _Nodes.end() ? nullptr : node->second;
+}
+
+bool InterpipeRegistry::AddNode(const std::string& name, InterpipeSink* sink)
+{
+    std::lock_guard<std::recursive_mutex> lock(_Mutex);
+    if (!_Nodes.emplace(name, sink).second)
+        return _Nodes[name] == sink;
+    for (auto& [src, listener] : _Listeners)
+        if (!listener.attached && listener.node == name)
+            listener.attached = interpipe_sink_add_listener(sink, src);
     return true;
 }
 
-void InterpipeRegistry::RemoveSink(InterpipeSink* sink)
+void InterpipeRegistry::RemoveNode(InterpipeSink* sink)
 {
-    std::lock_guard<std::mutex> lock(_Mutex);
-    for (auto it = _Sinks.begin(); it != _Sinks.end(); ++it) {
+    std::lock_guard<std::recursive_mutex> lock(_Mutex);
+    std::string name;
+    for (auto it = _Nodes.begin(); it != _Nodes.end(); ++it) {
         if (it->second == sink) {
-            _Sinks.erase(it);
+            name = it->first;
+            _Nodes.erase(it);
             break;
         }
     }
-    // The listeners keep their name in _Sources and wait for the next sink of that name.
-    interpipe_sink_detach_all(sink);
-}
-
-void InterpipeRegistry::Listen(InterpipeSrc* src, const std::string& name)
-{
-    std::lock_guard<std::mutex> lock(_Mutex);
-    auto previous = _Sources.find(src);
-    if (previous != _Sources.end()) {
-        if (previous->second == name)
-            return;
-        auto sink = _Sinks.find(previous->second);
-        if (sink != _Sinks.end())
-            interpipe_sink_detach(sink->second, src);
-        _Sources.erase(previous);
-    }
     if (name.empty())
         return;
-    _Sources.emplace(src, name);
-    auto sink = _Sinks.find(name);
-    if (sink != _Sinks.end())
-        interpipe_sink_attach(sink->second, src);
+    for (auto it = _Listeners.begin(); it != _Listeners.end();) {
+        if (it->second.attached && it->second.node == name) {
+            interpipe_sink_remove_listener(sink, it->first);
+            it = _Listeners.erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
+bool InterpipeRegistry::Listen(InterpipeSrc* src, const std::string& name)
+{
+    std::lock_guard<std::recursive_mutex> lock(_Mutex);
+    const auto current = _Listeners.find(src);
+    Listener previous;
+    if (current != _Listeners.end()) {
+        if (current->second.node == name)
+            return true;
+        previous = current->second;
+    }
+    InterpipeSink* left = previous.attached ? FindNodeLocked(previous.node) : nullptr;
+    if (left)
+        interpipe_sink_remove_listener(left, src);
+
+    InterpipeSink* sink = FindNodeLocked(name);
+    if (!sink) {
+        _Listeners[src] = Listener { name, false };
+        return true;
+    }
+    if (interpipe_sink_add_listener(sink, src)) {
+        _Listeners[src] = Listener { name, true };
+        return true;
+    }
+    // Refused: back to the previous node, whose caps this source still has.
+    if (left)
+        interpipe_sink_add_listener(left, src);
+    if (current == _Listeners.end())
+        _Listeners.erase(src);
+    return false;
+}
+
+void InterpipeRegistry::Leave(InterpipeSrc* src)
+{
+    std::lock_guard<std::recursive_mutex> lock(_Mutex);
+    const auto listener = _Listeners.find(src);
+    if (listener == _Listeners.end())
+        return;
+    if (listener->second.attached)
+        if (InterpipeSink* sink = FindNodeLocked(listener->second.node))
+            interpipe_sink_remove_listener(sink, src);
+    _Listeners.erase(listener);
+}
+
+VideoDaemon::GstPtr<InterpipeSink> InterpipeRegistry::NodeOf(InterpipeSrc* src)
+{
+    std::lock_guard<std::recursive_mutex> lock(_Mutex);
+    const auto listener = _Listeners.find(src);
+    if (listener == _Listeners.end() || !listener->second.attached)
+        return nullptr;
+    InterpipeSink* sink = FindNodeLocked(listener->second.node);
+    return VideoDaemon::GstPtr<InterpipeSink>(
+        sink ? static_cast<InterpipeSink*>(gst_object_ref(sink)) : nullptr);
 }

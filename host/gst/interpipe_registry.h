@@ -1,20 +1,26 @@
-// The process-wide table of named interpipe sinks and of the sources that follow them by name.
+// The process-wide table of interpipe nodes (named sinks) and of the sources that listen to them.
 #pragma once
 
 #include <mutex>
 #include <string>
 #include <unordered_map>
 
+#include "common/gst_ptr.h"
+
 typedef struct _InterpipeSink InterpipeSink;
 typedef struct _InterpipeSrc InterpipeSrc;
 
-// Sinks register under their element name while they are at least READY;
-// a source follows a name rather than an element, so it is attached whenever
-// a sink of that name is registered (also when the sink appears after the
-// source started listening) and waits again when the sink goes away.
+// A sink is a node from the moment it has a name until it is destroyed; a
+// second sink asking for a name already taken is refused. A started source
+// listens to a node by name: it is attached when the node exists, and waits
+// for it otherwise (it attaches when a sink of that name appears). A node
+// that goes away detaches its listeners and forgets them: they do not come
+// back by themselves when another sink takes the name, only when their
+// source listens again (a new name, or a restart).
 //
-// Lock order: the registry's lock, then a sink's listener lock. Sinks never
-// take the registry's lock while delivering data.
+// Lock order: the registry's lock, then a sink's listener lock. The lock is
+// recursive because attaching queries caps across pipelines, and a sink
+// reached by that query may detach its own listeners.
 class InterpipeRegistry
 {
 public:
@@ -23,18 +29,29 @@ public:
     InterpipeRegistry(const InterpipeRegistry&) = delete;
     InterpipeRegistry& operator=(const InterpipeRegistry&) = delete;
 
-    // False when another sink already holds the name.
-    bool AddSink(const std::string& name, InterpipeSink* sink);
-    void RemoveSink(InterpipeSink* sink);
+    // False when another sink already holds the name; waiting listeners of that name attach.
+    bool AddNode(const std::string& name, InterpipeSink* sink);
+    void RemoveNode(InterpipeSink* sink);
 
-    // Points a source at the sink called name; an empty name detaches it.
-    void Listen(InterpipeSrc* src, const std::string& name);
+    // Moves a source to the node called name. False when the node refuses
+    // it (incompatible caps): the source then stays where it was.
+    bool Listen(InterpipeSrc* src, const std::string& name);
+    // Detaches the source and forgets it.
+    void Leave(InterpipeSrc* src);
+    // The sink the source is attached to, or null.
+    VideoDaemon::GstPtr<InterpipeSink> NodeOf(InterpipeSrc* src);
 
 private:
     InterpipeRegistry() = default;
 
-    std::mutex _Mutex;
-    std::unordered_map<std::string, InterpipeSink*> _Sinks;
-    // Every source with a non-empty "listen-to", attached or waiting.
-    std::unordered_map<InterpipeSrc*, std::string> _Sources;
+    struct Listener {
+        std::string node;
+        bool attached = false; // false: waiting for a sink of that name
+    };
+
+    InterpipeSink* FindNodeLocked(const std::string& name) const;
+
+    std::recursive_mutex _Mutex;
+    std::unordered_map<std::string, InterpipeSink*> _Nodes;
+    std::unordered_map<InterpipeSrc*, Listener> _Listeners;
 };
