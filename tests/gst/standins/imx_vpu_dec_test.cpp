@@ -1,4 +1,4 @@
-// The decoder stand-in: JPEG and H.264 back to raw pictures.
+// The decoder stand-in: JPEG and H.264 back to raw pictures in the format they are coded in.
 #include <gtest/gtest.h>
 
 #include "support/gst_test_pipeline.h"
@@ -39,5 +39,41 @@ TEST(ImxVpuDec, DecodesEveryJpegAndH264FrameToI420CloseToTheOriginal)
         ASSERT_TRUE(original) << encoder;
         ASSERT_EQ(decoded.size(), 10u) << encoder;
         EXPECT_NEAR(MeanLuma(decoded.front().get()), MeanLuma(original.get()), 2.0) << encoder;
+    }
+}
+
+TEST(ImxVpuDec, HandsOutTheStreamsOwnRawFormatAndFailsWhereDownstreamRefusesIt)
+{
+    struct Row {
+        const char* stream; // ends in the coded stream
+        const char* downstream; // caps downstream accepts
+        const char* format; // what comes out, nullptr for a negotiation error
+    };
+    const Row rows[] = {
+        { "video/x-raw,format=I420 ! jpegenc", "video/x-raw", "I420" },
+        { "video/x-raw,format=Y42B ! jpegenc", "video/x-raw", "Y42B" },
+        { "video/x-raw,format=GRAY8 ! jpegenc", "video/x-raw", "GRAY8" },
+        { "video/x-raw,format=I420 ! imxvpuenc_h264 quant-param=24 ! h264parse", "video/x-raw", "I420" },
+        { "video/x-raw,format=Y42B ! jpegenc", "video/x-raw,format=I420", nullptr },
+        { "video/x-raw,format=I420 ! jpegenc", "video/x-raw,format=GRAY8", nullptr },
+        { "video/x-raw,format=I420 ! imxvpuenc_h264 quant-param=24 ! h264parse", "video/x-raw,format=Y444",
+            nullptr },
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(std::string(row.stream) + " into " + row.downstream);
+        TestPipeline pipeline(std::string("videotestsrc num-buffers=3 ! ") + row.stream + " ! imxvpudec ! "
+            + row.downstream + " ! appsink name=decoded sync=false wait-on-eos=false");
+        ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
+        const bool ended = pipeline.RunToEos();
+        if (!row.format) {
+            EXPECT_FALSE(ended);
+            EXPECT_NE(pipeline.Error().find("not-negotiated"), std::string::npos) << pipeline.Error();
+            continue;
+        }
+        ASSERT_TRUE(ended) << pipeline.Error();
+        SamplePtr sample = pipeline.Pull("decoded");
+        ASSERT_TRUE(sample);
+        const GstStructure* caps = gst_caps_get_structure(gst_sample_get_caps(sample.get()), 0);
+        EXPECT_STREQ(gst_structure_get_string(caps, "format"), row.format);
     }
 }
