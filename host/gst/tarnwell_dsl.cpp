@@ -1,20 +1,32 @@
 // tarnwell-dsl: stand-in for the digital self-levelling element.
 //
 // On the board this element measures the camera's roll and tilt and levels
-// the picture. Here it passes frames through unchanged, keeps every setting
-// the daemon writes, and lets a test play the sensor: the action signal
-// "simulate-camera-angles" sets the measured angles (and fires
-// "camera-roll-changed" when the roll moves), "simulate-plumbline-data"
-// fires "plumbline-data" with five values.
+// the picture. Here there is no sensor: a test plays it with the action
+// signal "simulate-camera-angles", which sets the measured angles (and fires
+// "camera-roll-changed" when the roll moves); "simulate-plumbline-data"
+// fires "plumbline-data" with five values. The picture really is levelled:
+// while "dsl-enabled" is true each frame is turned clockwise about its centre
+// by "display-roll", which is
+//   - "rotation-override" when that is not 0, otherwise
+//   - the camera roll, as it is for "rotation-steps" 0 (continuous), snapped
+//     to the nearest multiple of 90 degrees for 1 and of 180 degrees for 2.
+// "rotation-threshold", "rotation-frames-trigger" and "animation-duration"
+// are kept: the turn is applied at once. Packed 32-bit RGB frames are turned
+// (corners filled black); frames of other formats pass unchanged.
 //
-//   gst-launch-1.0 videotestsrc ! tarnwell-dsl dsl-enabled=true ! autovideosink
+//   gst-launch-1.0 videotestsrc ! video/x-raw,format=RGBA ! tarnwell-dsl dsl-enabled=true
+//       rotation-override=30 ! videoconvert ! autovideosink
 #include "tarnwell_dsl.h"
+
+#include "frame_rotation.h"
+
+#include <cmath>
 
 GST_DEBUG_CATEGORY_STATIC(tarnwell_dsl_debug);
 #define GST_CAT_DEFAULT tarnwell_dsl_debug
 
 struct _TarnwellDsl {
-    GstBaseTransform parent;
+    GstVideoFilter parent;
 
     gboolean silent;
     gboolean dsl_enabled;
@@ -30,6 +42,9 @@ struct _TarnwellDsl {
     gboolean auto_zoom_override;
     gdouble camera_roll;
     gdouble camera_tilt;
+
+    // Streaming thread: the turn of the frame being processed.
+    gdouble frame_roll;
 };
 
 enum {
@@ -66,17 +81,64 @@ static GstStaticPadTemplate sink_template
 static GstStaticPadTemplate src_template
     = GST_STATIC_PAD_TEMPLATE("src", GST_PAD_SRC, GST_PAD_ALWAYS, GST_STATIC_CAPS("video/x-raw"));
 
-G_DEFINE_TYPE(TarnwellDsl, tarnwell_dsl, GST_TYPE_BASE_TRANSFORM)
+G_DEFINE_TYPE(TarnwellDsl, tarnwell_dsl, GST_TYPE_VIDEO_FILTER)
 GST_ELEMENT_REGISTER_DEFINE(tarnwell_dsl, "tarnwell-dsl", GST_RANK_NONE, TARNWELL_TYPE_DSL)
 
 static constexpr GParamFlags kWritable
     = static_cast<GParamFlags>(G_PARAM_READWRITE | GST_PARAM_MUTABLE_PLAYING | G_PARAM_STATIC_STRINGS);
 static constexpr GParamFlags kReadOnly = static_cast<GParamFlags>(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS);
 
-// The picture is rotated by the measured roll only while levelling is on.
+// An angle in degrees brought into (-180, 180].
+static gdouble NormalisedAngle(gdouble degrees)
+{
+    gdouble angle = std::fmod(degrees, 360.0);
+    if (angle > 180.0)
+        angle -= 360.0;
+    else if (angle <= -180.0)
+        angle += 360.0;
+    return angle;
+}
+
+// The turn applied to the picture (see the top of the file); called under the object lock.
 static gdouble DisplayRoll(const TarnwellDsl* self)
 {
-    return self->dsl_enabled ? self->camera_roll : 0.0;
+    if (!self->dsl_enabled)
+        return 0.0;
+    if (self->rotation_override != 0)
+        return NormalisedAngle(self->rotation_override);
+    const gdouble step = self->rotation_steps == 1 ? 90.0 : self->rotation_steps == 2 ? 180.0 : 0.0;
+    const gdouble roll = step > 0.0 ? std::round(self->camera_roll / step) * step : self->camera_roll;
+    // Avoids -0: a level picture passes untouched.
+    return roll == 0.0 ? 0.0 : NormalisedAngle(roll);
+}
+
+// Decides per frame whether it is turned; an unturned frame passes without a copy.
+static void tarnwell_dsl_before_transform(GstBaseTransform* trans, GstBuffer* /*buffer*/)
+{
+    TarnwellDsl* self = TARNWELL_DSL(trans);
+    GST_OBJECT_LOCK(self);
+    const gdouble roll = DisplayRoll(self);
+    GST_OBJECT_UNLOCK(self);
+    GstVideoFilter* filter = GST_VIDEO_FILTER(trans);
+    const bool turned = roll != 0.0 && filter->negotiated && CanRotateFrames(&filter->in_info);
+    self->frame_roll = roll;
+    if (gst_base_transform_is_passthrough(trans) == turned)
+        gst_base_transform_set_passthrough(trans, !turned);
+}
+
+static GstFlowReturn tarnwell_dsl_transform_frame(
+    GstVideoFilter* filter, GstVideoFrame* in, GstVideoFrame* out)
+{
+    RotateFrame(in, out, TARNWELL_DSL(filter)->frame_roll);
+    return GST_FLOW_OK;
+}
+
+static gboolean tarnwell_dsl_set_info(GstVideoFilter* filter, GstCaps* /*incaps*/, GstVideoInfo* in_info,
+    GstCaps* /*outcaps*/, GstVideoInfo* /*out_info*/)
+{
+    if (!CanRotateFrames(in_info))
+        GST_INFO_OBJECT(filter, "%s frames pass unlevelled", GST_VIDEO_INFO_NAME(in_info));
+    return TRUE;
 }
 
 static void tarnwell_dsl_set_property(GObject* object, guint id, const GValue* value, GParamSpec* pspec)
@@ -212,6 +274,8 @@ static void tarnwell_dsl_class_init(TarnwellDslClass* klass)
 {
     GObjectClass* gobject_class = G_OBJECT_CLASS(klass);
     GstElementClass* element_class = GST_ELEMENT_CLASS(klass);
+    GstBaseTransformClass* trans_class = GST_BASE_TRANSFORM_CLASS(klass);
+    GstVideoFilterClass* filter_class = GST_VIDEO_FILTER_CLASS(klass);
 
     gobject_class->set_property = tarnwell_dsl_set_property;
     gobject_class->get_property = tarnwell_dsl_get_property;
@@ -226,7 +290,8 @@ static void tarnwell_dsl_class_init(TarnwellDslClass* klass)
             "plumbline-enabled", "Plumbline enabled", "Measure the plumbline", FALSE, kWritable));
     g_object_class_install_property(gobject_class, PROP_ROTATION_STEPS,
         g_param_spec_uint("rotation-steps", "Rotation steps",
-            "Rotation steps mode (0 continuous, 1 and 2 stepped)", 0, 2, 0, kWritable));
+            "Rotation steps mode (0 continuous, 1 steps of 90 degrees, 2 steps of 180 degrees)", 0, 2, 0,
+            kWritable));
     g_object_class_install_property(gobject_class, PROP_ROTATION_THRESHOLD,
         g_param_spec_uint("rotation-threshold", "Rotation threshold",
             "Roll in degrees that starts a rotation", 0, 30, 7, kWritable));
@@ -258,8 +323,8 @@ static void tarnwell_dsl_class_init(TarnwellDslClass* klass)
         g_param_spec_double(
             "camera-tilt", "Camera tilt", "Measured camera tilt in degrees", -90.0, 90.0, 0.0, kReadOnly));
     g_object_class_install_property(gobject_class, PROP_DISPLAY_ROLL,
-        g_param_spec_double("display-roll", "Display roll", "Rotation applied to the picture in degrees",
-            -180.0, 180.0, 0.0, kReadOnly));
+        g_param_spec_double("display-roll", "Display roll",
+            "Clockwise turn applied to the picture in degrees", -180.0, 180.0, 0.0, kReadOnly));
 
     dsl_signals[SIGNAL_CAMERA_ROLL_CHANGED] = g_signal_new("camera-roll-changed", G_TYPE_FROM_CLASS(klass),
         G_SIGNAL_RUN_LAST, 0, nullptr, nullptr, nullptr, G_TYPE_NONE, 1, G_TYPE_DOUBLE);
@@ -280,9 +345,13 @@ static void tarnwell_dsl_class_init(TarnwellDslClass* klass)
     gst_element_class_add_static_pad_template(element_class, &src_template);
     gst_element_class_set_static_metadata(element_class, "Digital self-levelling (stand-in)",
         "Filter/Effect/Video",
-        "Passes the picture through and reports camera roll, tilt and plumbline data set by "
-        "its simulate-* action signals",
+        "Turns the picture by the camera roll (or a fixed angle) while levelling, and reports camera roll, "
+        "tilt and plumbline data set by its simulate-* action signals",
         "videod");
+
+    trans_class->before_transform = tarnwell_dsl_before_transform;
+    filter_class->set_info = tarnwell_dsl_set_info;
+    filter_class->transform_frame = tarnwell_dsl_transform_frame;
 
     GST_DEBUG_CATEGORY_INIT(tarnwell_dsl_debug, "tarnwell-dsl", 0, "digital self-levelling stand-in");
 }
@@ -303,5 +372,6 @@ static void tarnwell_dsl_init(TarnwellDsl* self)
     self->auto_zoom_override = FALSE;
     self->camera_roll = 0.0;
     self->camera_tilt = 0.0;
+    self->frame_roll = 0.0;
     gst_base_transform_set_passthrough(GST_BASE_TRANSFORM(self), TRUE);
 }
