@@ -1,18 +1,27 @@
-// Glib source servicing an sd-bus connection: poll its fd, honour its time-outs.
+// Glib source servicing an sd-bus connection: poll its fd, honour its time-outs, leave when it closes.
 #include "dbus-helper/bus_event_source.h"
 
 #include <poll.h>
 
 #include <cerrno>
 #include <cstdint>
+#include <new>
+#include <utility>
 
 namespace DbusHelper
 {
 
 struct BusEventSource::Source {
+    // What the source keeps besides glib's part; built in place after
+    // g_source_new and destroyed in Finalize.
+    struct State {
+        sd_bus* bus;
+        ClosedHandler closed;
+    };
+
     GSource base;
-    sd_bus* bus;
     GPollFD poll;
+    State state;
 };
 
 namespace
@@ -35,7 +44,7 @@ gushort GlibEvents(int sd_events)
 }
 
 // Milliseconds until the connection's next deadline; -1 for none, 0 when
-// messages are already queued.
+// messages are already queued (or the connection is closing).
 gint TimeoutMs(sd_bus* bus)
 {
     uint64_t deadline = 0;
@@ -50,37 +59,48 @@ gint TimeoutMs(sd_bus* bus)
 
 } // namespace
 
-BusEventSource::~BusEventSource()
-{
-    Detach();
-}
-
 gboolean BusEventSource::Prepare(GSource* source, gint* timeout)
 {
     auto* self = reinterpret_cast<Source*>(source);
-    const int events = sd_bus_get_events(self->bus);
+    const int events = sd_bus_get_events(self->state.bus);
     self->poll.events = GlibEvents(events < 0 ? POLLIN : events);
-    *timeout = TimeoutMs(self->bus);
+    *timeout = TimeoutMs(self->state.bus);
     return *timeout == 0;
 }
 
 gboolean BusEventSource::Check(GSource* source)
 {
     auto* self = reinterpret_cast<Source*>(source);
-    return self->poll.revents != 0 || TimeoutMs(self->bus) == 0;
+    return self->poll.revents != 0 || TimeoutMs(self->state.bus) == 0;
 }
 
 gboolean BusEventSource::Dispatch(GSource* source, GSourceFunc, gpointer)
 {
     auto* self = reinterpret_cast<Source*>(source);
+    sd_bus* bus = self->state.bus;
     for (int i = 0; i < kMaxMessagesPerDispatch; ++i) {
-        if (sd_bus_process(self->bus, nullptr) <= 0)
+        if (sd_bus_process(bus, nullptr) <= 0)
             break;
     }
-    return G_SOURCE_CONTINUE;
+    if (sd_bus_is_open(bus) > 0)
+        return G_SOURCE_CONTINUE;
+
+    // Nothing arrives on this descriptor again, and polling it would report
+    // the hang-up on every turn of the loop: leave before telling the owner,
+    // who may release the connection and this source.
+    ClosedHandler closed = std::move(self->state.closed);
+    g_source_destroy(source);
+    if (closed)
+        closed();
+    return G_SOURCE_REMOVE;
 }
 
-int BusEventSource::Attach(sd_bus* bus, GMainContext* context)
+void BusEventSource::Finalize(GSource* source)
+{
+    reinterpret_cast<Source*>(source)->state.~State();
+}
+
+int BusEventSource::Attach(sd_bus* bus, GMainContext* context, ClosedHandler closed)
 {
     Detach();
     if (!bus)
@@ -92,27 +112,28 @@ int BusEventSource::Attach(sd_bus* bus, GMainContext* context)
     source_funcs.prepare = &BusEventSource::Prepare;
     source_funcs.check = &BusEventSource::Check;
     source_funcs.dispatch = &BusEventSource::Dispatch;
-    source_funcs.finalize = nullptr;
+    source_funcs.finalize = &BusEventSource::Finalize;
 
-    _Source = g_source_new(&source_funcs, sizeof(Source));
-    auto* self = reinterpret_cast<Source*>(_Source);
-    self->bus = bus;
+    _Source.reset(g_source_new(&source_funcs, sizeof(Source)));
+    auto* self = reinterpret_cast<Source*>(_Source.get());
+    new (&self->state) Source::State { bus, std::move(closed) };
     self->poll.fd = fd;
     self->poll.events = G_IO_IN | G_IO_ERR | G_IO_HUP;
     self->poll.revents = 0;
-    g_source_add_poll(_Source, &self->poll);
-    g_source_set_name(_Source, "sd-bus connection");
-    g_source_attach(_Source, context);
+    g_source_add_poll(_Source.get(), &self->poll);
+    g_source_set_name(_Source.get(), "sd-bus connection");
+    g_source_attach(_Source.get(), context);
     return 0;
 }
 
 void BusEventSource::Detach()
 {
-    if (!_Source)
-        return;
-    g_source_destroy(_Source);
-    g_source_unref(_Source);
-    _Source = nullptr;
+    _Source.reset();
+}
+
+bool BusEventSource::IsAttached() const
+{
+    return _Source && !g_source_is_destroyed(_Source.get());
 }
 
 } // namespace DbusHelper

@@ -1,6 +1,9 @@
 // User bus connection with a bounded method-call time-out.
 #include "dbus-helper/dbus_connector.h"
 
+#include <cerrno>
+#include <utility>
+
 namespace DbusHelper
 {
 
@@ -9,6 +12,7 @@ DbusConnector::~DbusConnector()
     // Subclasses have released their bindings in their own destructors;
     // only the connection is left.
     _Bus.reset();
+    _SharedBus.reset();
 }
 
 int DbusConnector::OpenUserBus(SdBusPtr& bus)
@@ -28,7 +32,7 @@ int DbusConnector::OpenUserBus(SdBusPtr& bus)
 
 int DbusConnector::Connect()
 {
-    if (_Bus)
+    if (IsConnected())
         return 0;
     const int r = OpenUserBus(_Bus);
     if (r < 0)
@@ -37,12 +41,33 @@ int DbusConnector::Connect()
     return 0;
 }
 
+int DbusConnector::Adopt(SdBusPtr bus)
+{
+    if (!bus)
+        return -EINVAL;
+    Disconnect();
+    _Bus = std::move(bus);
+    OnConnected();
+    return 0;
+}
+
+int DbusConnector::Share(sd_bus* bus)
+{
+    if (!bus)
+        return -EINVAL;
+    Disconnect();
+    _SharedBus.reset(sd_bus_ref(bus));
+    OnConnected();
+    return 0;
+}
+
 void DbusConnector::Disconnect()
 {
-    if (!_Bus)
+    if (!IsConnected())
         return;
     OnDisconnecting();
     _Bus.reset();
+    _SharedBus.reset();
 }
 
 } // namespace DbusHelper

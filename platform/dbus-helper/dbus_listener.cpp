@@ -26,13 +26,23 @@ DbusListener::~DbusListener()
 
 void DbusListener::OnConnected()
 {
-    _Source.Attach(Bus(), _Context);
+    if (OwnsBus())
+        _Source.Attach(Bus(), _Context, [this] { OnClosed(); });
 }
 
 void DbusListener::OnDisconnecting()
 {
     _Slots.clear();
     _Source.Detach();
+}
+
+void DbusListener::OnClosed()
+{
+    Disconnect();
+    // A copy: the handler may destroy this listener.
+    const ClosedHandler closed = _Closed;
+    if (closed)
+        closed();
 }
 
 int DbusListener::ListenSignal(const std::string& sender, const std::string& path,
@@ -49,13 +59,17 @@ int DbusListener::ListenSignal(const std::string& sender, const std::string& pat
     return 0;
 }
 
-int DbusListener::ListenSignals(const std::vector<SignalMatch>& matches)
+int DbusListener::ListenSignals(const std::vector<SignalMatch>& matches, const FailureHandler& failed)
 {
     int result = 0;
     for (const SignalMatch& match : matches) {
         const int r = ListenSignal(
             match.sender, match.path, match.interface, match.member, match.handler, match.userdata);
-        if (r < 0 && result == 0)
+        if (r >= 0)
+            continue;
+        if (failed)
+            failed(match, r);
+        if (result == 0)
             result = r;
     }
     return result;

@@ -4,6 +4,7 @@
 
 #include "dbus-helper/dbus_connector.h"
 #include "dbus-helper/sdbus_utils.h"
+#include "message_codec.h"
 
 using DbusHelper::SdBusMessagePtr;
 
@@ -66,16 +67,12 @@ int ParseInterfaceRemoved(sd_bus_message* message, std::string& path, std::vecto
     int r = ReadObjectPath(message, path);
     if (r < 0)
         return r;
-    char** names = nullptr;
-    r = sd_bus_message_read_strv(message, &names);
+    // Read as an array of strings, so nothing sd-bus allocates is left to free.
+    std::vector<std::string> names;
+    r = DbusHelper::MessageCodec::Read(message, names);
     if (r < 0)
         return r;
-    // The array and its strings are allocated by sd-bus; take them over.
-    for (char** name = names; name && *name; ++name) {
-        interfaces.emplace_back(*name);
-        std::free(*name);
-    }
-    std::free(names);
+    interfaces.insert(interfaces.end(), names.begin(), names.end());
     return 0;
 }
 

@@ -1,7 +1,10 @@
 // Remote user bus connection through ssh and systemd-stdio-bridge.
 #include "dbus-helper/sd_bus_open_user_remote.h"
 
+#include <time.h>
+
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 
@@ -28,6 +31,38 @@ std::string EscapeAddressValue(const std::string& text)
     return escaped;
 }
 
+uint64_t MonotonicUsec()
+{
+    timespec now {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000u + static_cast<uint64_t>(now.tv_nsec) / 1000u;
+}
+
+// Drives the handshake (authentication, then Hello) until the remote bus has
+// accepted the connection, for at most `timeoutUsec`. sd-bus's own wait for
+// the authentication is bounded only by its 90 s default, too long for the
+// main loop that opens the bus. Returns 0, -ETIMEDOUT or another negative errno.
+int WaitUntilReady(sd_bus* bus, uint64_t timeoutUsec)
+{
+    const uint64_t deadline = MonotonicUsec() + timeoutUsec;
+    for (;;) {
+        int r = sd_bus_is_ready(bus);
+        if (r != 0)
+            return r < 0 ? r : 0;
+        r = sd_bus_process(bus, nullptr);
+        if (r < 0)
+            return r;
+        if (r > 0)
+            continue;
+        const uint64_t now = MonotonicUsec();
+        if (now >= deadline)
+            return -ETIMEDOUT;
+        r = sd_bus_wait(bus, deadline - now);
+        if (r < 0)
+            return r;
+    }
+}
+
 } // namespace
 
 extern "C" int sd_bus_open_user_remote(sd_bus** ret, const char* host, const char* path)
@@ -51,13 +86,14 @@ extern "C" int sd_bus_open_user_remote(sd_bus** ret, const char* host, const cha
         r = sd_bus_set_method_call_timeout(raw, DbusHelper::kMethodCallTimeoutUsec);
     if (r >= 0)
         r = sd_bus_start(raw);
-    // The unique name is known once the remote bus has answered Hello; that
-    // wait is bounded by the method-call time-out.
-    const char* unique = nullptr;
     if (r >= 0)
-        r = sd_bus_get_unique_name(raw, &unique);
-    if (r < 0)
+        r = WaitUntilReady(raw, DbusHelper::kMethodCallTimeoutUsec);
+    if (r < 0) {
+        // Closed before release: flushing a connection that never got ready
+        // would wait for the handshake again.
+        sd_bus_close(raw);
         return r;
+    }
     *ret = bus.release();
     return 0;
 }

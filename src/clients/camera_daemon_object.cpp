@@ -3,9 +3,9 @@
 
 #include <cerrno>
 
+#include "common/function_signature.h"
 #include "dbus-helper/sdbus_utils.h"
 #include "log.h"
-#include "common/function_signature.h"
 
 using VideoDaemon::Log::Error;
 
@@ -25,23 +25,19 @@ CameraDaemonObject::CameraDaemonObject(sd_bus* bus)
         Error("%s: d-bus is NULL", VIDEOD_SIGNATURE);
         return;
     }
-    struct Subscription {
-        const char* interface;
-        const char* member;
-        sd_bus_message_handler_t handler;
-    };
-    for (const Subscription& s :
-        { Subscription { kObjectManagerInterface, "InterfacesAdded", &InterfacesAdded },
-            Subscription { kObjectManagerInterface, "InterfacesRemoved", &InterfacesRemoved },
-            Subscription { kPropertiesInterface, "PropertiesChanged", &PropertiesChanged } }) {
-        sd_bus_slot* slot = nullptr;
-        const int r = sd_bus_match_signal(
-            _Bus, &slot, CAMERA_DAEMON_SERVICE, CAMERA_DAEMON_PATH, s.interface, s.member, s.handler, this);
-        if (r < 0)
-            Error("%s: Failed to register signal handler:%s", VIDEOD_SIGNATURE, s.member);
-        else
-            _Slots.emplace_back(slot);
-    }
+    _Listener.Share(_Bus);
+    _Listener.ListenSignals(
+        {
+            { CAMERA_DAEMON_SERVICE, CAMERA_DAEMON_PATH, kObjectManagerInterface, "InterfacesAdded",
+                &InterfacesAdded, this },
+            { CAMERA_DAEMON_SERVICE, CAMERA_DAEMON_PATH, kObjectManagerInterface, "InterfacesRemoved",
+                &InterfacesRemoved, this },
+            { CAMERA_DAEMON_SERVICE, CAMERA_DAEMON_PATH, kPropertiesInterface, "PropertiesChanged",
+                &PropertiesChanged, this },
+        },
+        [function = VIDEOD_FUNCTION](const DbusHelper::SignalMatch& match, int) {
+            Error("%s: Failed to register signal handler:%s", function.Text().c_str(), match.member.c_str());
+        });
 
     sdbus_utils::ManagedObjects objects;
     std::string error;

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "camera_object.h"
-#include "dbus-helper/sd_bus_ptr.h"
+#include "dbus-helper/dbus_listener.h"
 
 namespace Camerad
 {
@@ -50,7 +50,8 @@ private:
     void AddCamera(const std::string& path);
 
     sd_bus* _Bus;
-    std::vector<DbusHelper::SdBusSlotPtr> _Slots;
+    // Subscribes on the borrowed connection.
+    DbusHelper::DbusListener _Listener;
     std::map<std::string, std::shared_ptr<CameraObject>> _Cameras;
 };
 

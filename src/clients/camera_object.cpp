@@ -3,8 +3,8 @@
 
 #include <cerrno>
 
-#include "log.h"
 #include "common/function_signature.h"
+#include "log.h"
 
 using VideoDaemon::Log::Error;
 
@@ -12,21 +12,19 @@ namespace Camerad
 {
 
 CameraObject::CameraObject(sd_bus* bus, std::string path)
-    : _Bus(bus)
-    , _Path(std::move(path))
+    : _Path(std::move(path))
 {
-    if (!_Bus) {
+    if (!bus) {
         Error("%s: Bus ptr is NULL", VIDEOD_SIGNATURE);
         return;
     }
-    sd_bus_slot* slot = nullptr;
-    const int r = sd_bus_match_signal(_Bus, &slot, CAMERA_DAEMON_SERVICE, _Path.c_str(),
-        "org.freedesktop.DBus.Properties", "PropertiesChanged", &CameraObject::PropertiesChanged, this);
+    _Listener.Share(bus);
+    const int r = _Listener.ListenSignal(CAMERA_DAEMON_SERVICE, _Path, "org.freedesktop.DBus.Properties",
+        "PropertiesChanged", &CameraObject::PropertiesChanged, this);
     if (r < 0) {
         Error("%s: Failed to register signal handler:%s", VIDEOD_SIGNATURE, "PropertiesChanged");
         return;
     }
-    _Slot.reset(slot);
     for (const char* interface : { CAMERA_INTERFACE, CAMERA_FEATURES_INTERFACE }) {
         sdbus_utils::PropertyMap properties;
         GetAllProperties(interface, properties);
@@ -41,11 +39,11 @@ sdbus_utils::PropertyMap CameraObject::Properties(const std::string& interface) 
 
 int32_t CameraObject::GetAllProperties(const std::string& interface, sdbus_utils::PropertyMap& properties)
 {
-    if (!_Bus)
+    if (!Bus())
         return -ENOTCONN;
     DbusHelper::SdBusMessagePtr reply;
     std::string error;
-    int32_t r = sdbus_utils::GetAllProperties(_Bus, CAMERA_DAEMON_SERVICE, _Path, interface, reply, error);
+    int32_t r = sdbus_utils::GetAllProperties(Bus(), CAMERA_DAEMON_SERVICE, _Path, interface, reply, error);
     if (r < 0) {
         Error("Failed to read interface");
         return r;
@@ -63,12 +61,12 @@ int32_t CameraObject::GetAllProperties(const std::string& interface, sdbus_utils
 
 int32_t CameraObject::RequestTiles(uint32_t& tiles)
 {
-    if (!_Bus)
+    if (!Bus())
         return -ENOTCONN;
     std::string error;
     DbusHelper::SdBusMessagePtr reply;
-    int32_t r = sdbus_utils::CallMethod(
-        _Bus, CAMERA_DAEMON_SERVICE, _Path, CAMERA_INTERFACE, CAMERA_METHOD_REQUEST_TILES, &reply, error, "");
+    int32_t r = sdbus_utils::CallMethod(Bus(), CAMERA_DAEMON_SERVICE, _Path, CAMERA_INTERFACE,
+        CAMERA_METHOD_REQUEST_TILES, &reply, error, "");
     if (r < 0) {
         Error("sd_bus_call_method CAMERA_METHOD_REQUEST_TILES failed (r = %d)", r);
         return r;
@@ -85,12 +83,12 @@ int32_t CameraObject::RequestTiles(uint32_t& tiles)
 
 int32_t CameraObject::SetTilingMode(TilingCameraMode mode)
 {
-    if (!_Bus)
+    if (!Bus())
         return -ENOTCONN;
     std::string error;
     const uint32_t value = static_cast<uint32_t>(mode);
     const int32_t r = sdbus_utils::SetProperty(
-        _Bus, CAMERA_DAEMON_SERVICE, _Path, CAMERA_TILING_INTERFACE, CAMERA_PROP_TILING_MODE, value, error);
+        Bus(), CAMERA_DAEMON_SERVICE, _Path, CAMERA_TILING_INTERFACE, CAMERA_PROP_TILING_MODE, value, error);
     if (r < 0)
         Error("%s: Failed to set %s property, err:%s", VIDEOD_SIGNATURE, CAMERA_PROP_TILING_MODE,
             error.c_str());
@@ -99,12 +97,12 @@ int32_t CameraObject::SetTilingMode(TilingCameraMode mode)
 
 int32_t CameraObject::GetTilingMode(TilingCameraMode& mode)
 {
-    if (!_Bus)
+    if (!Bus())
         return -ENOTCONN;
     std::string error;
     uint32_t value = 0;
     const int32_t r = sdbus_utils::GetProperty(
-        _Bus, CAMERA_DAEMON_SERVICE, _Path, CAMERA_TILING_INTERFACE, CAMERA_PROP_TILING_MODE, value, error);
+        Bus(), CAMERA_DAEMON_SERVICE, _Path, CAMERA_TILING_INTERFACE, CAMERA_PROP_TILING_MODE, value, error);
     if (r < 0) {
         Error("%s: Failed to set %s property, err:%s", VIDEOD_SIGNATURE, CAMERA_PROP_TILING_MODE,
             error.c_str());

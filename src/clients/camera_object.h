@@ -7,7 +7,7 @@
 #include <map>
 #include <string>
 
-#include "dbus-helper/sd_bus_ptr.h"
+#include "dbus-helper/dbus_listener.h"
 #include "dbus-helper/sdbus_utils.h"
 
 namespace Camerad
@@ -36,7 +36,8 @@ class CameraObject
 {
 public:
     // Subscribes to the camera's property changes and reads its camera and
-    // features properties. `bus` is borrowed and must outlive the object.
+    // features properties. `bus` is shared: its owner services it on the
+    // main loop for the changes to arrive.
     CameraObject(sd_bus* bus, std::string path);
     CameraObject(const CameraObject&) = delete;
     CameraObject& operator=(const CameraObject&) = delete;
@@ -58,10 +59,11 @@ public:
 
 private:
     static int PropertiesChanged(sd_bus_message* message, void* userdata, sd_bus_error* error);
+    sd_bus* Bus() const { return _Listener.Bus(); }
 
-    sd_bus* _Bus;
     std::string _Path;
-    DbusHelper::SdBusSlotPtr _Slot;
+    // Subscribes on the borrowed connection.
+    DbusHelper::DbusListener _Listener;
     std::map<std::string, sdbus_utils::PropertyMap> _Properties;
 };
 

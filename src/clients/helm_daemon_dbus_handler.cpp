@@ -5,8 +5,8 @@
 #include <cstring>
 #include <vector>
 
-#include "log.h"
 #include "common/function_signature.h"
+#include "log.h"
 
 using VideoDaemon::Log::Debug;
 using VideoDaemon::Log::Error;
@@ -60,36 +60,31 @@ int HelmDaemonDbusHandler::Listen()
         return r;
     }
 
-    struct Subscription {
-        const char* path;
-        const char* interface;
-        const char* member;
-        sd_bus_message_handler_t handler;
+    const std::vector<DbusHelper::SignalMatch> matches {
+        { HELM_DAEMON_SERVICE, HELM_DAEMON_PATH, HELM_DAEMON_INTERFACE, "VideoStatusChanged",
+            &VideoStatusChangedHandler, this },
+        { HELM_DAEMON_SERVICE, HELM_DAEMON_PATH, HELM_DAEMON_INTERFACE, "KeyPressEvent",
+            &KeyPressEventHandler, this },
+        { HELM_DAEMON_SERVICE, HELM_DAEMON_REEL_PATH, kPropertiesInterface, "PropertiesChanged",
+            &ReelPropertiesChanged, this },
+        { HELM_DAEMON_SERVICE, HELM_DAEMON_REEL_FIRMWARE_PATH, kPropertiesInterface, "PropertiesChanged",
+            &ReelFirmwarePropertiesChanged, this },
+        { HELM_DAEMON_SERVICE, HELM_DAEMON_REEL_DISTANCE_PATH, kPropertiesInterface, "PropertiesChanged",
+            &ReelDistancePropertiesChanged, this },
+        { HELM_DAEMON_SERVICE, HELM_DAEMON_POWER_PATH, kPropertiesInterface, "PropertiesChanged",
+            &PowerPropertiesChanged, this },
+        { HELM_DAEMON_SERVICE, HELM_DAEMON_COOLING_PATH, kPropertiesInterface, "PropertiesChanged",
+            &CoolingPropertiesChanged, this },
+        { HELM_DAEMON_SERVICE, HELM_DAEMON_PATH, kPropertiesInterface, "PropertiesChanged",
+            &MainPropertiesChanged, this },
+        { HELM_DAEMON_SERVICE, HELM_DAEMON_PATH, kObjectManagerInterface, "InterfacesAdded",
+            &InterfacesAddedHandler, this },
+        { HELM_DAEMON_SERVICE, HELM_DAEMON_PATH, kObjectManagerInterface, "InterfacesRemoved",
+            &InterfacesRemovedHandler, this },
     };
-    const std::vector<Subscription> subscriptions {
-        { HELM_DAEMON_PATH, HELM_DAEMON_INTERFACE, "VideoStatusChanged", &VideoStatusChangedHandler },
-        { HELM_DAEMON_PATH, HELM_DAEMON_INTERFACE, "KeyPressEvent", &KeyPressEventHandler },
-        { HELM_DAEMON_REEL_PATH, kPropertiesInterface, "PropertiesChanged", &ReelPropertiesChanged },
-        { HELM_DAEMON_REEL_FIRMWARE_PATH, kPropertiesInterface, "PropertiesChanged",
-            &ReelFirmwarePropertiesChanged },
-        { HELM_DAEMON_REEL_DISTANCE_PATH, kPropertiesInterface, "PropertiesChanged",
-            &ReelDistancePropertiesChanged },
-        { HELM_DAEMON_POWER_PATH, kPropertiesInterface, "PropertiesChanged", &PowerPropertiesChanged },
-        { HELM_DAEMON_COOLING_PATH, kPropertiesInterface, "PropertiesChanged", &CoolingPropertiesChanged },
-        { HELM_DAEMON_PATH, kPropertiesInterface, "PropertiesChanged", &MainPropertiesChanged },
-        { HELM_DAEMON_PATH, kObjectManagerInterface, "InterfacesAdded", &InterfacesAddedHandler },
-        { HELM_DAEMON_PATH, kObjectManagerInterface, "InterfacesRemoved", &InterfacesRemovedHandler },
-    };
-    int result = 0;
-    for (const Subscription& subscription : subscriptions) {
-        r = ListenSignal(HELM_DAEMON_SERVICE, subscription.path, subscription.interface, subscription.member,
-            subscription.handler, this);
-        if (r < 0) {
-            Error("Failed to register %s signal, %s", subscription.member, std::strerror(-r));
-            if (result == 0)
-                result = r;
-        }
-    }
+    const int result = ListenSignals(matches, [](const DbusHelper::SignalMatch& match, int failure) {
+        Error("Failed to register %s signal, %s", match.member.c_str(), std::strerror(-failure));
+    });
     if (result < 0) {
         Error("Storage: Failed to init signal listeners");
         DbusHelper::DbusConnector::Disconnect();

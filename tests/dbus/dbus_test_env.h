@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "dbus-helper/sd_bus_ptr.h"
 #include "support/main_loop_wait.h"
 
 #include <cerrno>
@@ -33,29 +34,11 @@
 namespace VideodTest
 {
 
-struct SdBusCloser {
-    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
-};
-struct SdBusMessageReleaser {
-    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
-};
-struct SdBusSlotReleaser {
-    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-};
-using SdBusPtr = std::unique_ptr<sd_bus, SdBusCloser>;
-using SdBusMessagePtr = std::unique_ptr<sd_bus_message, SdBusMessageReleaser>;
-using SdBusSlotPtr = std::unique_ptr<sd_bus_slot, SdBusSlotReleaser>;
-
-// An sd_bus_error that frees itself.
-struct SdBusError {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
-    SdBusError() = default;
-    SdBusError(const SdBusError&) = delete;
-    SdBusError& operator=(const SdBusError&) = delete;
-    ~SdBusError() { sd_bus_error_free(&error); }
-    sd_bus_error* get() { return &error; }
-    std::string Text() const { return error.message ? error.message : (error.name ? error.name : ""); }
-};
+// The owners of the D-Bus helper library, so tests release sd-bus objects as the clients do.
+using DbusHelper::SdBusError;
+using DbusHelper::SdBusMessagePtr;
+using DbusHelper::SdBusPtr;
+using DbusHelper::SdBusSlotPtr;
 
 inline std::string ReadFile(const std::string& path)
 {
@@ -208,7 +191,7 @@ protected:
         sd_bus_message* raw = nullptr;
         if (!_Bus
             || sd_bus_call_method(_Bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                   "org.freedesktop.DBus", "NameHasOwner", error.get(), &raw, "s", name.c_str())
+                   "org.freedesktop.DBus", "NameHasOwner", error.Get(), &raw, "s", name.c_str())
                 < 0)
             return false;
         SdBusMessagePtr reply(raw);

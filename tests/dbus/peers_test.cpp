@@ -110,9 +110,9 @@ TEST_F(Peers, SettingsPublishesEverySectionAndEveryKeyTheDaemonReadsWithItsType)
             SdBusError error;
             sd_bus_message* raw = nullptr;
             ASSERT_GE(sd_bus_get_property(Bus(), kSettings.c_str(), (kSettingsPath + "/" + section).c_str(),
-                          kSettings.c_str(), key.c_str(), error.get(), &raw, type.c_str()),
+                          kSettings.c_str(), key.c_str(), error.Get(), &raw, type.c_str()),
                 0)
-                << section << "/" << key << ": " << error.Text();
+                << section << "/" << key << ": " << error.Message();
             SdBusMessagePtr reply(raw);
             char found = 0;
             const char* contents = nullptr; // the reply is left inside the variant
@@ -262,11 +262,11 @@ TEST_F(Peers, AStoppedPeerReleasesItsNameAndCallsFailQuickly)
     SdBusError error;
     sd_bus_message* raw = nullptr;
     int r = sd_bus_call_method(Bus(), "com.tarnwell.common.Display1", "/com/tarnwell/common/Display1",
-        "com.tarnwell.common.Display1.Control", "ResetCsc", error.get(), &raw, "");
+        "com.tarnwell.common.Display1.Control", "ResetCsc", error.Get(), &raw, "");
     SdBusMessagePtr reply(raw);
     EXPECT_LT(r, 0);
-    EXPECT_TRUE(sd_bus_error_has_name(&error.error, "org.freedesktop.DBus.Error.ServiceUnknown"))
-        << error.Text();
+    EXPECT_TRUE(sd_bus_error_has_name(error.Get(), "org.freedesktop.DBus.Error.ServiceUnknown"))
+        << error.Message();
     EXPECT_NE(std::string::npos, PeerLog("display").find("leaves com.tarnwell.common.Display1"));
 }
 

@@ -1,17 +1,23 @@
 // Remote bus listener: local raw motion samples, and a remote unit's bus reached through ssh.
+#include <time.h>
+
 #include <algorithm>
+#include <chrono>
+#include <cstdio>
 #include <string>
 #include <vector>
 
-#include "clients/bus_listener_connection.h"
-#include "clients/dbus_listener.h"
+#include "clients/remote_bus_listener.h"
+#include "common/glib_ptr.h"
+#include "dbus-helper/dbus_connector.h"
 #include "dbus/dbus_test_env.h"
 #include "log_capture.h"
 
-using VideoDaemon::BusListenerConnection;
-using VideoDaemon::DbusListener;
+// The fixture below takes the class's name as its suite name.
+using Listener = VideoDaemon::RemoteBusListener;
 using VideoDaemon::Log::kError;
 using VideoDaemon::Log::kInfo;
+using VideoDaemon::Log::kWarning;
 using VideodTest::ReadFile;
 using VideodTest::RunMainLoopUntil;
 
@@ -37,12 +43,34 @@ std::string BusId(sd_bus* bus)
     sd_bus_message* raw = nullptr;
     VideodTest::SdBusError error;
     if (sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-            "GetId", error.get(), &raw, "")
+            "GetId", error.Get(), &raw, "")
         < 0)
         return "";
     VideodTest::SdBusMessagePtr reply(raw);
     const char* id = nullptr;
     return sd_bus_message_read(reply.get(), "s", &id) >= 0 ? id : "";
+}
+
+// CPU time this thread spends running the default main loop for `ms`: next
+// to nothing for a loop that waits, the whole stretch for one that spins.
+std::chrono::milliseconds MainLoopCpuTime(guint ms)
+{
+    VideoDaemon::GMainLoopPtr loop(g_main_loop_new(nullptr, FALSE));
+    VideoDaemon::GSourcePtr stop = VideoDaemon::AttachTimeout(
+        ms,
+        [](gpointer data) {
+            g_main_loop_quit(static_cast<GMainLoop*>(data));
+            return G_SOURCE_REMOVE;
+        },
+        loop.get());
+    auto cpu = [] {
+        timespec now {};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+        return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+    };
+    const auto start = cpu();
+    g_main_loop_run(loop.get());
+    return std::chrono::duration_cast<std::chrono::milliseconds>(cpu() - start);
 }
 
 // Stands in for the other unit: `ssh` is a script that records its arguments
@@ -73,8 +101,24 @@ protected:
     void TearDown() override
     {
         setenv("PATH", _Path.c_str(), 1);
+        StopRemoteBuses();
+    }
+
+    // The remote units' bus daemons go away.
+    void StopRemoteBuses()
+    {
         for (pid_t pid : _RemoteDaemons)
             kill(pid, SIGTERM);
+        _RemoteDaemons.clear();
+    }
+
+    // The remote end of the next connections accepts them and never answers:
+    // a unit whose bridge hangs before the bus has authenticated the client.
+    void MakeRemoteBridgeHang()
+    {
+        const std::string bridge = TempDir() + "/bin/systemd-stdio-bridge";
+        std::ofstream(bridge) << "#!/bin/sh\nexec sleep 60\n";
+        chmod(bridge.c_str(), 0755);
     }
 
     // Starts a "remote" bus; returns its identifier and fills its bus id.
@@ -107,10 +151,9 @@ protected:
 
 } // namespace
 
-TEST(BusListenerConnection, SelectsTheRemoteBusSocketWithAPercentEncodedBridgeOption)
+TEST_F(RemoteBusListener, SelectsTheRemoteBusSocketWithAPercentEncodedBridgeOption)
 {
-    EXPECT_EQ(BusListenerConnection::RemotePath("Xy12AbCd34"),
-        "%20--bus-path%3Dunix%3Aabstract%3D/tmp/dbus-Xy12AbCd34");
+    EXPECT_EQ(Listener::RemotePath("Xy12AbCd34"), "%20--bus-path%3Dunix%3Aabstract%3D/tmp/dbus-Xy12AbCd34");
 }
 
 // Without both a host and an identifier there is no remote bus: raw motion samples of the local bus
@@ -119,7 +162,7 @@ TEST_F(RemoteBusListener, AnEmptyHostOrIdentifierOpensOnlyTheLocalBus)
 {
     ASSERT_TRUE(StartPeer("camd", { "--cameras", "1", "--active", "0" })) << LastError();
     LogCapture log;
-    DbusListener listener;
+    Listener listener;
     for (const auto& [host, identifier] : std::vector<std::pair<std::string, std::string>> {
              { "remote-unit", "" }, { "", "Xy12AbCd34" }, { "", "" } }) {
         ASSERT_EQ(listener.Start(host, identifier), 0) << host << identifier;
@@ -148,7 +191,7 @@ TEST_F(RemoteBusListener, OpensTheRemoteUnitsBusThroughSsh)
     const std::string identifier = StartRemoteBus(remote_id);
     ASSERT_FALSE(remote_id.empty());
     LogCapture log;
-    DbusListener listener;
+    Listener listener;
     ASSERT_EQ(listener.Start("remote-unit", identifier), 0);
     ASSERT_NE(listener.RemoteBus(), nullptr);
     EXPECT_TRUE(log.Contains(kInfo, "DbusListener, listening on remote dbus remote-unit:" + identifier));
@@ -165,7 +208,7 @@ TEST_F(RemoteBusListener, RestartingWithAnotherRemoteAddressClosesThePreviousCon
     std::string first_id, second_id;
     const std::string first = StartRemoteBus(first_id);
     const std::string second = StartRemoteBus(second_id);
-    DbusListener listener;
+    Listener listener;
     ASSERT_EQ(listener.Start("remote-unit", first), 0);
     ASSERT_EQ(BusId(listener.RemoteBus()), first_id);
 
@@ -188,7 +231,7 @@ TEST_F(RemoteBusListener, RestartingWithAnotherRemoteAddressClosesThePreviousCon
 TEST_F(RemoteBusListener, AnUnreachableRemoteBusFailsTheStart)
 {
     LogCapture log;
-    DbusListener listener;
+    Listener listener;
     EXPECT_EQ(listener.Start("remote-unit", "nobodylistenshere"), -1);
     EXPECT_TRUE(log.Contains(kError, "DbusListener, failed to open remote dbus listener"));
     EXPECT_FALSE(log.ContainsText("listening on remote dbus"));
@@ -197,7 +240,50 @@ TEST_F(RemoteBusListener, AnUnreachableRemoteBusFailsTheStart)
 TEST_F(RemoteBusListener, WithoutALocalBusTheStartFails)
 {
     LogCapture log;
-    DbusListener listener;
+    Listener listener;
     WithoutBus([&] { EXPECT_EQ(listener.Start("", ""), -1); });
     EXPECT_TRUE(log.Contains(kError, "DbusListener, failed to open local dbus listener"));
+}
+
+// A remote unit that goes away (its bus daemon stops) closes the remote connection: the listener
+// releases it and says so, the local bus stays, and the main loop goes back to waiting instead of
+// polling the dead connection over and over.
+TEST_F(RemoteBusListener, ARemoteBusThatGoesAwayIsReleasedAndCostsNoCpu)
+{
+    std::string remote_id;
+    const std::string identifier = StartRemoteBus(remote_id);
+    ASSERT_FALSE(remote_id.empty());
+    LogCapture log;
+    Listener listener;
+    ASSERT_EQ(listener.Start("remote-unit", identifier), 0);
+    ASSERT_NE(listener.RemoteBus(), nullptr);
+
+    StopRemoteBuses();
+    ASSERT_TRUE(RunMainLoopUntil([&] { return listener.RemoteBus() == nullptr; }));
+    EXPECT_TRUE(log.Contains(kWarning, "DbusListener, remote dbus remote-unit:" + identifier + " closed"));
+    EXPECT_NE(listener.LocalBus(), nullptr);
+
+    const long long cpu_ms = MainLoopCpuTime(1000).count();
+    std::printf("main loop CPU time over 1 s after the remote bus went away: %lld ms\n", cpu_ms);
+    EXPECT_LT(cpu_ms, 250);
+}
+
+// The remote end accepts the connection but never authenticates it: opening gives up after the
+// library's call time-out instead of sd-bus's own 90 s wait for the handshake.
+TEST_F(RemoteBusListener, ARemoteBusThatNeverAnswersFailsTheStartWithinTheCallTimeOut)
+{
+    MakeRemoteBridgeHang();
+    LogCapture log;
+    Listener listener;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(listener.Start("remote-unit", "hangsbeforeauth"), -1);
+    const long long waited_ms
+        = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start)
+              .count();
+    EXPECT_TRUE(log.Contains(kError, "DbusListener, failed to open remote dbus listener"));
+    EXPECT_EQ(listener.RemoteBus(), nullptr);
+    // The time-out itself, plus a margin for starting and stopping the bridge.
+    const long long timeout_ms = DbusHelper::kMethodCallTimeoutUsec / 1000;
+    EXPECT_GE(waited_ms, timeout_ms);
+    EXPECT_LT(waited_ms, timeout_ms + 1500);
 }

@@ -174,8 +174,8 @@ TEST_F(SettingsClient, AChangeOfAPathEndingInASlashIsRejectedAsMalformed)
 
     // "/" is the one object path D-Bus carries that ends in a slash.
     EmitChange("/", { "sharpen", "b", "true" });
-    ASSERT_TRUE(
-        RunMainLoopUntil([&] { return log.Contains(kError, kHandlerSignature + ": Mallformed path string"); }));
+    ASSERT_TRUE(RunMainLoopUntil(
+        [&] { return log.Contains(kError, kHandlerSignature + ": Mallformed path string"); }));
     EXPECT_EQ(signals, 0);
 }
 

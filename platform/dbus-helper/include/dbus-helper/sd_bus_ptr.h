@@ -11,6 +11,10 @@ namespace DbusHelper
 struct SdBusCloser {
     void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
 };
+// For a reference to a connection that someone else owns: dropped, never closed.
+struct SdBusReleaser {
+    void operator()(sd_bus* bus) const { sd_bus_unref(bus); }
+};
 struct SdBusSlotReleaser {
     void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
 };
@@ -18,7 +22,10 @@ struct SdBusMessageReleaser {
     void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
 };
 
+// Owns a connection: flushes and closes it when released.
 using SdBusPtr = std::unique_ptr<sd_bus, SdBusCloser>;
+// Shares a connection that another owner opened, services and closes.
+using SdBusRefPtr = std::unique_ptr<sd_bus, SdBusReleaser>;
 using SdBusSlotPtr = std::unique_ptr<sd_bus_slot, SdBusSlotReleaser>;
 using SdBusMessagePtr = std::unique_ptr<sd_bus_message, SdBusMessageReleaser>;
 
