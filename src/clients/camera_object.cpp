@@ -11,6 +11,12 @@ using VideoDaemon::Log::Error;
 namespace Camerad
 {
 
+namespace
+{
+// Logged for reads and writes alike.
+const char* const kTilingModeFailed = "%s: Failed to set %s property, err:%s";
+} // namespace
+
 CameraObject::CameraObject(sd_bus* bus, std::string path)
     : _Path(std::move(path))
 {
@@ -85,31 +91,26 @@ int32_t CameraObject::SetTilingMode(TilingCameraMode mode)
 {
     if (!Bus())
         return -ENOTCONN;
-    std::string error;
-    const uint32_t value = static_cast<uint32_t>(mode);
-    const int32_t r = sdbus_utils::SetProperty(
-        Bus(), CAMERA_DAEMON_SERVICE, _Path, CAMERA_TILING_INTERFACE, CAMERA_PROP_TILING_MODE, value, error);
-    if (r < 0)
-        Error("%s: Failed to set %s property, err:%s", VIDEOD_SIGNATURE, CAMERA_PROP_TILING_MODE,
-            error.c_str());
-    return r;
+    return Tiling().Set(
+        CAMERA_PROP_TILING_MODE, static_cast<uint32_t>(mode), VIDEOD_FUNCTION, nullptr, kTilingModeFailed);
 }
 
 int32_t CameraObject::GetTilingMode(TilingCameraMode& mode)
 {
     if (!Bus())
         return -ENOTCONN;
-    std::string error;
     uint32_t value = 0;
-    const int32_t r = sdbus_utils::GetProperty(
-        Bus(), CAMERA_DAEMON_SERVICE, _Path, CAMERA_TILING_INTERFACE, CAMERA_PROP_TILING_MODE, value, error);
-    if (r < 0) {
-        Error("%s: Failed to set %s property, err:%s", VIDEOD_SIGNATURE, CAMERA_PROP_TILING_MODE,
-            error.c_str());
+    const int32_t r
+        = Tiling().Get(CAMERA_PROP_TILING_MODE, value, VIDEOD_FUNCTION, nullptr, kTilingModeFailed);
+    if (r < 0)
         return r;
-    }
     mode = static_cast<TilingCameraMode>(value);
     return 0;
+}
+
+VideoDaemon::PeerProperties CameraObject::Tiling() const
+{
+    return { CAMERA_DAEMON_SERVICE, _Path, CAMERA_TILING_INTERFACE, Bus() };
 }
 
 int CameraObject::PropertiesChanged(sd_bus_message* message, void* userdata, sd_bus_error*)

@@ -9,6 +9,7 @@
 
 #include "dbus-helper/dbus_listener.h"
 #include "dbus-helper/sdbus_utils.h"
+#include "peer_properties.h"
 
 namespace Camerad
 {
@@ -60,6 +61,7 @@ public:
 private:
     static int PropertiesChanged(sd_bus_message* message, void* userdata, sd_bus_error* error);
     sd_bus* Bus() const { return _Listener.Bus(); }
+    VideoDaemon::PeerProperties Tiling() const;
 
     std::string _Path;
     // Subscribes on the borrowed connection.

@@ -7,6 +7,7 @@
 
 #include "common/function_signature.h"
 #include "log.h"
+#include "peer_properties.h"
 
 using VideoDaemon::Log::Debug;
 using VideoDaemon::Log::Error;
@@ -19,26 +20,34 @@ namespace
 const char* const kPropertiesInterface = "org.freedesktop.DBus.Properties";
 const char* const kObjectManagerInterface = "org.freedesktop.DBus.ObjectManager";
 
-// Property access on one of the controller's objects; failures log
-// "<operation>: sdbus_utils::<Get|Set>Property <name> failed <error>".
-template <typename T>
-int Read(const char* operation, const char* path, const char* interface, const char* name, T& value)
+VideoDaemon::PeerProperties Object(const char* path, const char* interface)
 {
-    std::string error;
-    const int r = sdbus_utils::GetProperty(nullptr, HELM_DAEMON_SERVICE, path, interface, name, value, error);
-    if (r < 0)
-        Error("%s: sdbus_utils::GetProperty %s failed %s", operation, name, error.c_str());
-    return r;
+    return { HELM_DAEMON_SERVICE, path, interface };
 }
 
-template <typename T>
-int Write(const char* operation, const char* path, const char* interface, const char* name, const T& value)
+VideoDaemon::PeerProperties Main()
 {
-    std::string error;
-    const int r = sdbus_utils::SetProperty(nullptr, HELM_DAEMON_SERVICE, path, interface, name, value, error);
-    if (r < 0)
-        Error("%s: sdbus_utils::SetProperty %s failed %s", operation, name, error.c_str());
-    return r;
+    return Object(HELM_DAEMON_PATH, HELM_DAEMON_INTERFACE);
+}
+VideoDaemon::PeerProperties Reel()
+{
+    return Object(HELM_DAEMON_REEL_PATH, HELM_DAEMON_REEL_INTERFACE);
+}
+VideoDaemon::PeerProperties ReelDistance()
+{
+    return Object(HELM_DAEMON_REEL_DISTANCE_PATH, HELM_DAEMON_REEL_DISTANCE_INTERFACE);
+}
+VideoDaemon::PeerProperties ReelFirmware()
+{
+    return Object(HELM_DAEMON_REEL_FIRMWARE_PATH, HELM_DAEMON_REEL_FIRMWARE_INTERFACE);
+}
+VideoDaemon::PeerProperties Cooling()
+{
+    return Object(HELM_DAEMON_COOLING_PATH, HELM_DAEMON_COOLING_INTERFACE);
+}
+VideoDaemon::PeerProperties Power()
+{
+    return Object(HELM_DAEMON_POWER_PATH, HELM_DAEMON_POWER_INTERFACE);
 }
 
 HelmDaemonDbusHandler* Self(void* userdata)
@@ -94,35 +103,19 @@ int HelmDaemonDbusHandler::Listen()
 
 int HelmDaemonDbusHandler::GetPropVideoStatus(int32_t& status)
 {
-    std::string error;
-    const int r = sdbus_utils::GetProperty(nullptr, HELM_DAEMON_SERVICE, HELM_DAEMON_PATH,
-        HELM_DAEMON_INTERFACE, HELM_DAEMON_PROP_VIDEO_STATUS, status, error);
-    if (r < 0)
-        Error("%s: sdbus_utils::GetProperty HELM_DAEMON_PROP_VIDEO_STATUS failed %s", VIDEOD_SIGNATURE,
-            error.c_str());
-    return r;
+    return Main().Get(
+        HELM_DAEMON_PROP_VIDEO_STATUS, status, VIDEOD_FUNCTION, "HELM_DAEMON_PROP_VIDEO_STATUS");
 }
 
 int HelmDaemonDbusHandler::GetRemoteIP(std::string& address)
 {
-    std::string error;
-    const int r = sdbus_utils::GetProperty(nullptr, HELM_DAEMON_SERVICE, HELM_DAEMON_PATH,
-        HELM_DAEMON_INTERFACE, HELM_DAEMON_PROP_REMOTE_IP, address, error);
-    if (r < 0)
-        Error("%s: sdbus_utils::GetProperty HELM_DAEMON_PROP_REMOTE_IP failed %s", VIDEOD_SIGNATURE,
-            error.c_str());
-    return r;
+    return Main().Get(HELM_DAEMON_PROP_REMOTE_IP, address, VIDEOD_FUNCTION, "HELM_DAEMON_PROP_REMOTE_IP");
 }
 
 int HelmDaemonDbusHandler::GetRemoteDbusAddr(std::string& address)
 {
-    std::string error;
-    const int r = sdbus_utils::GetProperty(nullptr, HELM_DAEMON_SERVICE, HELM_DAEMON_PATH,
-        HELM_DAEMON_INTERFACE, HELM_DAEMON_PROP_REMOTE_DBUS_ADDR, address, error);
-    if (r < 0)
-        Error("%s: sdbus_utils::GetProperty HELM_DAEMON_PROP_REMOTE_DBUS_ADDR failed %s", VIDEOD_SIGNATURE,
-            error.c_str());
-    return r;
+    return Main().Get(
+        HELM_DAEMON_PROP_REMOTE_DBUS_ADDR, address, VIDEOD_FUNCTION, "HELM_DAEMON_PROP_REMOTE_DBUS_ADDR");
 }
 
 int HelmDaemonDbusHandler::GetReelProperties(TypedPropertyMap& properties)
@@ -145,63 +138,135 @@ int HelmDaemonDbusHandler::GetReelProperties(TypedPropertyMap& properties)
     return 0;
 }
 
-#define HELM_READ(Operation, Type, Path, Interface, Name)                                                    \
-    int HelmDaemonDbusHandler::Operation(Type& value)                                                        \
-    {                                                                                                        \
-        return Read(VIDEOD_SIGNATURE, Path, Interface, Name, value);                                         \
-    }
-#define HELM_WRITE(Operation, Type, Path, Interface, Name)                                                   \
-    int HelmDaemonDbusHandler::Operation(Type value)                                                         \
-    {                                                                                                        \
-        return Write(VIDEOD_SIGNATURE, Path, Interface, Name, value);                                        \
-    }
+int HelmDaemonDbusHandler::GetReelStatus(int32_t& value)
+{
+    return Reel().Get("Status", value, VIDEOD_FUNCTION);
+}
 
-HELM_READ(GetReelStatus, int32_t, HELM_DAEMON_REEL_PATH, HELM_DAEMON_REEL_INTERFACE, "Status")
-HELM_READ(GetReelConnected, bool, HELM_DAEMON_REEL_PATH, HELM_DAEMON_REEL_INTERFACE, "Connected")
-HELM_READ(GetReelCountMode, uint32_t, HELM_DAEMON_REEL_PATH, HELM_DAEMON_REEL_INTERFACE, "CountMode")
-HELM_WRITE(SetReelCountMode, uint32_t, HELM_DAEMON_REEL_PATH, HELM_DAEMON_REEL_INTERFACE, "CountMode")
-HELM_READ(GetReelCount, double, HELM_DAEMON_REEL_PATH, HELM_DAEMON_REEL_INTERFACE, "Count")
-HELM_READ(GetReelSerialNumber, std::string, HELM_DAEMON_REEL_PATH, HELM_DAEMON_REEL_INTERFACE, "SerialNumber")
-HELM_WRITE(SetReelSerialNumber, const std::string&, HELM_DAEMON_REEL_PATH, HELM_DAEMON_REEL_INTERFACE,
-    "SerialNumber")
-HELM_READ(GetReelDistanceSoftwareMode, bool, HELM_DAEMON_REEL_DISTANCE_PATH,
-    HELM_DAEMON_REEL_DISTANCE_INTERFACE, "SoftwareMode")
-HELM_WRITE(SetReelDistanceSoftwareMode, bool, HELM_DAEMON_REEL_DISTANCE_PATH,
-    HELM_DAEMON_REEL_DISTANCE_INTERFACE, "SoftwareMode")
-HELM_READ(GetReelDistanceAbsolute, double, HELM_DAEMON_REEL_DISTANCE_PATH,
-    HELM_DAEMON_REEL_DISTANCE_INTERFACE, "Absolute")
-HELM_WRITE(SetReelDistanceAbsolute, double, HELM_DAEMON_REEL_DISTANCE_PATH,
-    HELM_DAEMON_REEL_DISTANCE_INTERFACE, "Absolute")
-HELM_READ(GetReelDistanceRelative, double, HELM_DAEMON_REEL_DISTANCE_PATH,
-    HELM_DAEMON_REEL_DISTANCE_INTERFACE, "Relative")
-HELM_READ(GetReelFirmwareVersion, std::string, HELM_DAEMON_REEL_FIRMWARE_PATH,
-    HELM_DAEMON_REEL_FIRMWARE_INTERFACE, "Version")
-HELM_READ(GetCPUtempC, double, HELM_DAEMON_COOLING_PATH, HELM_DAEMON_COOLING_INTERFACE, "CPUtempC")
-HELM_READ(GetFanSpeed, uint32_t, HELM_DAEMON_COOLING_PATH, HELM_DAEMON_COOLING_INTERFACE, "FanSpeed")
-HELM_READ(
-    GetEmitStatusChanges, bool, HELM_DAEMON_COOLING_PATH, HELM_DAEMON_COOLING_INTERFACE, "EmitStatusChanges")
-HELM_WRITE(
-    SetEmitStatusChanges, bool, HELM_DAEMON_COOLING_PATH, HELM_DAEMON_COOLING_INTERFACE, "EmitStatusChanges")
-HELM_READ(GetPowerSource, std::string, HELM_DAEMON_POWER_PATH, HELM_DAEMON_POWER_INTERFACE, "PowerSource")
-HELM_READ(ReadBatteryVoltages, std::vector<double>, HELM_DAEMON_POWER_PATH, HELM_DAEMON_POWER_INTERFACE,
-    "BatteryVoltages")
-HELM_READ(ReadBatteryChargePercentages, std::vector<double>, HELM_DAEMON_POWER_PATH,
-    HELM_DAEMON_POWER_INTERFACE, "BatteryChargePercentages")
-HELM_READ(
-    GetSystemPowerLevel, int32_t, HELM_DAEMON_POWER_PATH, HELM_DAEMON_POWER_INTERFACE, "SystemPowerLevel")
-HELM_READ(
-    GetBatteryDrainMode, uint32_t, HELM_DAEMON_POWER_PATH, HELM_DAEMON_POWER_INTERFACE, "BatteryDrainMode")
-HELM_WRITE(
-    SetBatteryDrainMode, uint32_t, HELM_DAEMON_POWER_PATH, HELM_DAEMON_POWER_INTERFACE, "BatteryDrainMode")
-HELM_READ(GetBatteryTypes, std::vector<std::string>, HELM_DAEMON_POWER_PATH, HELM_DAEMON_POWER_INTERFACE,
-    "BatteryTypes")
-HELM_READ(GetLowBatteryWarnings, std::vector<std::string>, HELM_DAEMON_POWER_PATH,
-    HELM_DAEMON_POWER_INTERFACE, "LowBatteryWarnings")
-HELM_READ(GetPermittedActions, std::vector<std::string>, HELM_DAEMON_POWER_PATH, HELM_DAEMON_POWER_INTERFACE,
-    "PermittedActions")
+int HelmDaemonDbusHandler::GetReelConnected(bool& value)
+{
+    return Reel().Get("Connected", value, VIDEOD_FUNCTION);
+}
 
-#undef HELM_READ
-#undef HELM_WRITE
+int HelmDaemonDbusHandler::GetReelCountMode(uint32_t& value)
+{
+    return Reel().Get("CountMode", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::SetReelCountMode(uint32_t value)
+{
+    return Reel().Set("CountMode", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::GetReelCount(double& value)
+{
+    return Reel().Get("Count", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::GetReelSerialNumber(std::string& value)
+{
+    return Reel().Get("SerialNumber", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::SetReelSerialNumber(const std::string& value)
+{
+    return Reel().Set("SerialNumber", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::GetReelDistanceSoftwareMode(bool& value)
+{
+    return ReelDistance().Get("SoftwareMode", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::SetReelDistanceSoftwareMode(bool value)
+{
+    return ReelDistance().Set("SoftwareMode", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::GetReelDistanceAbsolute(double& value)
+{
+    return ReelDistance().Get("Absolute", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::SetReelDistanceAbsolute(double value)
+{
+    return ReelDistance().Set("Absolute", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::GetReelDistanceRelative(double& value)
+{
+    return ReelDistance().Get("Relative", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::GetReelFirmwareVersion(std::string& value)
+{
+    return ReelFirmware().Get("Version", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::GetCPUtempC(double& value)
+{
+    return Cooling().Get("CPUtempC", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::GetFanSpeed(uint32_t& value)
+{
+    return Cooling().Get("FanSpeed", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::GetEmitStatusChanges(bool& value)
+{
+    return Cooling().Get("EmitStatusChanges", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::SetEmitStatusChanges(bool value)
+{
+    return Cooling().Set("EmitStatusChanges", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::GetPowerSource(std::string& value)
+{
+    return Power().Get("PowerSource", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::ReadBatteryVoltages(std::vector<double>& value)
+{
+    return Power().Get("BatteryVoltages", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::ReadBatteryChargePercentages(std::vector<double>& value)
+{
+    return Power().Get("BatteryChargePercentages", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::GetSystemPowerLevel(int32_t& value)
+{
+    return Power().Get("SystemPowerLevel", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::GetBatteryDrainMode(uint32_t& value)
+{
+    return Power().Get("BatteryDrainMode", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::SetBatteryDrainMode(uint32_t value)
+{
+    return Power().Set("BatteryDrainMode", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::GetBatteryTypes(std::vector<std::string>& value)
+{
+    return Power().Get("BatteryTypes", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::GetLowBatteryWarnings(std::vector<std::string>& value)
+{
+    return Power().Get("LowBatteryWarnings", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::GetPermittedActions(std::vector<std::string>& value)
+{
+    return Power().Get("PermittedActions", value, VIDEOD_FUNCTION);
+}
 
 int HelmDaemonDbusHandler::ZeroReelCount()
 {

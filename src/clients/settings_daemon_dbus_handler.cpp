@@ -5,8 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "log.h"
 #include "common/function_signature.h"
+#include "log.h"
+#include "peer_properties.h"
 
 using VideoDaemon::Log::Error;
 
@@ -15,9 +16,11 @@ namespace Settingsd
 
 namespace
 {
-std::string SectionPath(const std::string& section)
+// One section's object: the base path, "/", the section's name.
+VideoDaemon::PeerProperties Section(const std::string& section)
 {
-    return std::string(SETTINGS_DAEMON_BASE_PATH) + "/" + section;
+    return { SETTINGS_DAEMON_SERVICE, std::string(SETTINGS_DAEMON_BASE_PATH) + "/" + section,
+        SETTINGS_DAEMON_INTERFACE };
 }
 } // namespace
 
@@ -120,25 +123,15 @@ int32_t SettingsDaemonDbusHandler::PropertiesChanged(sd_bus_message* message, vo
 template <typename T>
 int32_t SettingsDaemonDbusHandler::GetSetting(const std::string& section, const std::string& key, T& value)
 {
-    std::string error;
-    const int32_t r = sdbus_utils::GetProperty(
-        nullptr, SETTINGS_DAEMON_SERVICE, SectionPath(section), SETTINGS_DAEMON_INTERFACE, key, value, error);
-    if (r < 0)
-        Error(
-            "%s: ERROR sdbus_utils::GetProperty %s failed %s", VIDEOD_SIGNATURE, key.c_str(), error.c_str());
-    return r;
+    return Section(section).Get(
+        key, value, VIDEOD_FUNCTION, nullptr, "%s: ERROR sdbus_utils::GetProperty %s failed %s");
 }
 
 template <typename T>
 int32_t SettingsDaemonDbusHandler::SetSetting(const std::string& section, const std::string& key, T value)
 {
-    std::string error;
-    const int32_t r = sdbus_utils::SetProperty(
-        nullptr, SETTINGS_DAEMON_SERVICE, SectionPath(section), SETTINGS_DAEMON_INTERFACE, key, value, error);
-    if (r < 0)
-        Error(
-            "%s: ERROR sdbus_utils::SetProperty %s failed %s", VIDEOD_SIGNATURE, key.c_str(), error.c_str());
-    return r;
+    return Section(section).Set(
+        key, value, VIDEOD_FUNCTION, nullptr, "%s: ERROR sdbus_utils::SetProperty %s failed %s");
 }
 
 int32_t SettingsDaemonDbusHandler::ResetToDefaults(bool value)

@@ -4,9 +4,10 @@
 #include <cerrno>
 #include <cstring>
 
+#include "common/function_signature.h"
 #include "dbus-helper/dbus_connector.h"
 #include "log.h"
-#include "common/function_signature.h"
+#include "peer_properties.h"
 #include "storage_path.h"
 
 using VideoDaemon::Log::Error;
@@ -21,25 +22,14 @@ namespace
 const char* const kObjectManagerInterface = "org.freedesktop.DBus.ObjectManager";
 const char* const kPropertiesInterface = "org.freedesktop.DBus.Properties";
 
-// Reads one property; on failure logs "<caller>: sdbus_utils::GetProperty
-// <constant> failed <error>".
-template <typename T>
-int32_t ReadProperty(const char* caller, const char* constant, const std::string& path, const char* interface,
-    const char* property, T& value)
+VideoDaemon::PeerProperties Manager()
 {
-    std::string error;
-    const int32_t r
-        = sdbus_utils::GetProperty(nullptr, STORAGE_DAEMON_SERVICE, path, interface, property, value, error);
-    if (r < 0)
-        Error("%s: sdbus_utils::GetProperty %s failed %s", caller, constant, error.c_str());
-    return r;
+    return { STORAGE_DAEMON_SERVICE, STORAGE_DAEMON_PATH, STORAGE_DAEMON_INTERFACE };
 }
 
-template <typename T>
-int32_t ReadDeviceProperty(
-    const char* caller, const char* constant, const std::string& path, const char* property, T& value)
+VideoDaemon::PeerProperties Device(const std::string& path)
 {
-    return ReadProperty(caller, constant, path, STORAGE_DAEMON_DEVICE_INTERFACE, property, value);
+    return { STORAGE_DAEMON_SERVICE, path, STORAGE_DAEMON_DEVICE_INTERFACE };
 }
 
 } // namespace
@@ -51,88 +41,81 @@ StorageDaemonDbusHandler::StorageDaemonDbusHandler(GMainLoop* mainLoop)
 
 int32_t StorageDaemonDbusHandler::GetPrimaryDevice(std::string& path)
 {
-    return ReadProperty(VIDEOD_SIGNATURE, "PROP_PRIMARY_DEVICE", STORAGE_DAEMON_PATH,
-        STORAGE_DAEMON_INTERFACE, PROP_PRIMARY_DEVICE, path);
+    return Manager().Get(PROP_PRIMARY_DEVICE, path, VIDEOD_FUNCTION, "PROP_PRIMARY_DEVICE");
 }
 
 int32_t StorageDaemonDbusHandler::GetAvailableDevices(std::vector<std::string>& paths)
 {
-    return ReadProperty(VIDEOD_SIGNATURE, "PROP_AVAILABLE_DEVICES", STORAGE_DAEMON_PATH,
-        STORAGE_DAEMON_INTERFACE, PROP_AVAILABLE_DEVICES, paths);
+    return Manager().Get(PROP_AVAILABLE_DEVICES, paths, VIDEOD_FUNCTION, "PROP_AVAILABLE_DEVICES");
 }
 
 int32_t StorageDaemonDbusHandler::GetReadOnly(const std::string& path, bool& readOnly)
 {
-    return ReadDeviceProperty(VIDEOD_SIGNATURE, "PROP_READ_ONLY", path, PROP_READ_ONLY, readOnly);
+    return Device(path).Get(PROP_READ_ONLY, readOnly, VIDEOD_FUNCTION, "PROP_READ_ONLY");
 }
 
 int32_t StorageDaemonDbusHandler::GetBus(const std::string& path, std::string& bus)
 {
-    return ReadDeviceProperty(VIDEOD_SIGNATURE, "PROP_BUS", path, PROP_BUS, bus);
+    return Device(path).Get(PROP_BUS, bus, VIDEOD_FUNCTION, "PROP_BUS");
 }
 
 int32_t StorageDaemonDbusHandler::GetSocket(const std::string& path, int32_t& socket)
 {
-    return ReadDeviceProperty(VIDEOD_SIGNATURE, "PROP_SOCKET", path, PROP_SOCKET, socket);
+    return Device(path).Get(PROP_SOCKET, socket, VIDEOD_FUNCTION, "PROP_SOCKET");
 }
 
 int32_t StorageDaemonDbusHandler::GetMountPoint(const std::string& path, std::string& mountPoint)
 {
-    return ReadDeviceProperty(VIDEOD_SIGNATURE, "PROP_MOUNTPOINT", path, PROP_MOUNTPOINT, mountPoint);
+    return Device(path).Get(PROP_MOUNTPOINT, mountPoint, VIDEOD_FUNCTION, "PROP_MOUNTPOINT");
 }
 
 int32_t StorageDaemonDbusHandler::GetDevicePath(const std::string& path, std::string& devicePath)
 {
-    return ReadDeviceProperty(VIDEOD_SIGNATURE, "PROP_DEVICE_PATH", path, PROP_DEVICE_PATH, devicePath);
+    return Device(path).Get(PROP_DEVICE_PATH, devicePath, VIDEOD_FUNCTION, "PROP_DEVICE_PATH");
 }
 
 int32_t StorageDaemonDbusHandler::GetStorageSpaceBelowWarningThreshold(const std::string& path, bool& below)
 {
-    return ReadDeviceProperty(VIDEOD_SIGNATURE, "PROP_STORAGE_IS_BELOW_WARNING_LEVEL", path,
-        PROP_STORAGE_IS_BELOW_WARNING_LEVEL, below);
+    return Device(path).Get(
+        PROP_STORAGE_IS_BELOW_WARNING_LEVEL, below, VIDEOD_FUNCTION, "PROP_STORAGE_IS_BELOW_WARNING_LEVEL");
 }
 
 int32_t StorageDaemonDbusHandler::GetStorageSpaceBelowMinimumThreshold(const std::string& path, bool& below)
 {
-    return ReadDeviceProperty(VIDEOD_SIGNATURE, "PROP_STORAGE_IS_BELOW_MINIMUM_LEVEL", path,
-        PROP_STORAGE_IS_BELOW_MINIMUM_LEVEL, below);
+    return Device(path).Get(
+        PROP_STORAGE_IS_BELOW_MINIMUM_LEVEL, below, VIDEOD_FUNCTION, "PROP_STORAGE_IS_BELOW_MINIMUM_LEVEL");
 }
 
 int32_t StorageDaemonDbusHandler::GetMounted(const std::string& path, bool& mounted)
 {
-    return ReadDeviceProperty(VIDEOD_SIGNATURE, "PROP_IS_MOUNTED", path, PROP_IS_MOUNTED, mounted);
+    return Device(path).Get(PROP_IS_MOUNTED, mounted, VIDEOD_FUNCTION, "PROP_IS_MOUNTED");
 }
 
 int32_t StorageDaemonDbusHandler::GetKnownPrimary(const std::string& path, bool& knownPrimary)
 {
-    return ReadDeviceProperty(VIDEOD_SIGNATURE, "PROP_KNOWN_PRIMARY", path, PROP_KNOWN_PRIMARY, knownPrimary);
+    return Device(path).Get(PROP_KNOWN_PRIMARY, knownPrimary, VIDEOD_FUNCTION, "PROP_KNOWN_PRIMARY");
 }
 
 int32_t StorageDaemonDbusHandler::SetKnownPrimary(const std::string& path, bool knownPrimary)
 {
-    std::string error;
-    const int32_t r = sdbus_utils::SetProperty(nullptr, STORAGE_DAEMON_SERVICE, path,
-        STORAGE_DAEMON_DEVICE_INTERFACE, PROP_KNOWN_PRIMARY, knownPrimary, error);
-    if (r < 0)
-        Error("%s: sdbus_utils::SetProperty PROP_KNOWN_PRIMARY failed %s", VIDEOD_SIGNATURE, error.c_str());
-    return r;
+    return Device(path).Set(PROP_KNOWN_PRIMARY, knownPrimary, VIDEOD_FUNCTION, "PROP_KNOWN_PRIMARY");
 }
 
 // The free-space and id reads report themselves under the read-only
 // property's name; log readers rely on that text.
 int32_t StorageDaemonDbusHandler::GetFreeSpace(const std::string& path, uint64_t& freeSpace)
 {
-    return ReadDeviceProperty(VIDEOD_SIGNATURE, "PROP_READ_ONLY", path, PROP_FREE_SPACE, freeSpace);
+    return Device(path).Get(PROP_FREE_SPACE, freeSpace, VIDEOD_FUNCTION, "PROP_READ_ONLY");
 }
 
 int32_t StorageDaemonDbusHandler::GetId(const std::string& path, std::string& id)
 {
-    return ReadDeviceProperty(VIDEOD_SIGNATURE, "PROP_READ_ONLY", path, PROP_ID, id);
+    return Device(path).Get(PROP_ID, id, VIDEOD_FUNCTION, "PROP_READ_ONLY");
 }
 
 int32_t StorageDaemonDbusHandler::GetIsSafeToRemove(const std::string& path, bool& safe)
 {
-    return ReadDeviceProperty(VIDEOD_SIGNATURE, "PROP_IS_SAFE_TO_REMOVE", path, PROP_IS_SAFE_TO_REMOVE, safe);
+    return Device(path).Get(PROP_IS_SAFE_TO_REMOVE, safe, VIDEOD_FUNCTION, "PROP_IS_SAFE_TO_REMOVE");
 }
 
 int32_t StorageDaemonDbusHandler::SetWriteActive(const std::string& path, uint8_t type, bool active)

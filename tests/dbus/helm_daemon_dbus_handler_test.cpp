@@ -119,6 +119,18 @@ TEST_F(HelmClient, WithoutTheControllerReadsFailWithTheSpecifiedMessage)
     EXPECT_EQ(ip, "unchanged");
     TypedPropertyMap reel;
     EXPECT_LT(HelmDaemonDbusHandler::GetReelProperties(reel), 0);
+    // The other objects' operations name the property itself.
+    EXPECT_LT(HelmDaemonDbusHandler::SetBatteryDrainMode(2), 0);
+    EXPECT_TRUE(log.ContainsText("static int Helmd::HelmDaemonDbusHandler::SetBatteryDrainMode(uint32_t): "
+                                 "sdbus_utils::SetProperty BatteryDrainMode failed "
+                                 "org.freedesktop.DBus.Error.ServiceUnknown"));
+    std::string serial = "unchanged";
+    EXPECT_LT(HelmDaemonDbusHandler::GetReelSerialNumber(serial), 0);
+    EXPECT_EQ(serial, "unchanged");
+    EXPECT_TRUE(log.ContainsText(
+        "static int Helmd::HelmDaemonDbusHandler::GetReelSerialNumber(std::__cxx11::string&): "
+        "sdbus_utils::GetProperty SerialNumber failed "
+        "org.freedesktop.DBus.Error.ServiceUnknown"));
 }
 
 TEST_F(HelmClient, ListenWithoutABusLogsTheReason)
