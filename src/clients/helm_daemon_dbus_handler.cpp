@@ -59,6 +59,7 @@ HelmDaemonDbusHandler* Self(void* userdata)
 HelmDaemonDbusHandler::HelmDaemonDbusHandler(GMainLoop* mainLoop)
     : DbusHelper::DbusListener(mainLoop)
 {
+    SetClosedHandler([] { Error("[HelmDaemonDbusHandler] Bus connection closed"); });
 }
 
 int HelmDaemonDbusHandler::Listen()

@@ -58,6 +58,8 @@ SettingsDaemonDbusHandler::SettingsDaemonDbusHandler(GMainLoop* mainLoop)
         { "cooling", &_CoolingSettingsChanged },
     }
 {
+    // Live settings stop until the daemon connects again.
+    SetClosedHandler([] { Error("[SettingsDaemonDbusHandler] Bus connection closed"); });
 }
 
 int32_t SettingsDaemonDbusHandler::Listen()

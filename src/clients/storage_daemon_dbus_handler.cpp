@@ -37,6 +37,7 @@ VideoDaemon::PeerProperties Device(const std::string& path)
 StorageDaemonDbusHandler::StorageDaemonDbusHandler(GMainLoop* mainLoop)
     : DbusHelper::DbusListener(mainLoop)
 {
+    SetClosedHandler([] { Error("[StorageDaemonDbusHandler] Bus connection closed"); });
 }
 
 int32_t StorageDaemonDbusHandler::GetPrimaryDevice(std::string& path)

@@ -248,3 +248,50 @@ TEST_F(DbusHelperLibrary, ASignalThatArrivesDuringACallOnTheSameConnectionIsStil
         sdbus_utils::SetProperty(listener.Bus(), kSettings, kVideo, kSettings, "sharpen", true, error), 0);
     EXPECT_TRUE(RunMainLoopUntil([&] { return changes == 1; }));
 }
+
+// The bus goes away under a listener: its source stops servicing the dead connection, the
+// subscriptions and the connection are released, and the owner hears of it once.
+TEST_F(DbusHelperLibrary, AListenerWhoseBusGoesAwayReleasesTheConnectionAndReportsIt)
+{
+    DbusHelper::DbusListener listener;
+    ASSERT_EQ(listener.Connect(), 0);
+    ASSERT_EQ(listener.ListenSignal("", "", "", "Anything", &CountSignal, nullptr), 0);
+    int closings = 0;
+    listener.SetClosedHandler([&] { ++closings; });
+    ASSERT_TRUE(listener.IsServiced());
+
+    StopBus();
+    ASSERT_TRUE(RunMainLoopUntil([&] { return closings > 0; }));
+    EXPECT_FALSE(listener.IsServiced());
+    EXPECT_FALSE(listener.IsConnected());
+    EXPECT_EQ(listener.SubscriptionCount(), 0u);
+    // Nothing is left to wake the loop.
+    while (g_main_context_iteration(nullptr, FALSE)) { }
+    EXPECT_EQ(closings, 1);
+}
+
+// A shared connection is used, not owned: the listener neither services it nor closes it.
+TEST_F(DbusHelperLibrary, AListenerOnASharedConnectionLeavesItToItsOwner)
+{
+    DbusHelper::DbusListener owner;
+    ASSERT_EQ(owner.Connect(), 0);
+    int signals = 0;
+    {
+        DbusHelper::DbusListener shared;
+        ASSERT_EQ(shared.Share(owner.Bus()), 0);
+        EXPECT_EQ(shared.Bus(), owner.Bus());
+        EXPECT_FALSE(shared.OwnsBus());
+        EXPECT_FALSE(shared.IsServiced());
+        ASSERT_EQ(shared.ListenSignal("", "", "com.tarnwell.test", "Ping", &CountSignal, &signals), 0);
+        ASSERT_GE(sd_bus_emit_signal(Bus(), "/", "com.tarnwell.test", "Ping", ""), 0);
+        ASSERT_GE(sd_bus_flush(Bus()), 0);
+        // Delivered by the owner's source.
+        ASSERT_TRUE(RunMainLoopUntil([&] { return signals == 1; }));
+    }
+    EXPECT_GT(sd_bus_is_open(owner.Bus()), 0);
+    std::string error;
+    EXPECT_GE(sdbus_utils::CallMethod(owner.Bus(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                  "org.freedesktop.DBus", "GetId", nullptr, error, ""),
+        0)
+        << error;
+}

@@ -268,6 +268,14 @@ protected:
         return Busctl(Join({ "call", service, path, iface, method }, args), out);
     }
 
+    // The bus daemon goes away, as on a unit whose session ends; every connection to it closes.
+    void StopBus()
+    {
+        if (_DaemonPid > 0)
+            StopProcess(_DaemonPid, false);
+        _DaemonPid = -1;
+    }
+
     // Runs body while the session bus address points at nothing, as on a unit whose bus is down.
     void WithoutBus(const std::function<void()>& body)
     {

@@ -235,3 +235,14 @@ TEST_F(SettingsClientWithoutDaemon, ListenWithoutABusLogsAndFails)
     EXPECT_TRUE(log.Contains(
         kError, "int32_t Settingsd::SettingsDaemonDbusHandler::Listen(): Failed to connect to dbus"));
 }
+
+TEST_F(SettingsClientWithoutDaemon, ABusThatGoesAwayIsLoggedAndLetGo)
+{
+    LogCapture log;
+    SettingsDaemonDbusHandler client(nullptr);
+    ASSERT_EQ(client.Listen(), 0);
+    StopBus();
+    ASSERT_TRUE(RunMainLoopUntil([&] { return !client.IsConnected(); }));
+    EXPECT_EQ(log.Count(kError, "[SettingsDaemonDbusHandler] Bus connection closed"), 1u);
+    EXPECT_EQ(client.SubscriptionCount(), 0u);
+}
