@@ -2,13 +2,16 @@
 //
 // While "drop" is true every buffer is dropped. When "drop" turns false (and
 // when the element starts), buffers are dropped until an access unit that
-// holds an IDR slice arrives, so whatever follows always starts on an IDR.
-// Events are never held back.
+// holds an IDR slice arrives, so whatever follows always starts on an IDR;
+// opening (or else the first frame dropped that way) asks upstream for a key
+// unit, so the encoder need not run a whole IDR interval first. Events are never held back.
 //
 //   gst-launch-1.0 videotestsrc ! x264enc key-int-max=30 ! h264parse ! idrvalve drop=false ! fakesink
 #include "idr_valve.h"
 
 #include "h264_access_unit.h"
+
+#include <gst/video/video-event.h>
 
 GST_DEBUG_CATEGORY_STATIC(idr_valve_debug);
 #define GST_CAT_DEFAULT idr_valve_debug
@@ -17,6 +20,7 @@ struct _IdrValve {
     GstBaseTransform parent;
     gboolean drop;
     gboolean waitingForIdr;
+    gboolean keyUnitAsked; // during this wait
     gint nalLengthSize;
 };
 
@@ -37,10 +41,16 @@ static void idr_valve_set_property(GObject* object, guint id, const GValue* valu
     case PROP_DROP: {
         const gboolean drop = g_value_get_boolean(value);
         GST_OBJECT_LOCK(self);
-        if (self->drop && !drop)
+        const gboolean opened = self->drop && !drop;
+        if (opened) {
             self->waitingForIdr = TRUE;
+            self->keyUnitAsked = TRUE;
+        }
         self->drop = drop;
         GST_OBJECT_UNLOCK(self);
+        if (opened)
+            gst_pad_push_event(GST_BASE_TRANSFORM_SINK_PAD(self),
+                gst_video_event_new_upstream_force_key_unit(GST_CLOCK_TIME_NONE, TRUE, 0));
         GST_DEBUG_OBJECT(self, "drop %d", drop);
         break;
     }
@@ -70,6 +80,7 @@ static gboolean idr_valve_start(GstBaseTransform* trans)
     IdrValve* self = IDR_VALVE(trans);
     GST_OBJECT_LOCK(self);
     self->waitingForIdr = TRUE;
+    self->keyUnitAsked = FALSE;
     GST_OBJECT_UNLOCK(self);
     return TRUE;
 }
@@ -97,8 +108,16 @@ static GstFlowReturn idr_valve_transform_ip(GstBaseTransform* trans, GstBuffer* 
         return GST_BASE_TRANSFORM_FLOW_DROPPED;
     if (!waiting)
         return GST_FLOW_OK;
-    if (!H264AccessUnit::ContainsIdr(buffer, nalLengthSize))
+    if (!H264AccessUnit::ContainsIdr(buffer, nalLengthSize)) {
+        GST_OBJECT_LOCK(self);
+        const gboolean ask = !self->keyUnitAsked;
+        self->keyUnitAsked = TRUE;
+        GST_OBJECT_UNLOCK(self);
+        if (ask)
+            gst_pad_push_event(GST_BASE_TRANSFORM_SINK_PAD(trans),
+                gst_video_event_new_upstream_force_key_unit(GST_CLOCK_TIME_NONE, TRUE, 0));
         return GST_BASE_TRANSFORM_FLOW_DROPPED;
+    }
 
     GST_OBJECT_LOCK(self);
     // A "drop" written meanwhile wins over this IDR.

@@ -1,12 +1,17 @@
 // The "muxpause" element: cuts a paused stretch out of a stream and closes the gap in its timeline.
 //
-// Writing "pause" drops every buffer until "resume" is written. The first
-// buffer after a resume shows how much stream time went by while paused (the
-// distance from the end of the last buffer let through); that time is added
-// to "pause_length", and every buffer from then on is moved earlier by
-// "pause_length", so the output runs on without a gap. "reset" forgets the
-// pause state and the length. Writing "pause_length" sets the shift directly,
-// which keeps the audio and video elements of one file aligned.
+// Writing "pause" drops every buffer until "resume" is written; the time
+// between the two on the element's clock is added to "pause_length", and
+// every buffer from then on is moved earlier by "pause_length", so the
+// output runs on without a gap. The audio and video elements of one file
+// are paused and resumed together, so both streams move by the same time
+// and stay in step, whatever each one lost while waiting (video resumes on
+// its next IDR frame). A buffer that would land before the end of the last
+// one let through was queued before the pause and is dropped; a first
+// buffer that would overlap by less than half its duration (clock jitter)
+// shortens the pause instead. "reset" forgets the pause state and the
+// length. Writing "pause_length" sets the shift directly, which keeps the
+// audio and video elements of one file aligned across pauses.
 //
 //   gst-launch-1.0 audiotestsrc is-live=true ! avenc_aac ! muxpause name=p ! mp4mux ! filesink location=a.mp4
 #include "mux_pause.h"
@@ -17,10 +22,11 @@ GST_DEBUG_CATEGORY_STATIC(mux_pause_debug);
 struct _MuxPause {
     GstBaseTransform parent;
     gboolean paused;
-    gboolean measureGap; // the next buffer passed is the first after a resume
+    gboolean resumed; // no buffer let through since the last resume
+    GstClockTime pausedAt; // clock time of the last pause
     guint64 pauseLength;
-    GstClockTime lastPosition; // input time of the last buffer let through
-    GstClockTime lastEnd; // input time where that buffer ends
+    GstClockTime lastPosition; // output time of the last buffer let through
+    GstClockTime lastEnd; // output time where that buffer ends
 };
 
 enum { PROP_0, PROP_PAUSE, PROP_RESUME, PROP_RESET, PROP_PAUSE_LENGTH };
@@ -33,11 +39,23 @@ static GstStaticPadTemplate srcTemplate
 G_DEFINE_TYPE(MuxPause, mux_pause, GST_TYPE_BASE_TRANSFORM)
 GST_ELEMENT_REGISTER_DEFINE(muxpause, "muxpause", GST_RANK_NONE, MUX_TYPE_PAUSE)
 
+// The time on the element's clock (the system clock before it has one).
+static GstClockTime mux_pause_now(MuxPause* self)
+{
+    GstClock* clock = gst_element_get_clock(GST_ELEMENT(self));
+    if (!clock)
+        clock = gst_system_clock_obtain();
+    const GstClockTime now = gst_clock_get_time(clock);
+    gst_object_unref(clock);
+    return now;
+}
+
 // Caller holds the object lock.
 static void mux_pause_clear(MuxPause* self)
 {
     self->paused = FALSE;
-    self->measureGap = FALSE;
+    self->resumed = FALSE;
+    self->pausedAt = GST_CLOCK_TIME_NONE;
     self->pauseLength = 0;
     self->lastPosition = GST_CLOCK_TIME_NONE;
     self->lastEnd = GST_CLOCK_TIME_NONE;
@@ -46,19 +64,25 @@ static void mux_pause_clear(MuxPause* self)
 static void mux_pause_set_property(GObject* object, guint id, const GValue* value, GParamSpec* pspec)
 {
     MuxPause* self = MUX_PAUSE(object);
+    const GstClockTime now
+        = id == PROP_PAUSE || id == PROP_RESUME ? mux_pause_now(self) : GST_CLOCK_TIME_NONE;
     GST_OBJECT_LOCK(self);
     switch (id) {
     case PROP_PAUSE:
         if (g_value_get_boolean(value) && !self->paused) {
             self->paused = TRUE;
+            self->pausedAt = now;
             GST_INFO_OBJECT(self, "paused");
         }
         break;
     case PROP_RESUME:
         if (g_value_get_boolean(value) && self->paused) {
             self->paused = FALSE;
-            self->measureGap = TRUE;
-            GST_INFO_OBJECT(self, "resumed");
+            self->resumed = TRUE;
+            if (GST_CLOCK_TIME_IS_VALID(self->pausedAt) && now > self->pausedAt)
+                self->pauseLength += now - self->pausedAt;
+            GST_INFO_OBJECT(
+                self, "resumed, pause length now %" GST_TIME_FORMAT, GST_TIME_ARGS(self->pauseLength));
         }
         break;
     case PROP_RESET:
@@ -103,7 +127,7 @@ static GstFlowReturn mux_pause_transform_ip(GstBaseTransform* trans, GstBuffer* 
 {
     MuxPause* self = MUX_PAUSE(trans);
     // Decode time is monotonic even with reordered frames; fall back to presentation time.
-    const GstClockTime position
+    const GstClockTime input
         = GST_BUFFER_DTS_IS_VALID(buffer) ? GST_BUFFER_DTS(buffer) : GST_BUFFER_PTS(buffer);
 
     GST_OBJECT_LOCK(self);
@@ -111,23 +135,30 @@ static GstFlowReturn mux_pause_transform_ip(GstBaseTransform* trans, GstBuffer* 
         GST_OBJECT_UNLOCK(self);
         return GST_BASE_TRANSFORM_FLOW_DROPPED;
     }
-    if (GST_CLOCK_TIME_IS_VALID(position)) {
-        if (self->measureGap && GST_CLOCK_TIME_IS_VALID(self->lastEnd) && position > self->lastEnd) {
-            self->pauseLength += position - self->lastEnd;
-            GST_INFO_OBJECT(self, "paused for %" GST_TIME_FORMAT ", pause length now %" GST_TIME_FORMAT,
-                GST_TIME_ARGS(position - self->lastEnd), GST_TIME_ARGS(self->pauseLength));
+    GstClockTime duration = GST_BUFFER_DURATION(buffer);
+    if (GST_CLOCK_TIME_IS_VALID(input)) {
+        GstClockTime position = mux_pause_shifted(input, self->pauseLength);
+        // Right after a resume: buffers queued before the pause, or clock jitter.
+        if (self->resumed && GST_CLOCK_TIME_IS_VALID(self->lastEnd) && position < self->lastEnd) {
+            const GstClockTime overlap = self->lastEnd - position;
+            const GstClockTime slack = GST_CLOCK_TIME_IS_VALID(duration) ? duration / 2 : 10 * GST_MSECOND;
+            if (overlap > slack || overlap > self->pauseLength) {
+                GST_OBJECT_UNLOCK(self);
+                GST_LOG_OBJECT(self, "buffer from before the pause dropped");
+                return GST_BASE_TRANSFORM_FLOW_DROPPED;
+            }
+            self->pauseLength -= overlap;
+            position += overlap;
         }
-        GstClockTime duration = GST_BUFFER_DURATION(buffer);
         if (!GST_CLOCK_TIME_IS_VALID(duration)) {
             // Without a duration, expect the same spacing as between the last two buffers.
-            const bool spaced = !self->measureGap && GST_CLOCK_TIME_IS_VALID(self->lastPosition)
-                && position > self->lastPosition;
+            const bool spaced = GST_CLOCK_TIME_IS_VALID(self->lastPosition) && position > self->lastPosition;
             duration = spaced ? position - self->lastPosition : 0;
         }
         self->lastPosition = position;
         self->lastEnd = position + duration;
+        self->resumed = FALSE;
     }
-    self->measureGap = FALSE;
     const guint64 shift = self->pauseLength;
     GST_OBJECT_UNLOCK(self);
 
@@ -143,7 +174,7 @@ static gboolean mux_pause_start(GstBaseTransform* trans)
     MuxPause* self = MUX_PAUSE(trans);
     // A new run has a new timeline: only the shift set by the owner is kept.
     GST_OBJECT_LOCK(self);
-    self->measureGap = FALSE;
+    self->resumed = FALSE;
     self->lastPosition = GST_CLOCK_TIME_NONE;
     self->lastEnd = GST_CLOCK_TIME_NONE;
     GST_OBJECT_UNLOCK(self);

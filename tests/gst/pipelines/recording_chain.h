@@ -1,96 +1,102 @@
-// The recording chain linked as the streamer links it: test input, BGRA stage, H.264 "video",
-// microphone, AAC and the "video" MP4 muxer.
+// The recording graph linked and started as the daemon does it: an input, the GPU, both overlays, the
+// display, H.264 "video" and the snapshot; the microphone, the AAC encoder and an MP4 muxer.
 #pragma once
 
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "described_pipeline.h"
 #include "pipelines/aac_encode_pipeline.h"
+#include "pipelines/display_pipeline.h"
+#include "pipelines/gpu_pipeline.h"
 #include "pipelines/h264_encode_pipeline.h"
 #include "pipelines/mic_input_pipeline.h"
 #include "pipelines/mp4mux_pipeline.h"
+#include "pipelines/ntsc_camera_input_pipeline.h"
+#include "pipelines/overlay_pipeline.h"
+#include "pipelines/snapshot_pipeline.h"
 #include "pipelines/test_input_pipeline.h"
+#include "support/main_loop_wait.h"
 
 namespace PipelineHarness
 {
 
-// Stands in for the picture processing between the input and the encoders.
-// The test input is not live and runs ahead of the clock; like the input mux,
-// this stage stamps each frame with its own running time as it takes it and
-// keeps 29.97 frames a second in BGRA, as the processing of a camera picture does.
-class BgraStage : public DescribedPipeline
-{
-public:
-    BgraStage()
-        : DescribedPipeline(
-            "interpipesrc name=chain_bgra_src is-live=true do-timestamp=true max-buffers=1 leaky-type=2 "
-            "! videorate drop-only=true ! video/x-raw,framerate=30000/1001 "
-            "! videoconvert ! video/x-raw,format=BGRA "
-            "! interpipesink name=chain_bgra_sink max-buffers=1 sync=false forward-events=true",
-            "chain_bgra_sink", "chain_bgra_src")
-    {
-    }
-};
+// The inputs a recording is tested on: the free-running test picture and the simulated NTSC camera.
+enum class RecordingInput { kTestInput, kNtscCamera };
 
 struct RecordingChain {
+    static constexpr unsigned kInputWaitMs = 4000;
     static constexpr unsigned kWaitMs = 2000;
 
-    VideoDaemon::TestInputPipeline input;
-    BgraStage bgra;
+    std::unique_ptr<VideoDaemon::Pipeline> input;
+    VideoDaemon::GpuPipeline gpu;
+    VideoDaemon::OverlayPipeline overlay_display { "display" };
+    VideoDaemon::OverlayPipeline overlay_recording { "recording" };
+    VideoDaemon::DisplayPipeline display;
     VideoDaemon::H264EncodePipeline h264 { "video" };
+    std::unique_ptr<VideoDaemon::Mp4muxPipeline> mux;
+    VideoDaemon::SnapshotPipeline snapshot;
     VideoDaemon::MicInputPipeline mic;
     VideoDaemon::AacEncodePipeline aac;
-    std::unique_ptr<VideoDaemon::Mp4muxPipeline> mux;
+    // The error reports of every pipeline, as the streamer receives them.
+    std::vector<std::string> errors;
 
-    explicit RecordingChain(std::unique_ptr<VideoDaemon::Mp4muxPipeline> muxer = nullptr)
+    explicit RecordingChain(std::unique_ptr<VideoDaemon::Mp4muxPipeline> muxer = nullptr,
+        RecordingInput which = RecordingInput::kTestInput)
         : mux(muxer ? std::move(muxer) : std::make_unique<VideoDaemon::Mp4muxPipeline>("video"))
     {
+        if (which == RecordingInput::kNtscCamera)
+            input = std::make_unique<VideoDaemon::NtscCameraInputPipeline>();
+        else
+            input = std::make_unique<VideoDaemon::TestInputPipeline>();
     }
 
     ~RecordingChain() { Stop(); }
     RecordingChain(const RecordingChain&) = delete;
     RecordingChain& operator=(const RecordingChain&) = delete;
 
-    std::vector<VideoDaemon::Pipeline*> All() { return { &input, &bgra, &h264, &mic, &aac, mux.get() }; }
-
-    // Launches and links everything; the sources, the encoders and the
-    // microphone play, the H.264 valve stays closed and the muxer stays idle.
-    // The AAC encoder starts with the microphone: its sink syncs on the
-    // microphone's timestamps, which match its clock only when both start together.
-    bool Start()
+    // In the streamer's index order.
+    std::vector<VideoDaemon::Pipeline*> All()
     {
-        for (VideoDaemon::Pipeline* pipeline : All())
-            if (!pipeline->Launch(true, true, true))
-                return Fail(pipeline->GetName() + " did not launch");
-        UnsyncTestInput();
-        if (!bgra.ListenTo(&input, "", "") || !h264.ListenTo(&bgra, "", "") || !aac.ListenTo(&mic, "", "")
-            || !mux->ListenTo(&h264, "", "") || !mux->ListenTo(&aac, "", mux->GetAudioSourceName()))
-            return Fail("linking failed");
-        // Consumers first: the live stage reaches PLAYING only once a frame has come.
-        if (h264.SetState(GST_STATE_PLAYING, kWaitMs) != 0 || bgra.SetState(GST_STATE_PLAYING, 0) != 0
-            || input.SetState(GST_STATE_PLAYING, kWaitMs) != 0
-            || bgra.SetState(GST_STATE_PLAYING, kWaitMs) != 0)
-            return Fail("video did not reach PLAYING");
-        if (mic.SetState(GST_STATE_PLAYING, kWaitMs) != 0 || aac.SetState(GST_STATE_PLAYING, kWaitMs) != 0)
-            return Fail("audio did not reach PLAYING");
-        return true;
-    }
-
-    // A frame the test source makes while its pipeline starts can carry the
-    // absolute clock time as its DTS, on which a syncing sink would wait for
-    // hours; the input paces nothing, so its sink need not sync.
-    void UnsyncTestInput()
-    {
-        VideoDaemon::GstPtr<GstElement> sink(
-            gst_bin_get_by_name(GST_BIN(input.GetPipeline()), input.GetSinkName().c_str()));
-        if (sink)
-            g_object_set(sink.get(), "sync", FALSE, nullptr);
+        return { input.get(), &gpu, &overlay_display, &overlay_recording, &display, &h264, mux.get(),
+            &snapshot, &mic, &aac };
     }
 
     // Why the last step failed, for the test's message.
     std::string failure;
+
+    // Start-up: everything but the input launched and linked, the input
+    // launched and playing and the GPU pointed at it, then the video
+    // pipelines and the microphone playing. The AAC encoder and the muxer stay idle.
+    bool Start()
+    {
+        for (VideoDaemon::Pipeline* pipeline : All()) {
+            pipeline->signal_error.connect([this](std::string text) { errors.push_back(text); });
+            if (pipeline != input.get() && !pipeline->Launch(true, true, true))
+                return Fail(pipeline->GetName() + " did not launch");
+        }
+        if (!overlay_display.ListenTo(&gpu, "", "") || !overlay_recording.ListenTo(&gpu, "", "")
+            || !display.ListenTo(&overlay_display, "", "") || !h264.ListenTo(&overlay_recording, "", "")
+            || !snapshot.ListenTo(&overlay_recording, "", "") || !aac.ListenTo(&mic, "", "")
+            || !mux->ListenTo(&h264, "", "") || !mux->ListenTo(&aac, "", mux->GetAudioSourceName()))
+            return Fail("linking failed");
+
+        if (!input->Launch(true, true, true) || input->SetState(GST_STATE_PLAYING, kInputWaitMs) != 0)
+            return Fail(input->GetName() + " did not start");
+        if (!gpu.ListenTo(input.get(), "", ""))
+            return Fail("the GPU did not take the input");
+
+        for (VideoDaemon::Pipeline* pipeline : std::vector<VideoDaemon::Pipeline*> {
+                 &gpu, &overlay_display, &mic, &overlay_recording, &display, &h264, &snapshot })
+            pipeline->SetState(GST_STATE_PLAYING);
+        // The snapshot's closed valve keeps its file sink from prerolling: it stays on its way to PLAYING.
+        for (VideoDaemon::Pipeline* pipeline : std::vector<VideoDaemon::Pipeline*> {
+                 &gpu, &overlay_display, &mic, &overlay_recording, &display, &h264 })
+            if (!TestSupport::RunMainLoopUntil(
+                    [&] { return pipeline->GetState() == GST_STATE_PLAYING; }, kWaitMs))
+                return Fail(pipeline->GetName() + " did not reach PLAYING");
+        return true;
+    }
 
     // Starts a file as a video recording does.
     bool StartRecording(const std::string& path, const std::string& recovery_path = "")
