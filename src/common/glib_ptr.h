@@ -41,7 +41,7 @@ using GSourcePtr = std::unique_ptr<GSource, GSourceDeleter>;
 // Attaches `source` to the thread-default main context (the default one when
 // none is pushed) with `callback`, and returns the owning handle.
 inline GSourcePtr AttachSource(GSource* source, GSourceFunc callback, gpointer data,
-                               GDestroyNotify notify = nullptr, gint priority = G_PRIORITY_DEFAULT)
+    GDestroyNotify notify = nullptr, gint priority = G_PRIORITY_DEFAULT)
 {
     g_source_set_priority(source, priority);
     g_source_set_callback(source, callback, data, notify);
@@ -50,8 +50,8 @@ inline GSourcePtr AttachSource(GSource* source, GSourceFunc callback, gpointer d
 }
 
 // A repeating (or, returning G_SOURCE_REMOVE, one-shot) timer every `interval_ms`.
-inline GSourcePtr AttachTimeout(guint interval_ms, GSourceFunc callback, gpointer data,
-                                GDestroyNotify notify = nullptr)
+inline GSourcePtr AttachTimeout(
+    guint interval_ms, GSourceFunc callback, gpointer data, GDestroyNotify notify = nullptr)
 {
     return AttachSource(g_timeout_source_new(interval_ms), callback, data, notify);
 }

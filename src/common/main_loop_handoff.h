@@ -1,4 +1,5 @@
-// Hands work from any thread (a streaming thread, a GLib callback) to the main loop, dropped once its target is gone.
+// Hands work from any thread (a streaming thread, a GLib callback) to the main loop, dropped once its target
+// is gone.
 #pragma once
 
 #include <glib.h>
@@ -29,8 +30,9 @@ public:
     void Post(std::function<void()> work) const
     {
         auto* item = new Item { std::weak_ptr<bool>(_Alive), std::move(work) };
-        GSource* source = g_idle_source_new();
-        g_source_set_priority(source, G_PRIORITY_DEFAULT);
+        // A zero-delay timeout: runs on the next turn of the loop, at the
+        // priority of the bus watches and timers.
+        GSource* source = g_timeout_source_new(0);
         g_source_set_callback(source, &Run, item, &Drop);
         g_source_attach(source, nullptr);
         g_source_unref(source);

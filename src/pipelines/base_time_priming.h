@@ -13,26 +13,27 @@
 
 #include <gst/gst.h>
 
+#include "common/gst_ptr.h"
+
 namespace VideoDaemon
 {
 
 inline void PrimeBaseTimes(GstElement* pipeline)
 {
-    GstClock* clock = GST_IS_PIPELINE(pipeline) ? gst_pipeline_get_pipeline_clock(GST_PIPELINE(pipeline))
-                                                : gst_system_clock_obtain();
-    const GstClockTime now = gst_clock_get_time(clock);
-    gst_object_unref(clock);
+    GstPtr<GstClock> clock(GST_IS_PIPELINE(pipeline) ? gst_pipeline_get_pipeline_clock(GST_PIPELINE(pipeline))
+                                                     : gst_system_clock_obtain());
+    GstClockTime now = gst_clock_get_time(clock.get());
     gst_element_set_base_time(pipeline, now);
     if (!GST_IS_BIN(pipeline))
         return;
-    GstIterator* elements = gst_bin_iterate_recurse(GST_BIN(pipeline));
+    GstIteratorPtr elements(gst_bin_iterate_recurse(GST_BIN(pipeline)));
     gst_iterator_foreach(
-        elements,
+        elements.get(),
         [](const GValue* item, gpointer time) {
-            gst_element_set_base_time(GST_ELEMENT(g_value_get_object(item)), *static_cast<GstClockTime*>(time));
+            gst_element_set_base_time(
+                GST_ELEMENT(g_value_get_object(item)), *static_cast<GstClockTime*>(time));
         },
-        const_cast<GstClockTime*>(&now));
-    gst_iterator_free(elements);
+        &now);
 }
 
 // Primes the base times when `pipeline` is asked to play from below PAUSED.

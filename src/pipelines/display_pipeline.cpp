@@ -26,18 +26,12 @@ std::string DisplayPipeline::GetDescription()
 
 void DisplayPipeline::Invert(bool invert)
 {
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, GetSinkName());
-    if (!element)
-        return;
-    g_object_set(element.get(), "output-rotation", invert ? 5 : 0, nullptr);
+    SetElementProperty(VIDEOD_FUNCTION, GetSinkName(), "output-rotation", invert ? 5 : 0);
 }
 
 void DisplayPipeline::DropFrames(bool drop)
 {
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, GetSinkName());
-    if (!element)
-        return;
-    g_object_set(element.get(), "drop-frames", static_cast<gboolean>(drop), nullptr);
+    SetElementProperty(VIDEOD_FUNCTION, GetSinkName(), "drop-frames", static_cast<gboolean>(drop));
 }
 
 } // namespace VideoDaemon

@@ -10,7 +10,7 @@ constexpr int64_t kWindowUs = G_USEC_PER_SEC;
 }
 
 int FramerateProbe::Attach(
-    GstPipeline* pipeline, const std::string& element_name, const std::string& pad_name)
+    const Pipeline& pipeline, const std::string& element_name, const std::string& pad_name)
 {
     {
         std::lock_guard<std::mutex> lock(mutex_);

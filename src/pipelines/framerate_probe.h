@@ -16,7 +16,7 @@ public:
     FramerateProbe() = default;
 
     // Counts buffers (and buffer lists) on the given pad from now on.
-    int Attach(GstPipeline* pipeline, const std::string& element_name, const std::string& pad_name);
+    int Attach(const Pipeline& pipeline, const std::string& element_name, const std::string& pad_name);
 
     // Buffers that passed the pad during the last second; 0 once the flow stops.
     unsigned GetFramesPerSecond();

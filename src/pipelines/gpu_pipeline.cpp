@@ -1,14 +1,17 @@
 // Picture processing between the selected input and every consumer: roll filter, levelling, zoom and pan.
 #include "pipelines/gpu_pipeline.h"
 
-#include "log.h"
 #include "common/function_signature.h"
+#include "log.h"
 
 namespace VideoDaemon
 {
 
 namespace
 {
+
+// Handler group of the levelling element's relays.
+const char kRelays[] = "levelling relays";
 
 const char kDsl[] = "dsl";
 const char kTiling[] = "gpu";
@@ -28,17 +31,6 @@ GpuPipeline::GpuPipeline()
     CreateFramerateProbe("gpu", "gpu_sink", "sink");
     queue_states["gpu_output_queue"] = kQueueUnknown;
     queue_states["gpu_input_queue"] = kQueueUnknown;
-}
-
-GpuPipeline::~GpuPipeline()
-{
-    // The elements may outlive this object for a moment while the base
-    // releases the pipeline: stop them calling back into it.
-    if (!pipeline)
-        return;
-    GstPtr<GstElement> dsl(gst_bin_get_by_name(GST_BIN(pipeline.get()), kDsl));
-    if (dsl)
-        g_signal_handlers_disconnect_by_data(dsl.get(), this);
 }
 
 std::string GpuPipeline::GetDescription()
@@ -67,55 +59,39 @@ bool GpuPipeline::Launch(bool attach_probes, bool connect_bus, bool connect_queu
 
     SetZoom(zoom_levels[0]);
 
-    GstPtr<GstElement> dsl = FindElement(VIDEOD_SIGNATURE, kDsl);
+    GstPtr<GstElement> dsl = FindElement(VIDEOD_FUNCTION, kDsl);
     if (!dsl) {
         Log::Error("[GPU Pipeline]: DSL plugin is NULL");
         return false;
     }
-    g_signal_connect(dsl.get(), "camera-roll-changed", G_CALLBACK(&GpuPipeline::OnCameraRollChanged), this);
+    ConnectHandler(kRelays, dsl.get(), "camera-roll-changed", G_CALLBACK(&GpuPipeline::OnCameraRollChanged));
     return result;
 }
 
+// The levelling element signals on its streaming thread: both relays emit on
+// the main loop.
 void GpuPipeline::OnCameraRollChanged(GstElement*, gdouble roll, gpointer user_data)
 {
-    static_cast<GpuPipeline*>(user_data)->signal_camera_roll.emit(roll);
+    auto* self = static_cast<GpuPipeline*>(user_data);
+    self->PostToMainLoop([self, roll] { self->signal_camera_roll.emit(roll); });
 }
 
 void GpuPipeline::OnPlumblineData(
     GstElement*, gdouble a, gdouble b, gdouble c, gdouble d, gdouble e, gpointer user_data)
 {
-    static_cast<GpuPipeline*>(user_data)->signal_plumbline_data.emit(a, b, c, d, e);
-}
-
-template <typename T>
-bool GpuPipeline::SetProperty(const char* signature, const char* element, const char* property, T value)
-{
-    GstPtr<GstElement> found = FindElement(signature, element);
-    if (!found)
-        return false;
-    g_object_set(found.get(), property, value, nullptr);
-    return true;
-}
-
-template <typename T>
-bool GpuPipeline::GetProperty(const char* signature, const char* element, const char* property, T& value)
-{
-    GstPtr<GstElement> found = FindElement(signature, element);
-    if (!found)
-        return false;
-    g_object_get(found.get(), property, &value, nullptr);
-    return true;
+    auto* self = static_cast<GpuPipeline*>(user_data);
+    self->PostToMainLoop([self, a, b, c, d, e] { self->signal_plumbline_data.emit(a, b, c, d, e); });
 }
 
 void GpuPipeline::SetRotationEnabled(bool enabled)
 {
-    SetProperty(VIDEOD_SIGNATURE, kDsl, "dsl-enabled", static_cast<gboolean>(enabled));
+    SetElementProperty(VIDEOD_FUNCTION, kDsl, "dsl-enabled", static_cast<gboolean>(enabled));
 }
 
 void GpuPipeline::SetRotationOverrideAngle(int angle)
 {
     // The rotation handler keeps the angle in range.
-    SetProperty(VIDEOD_SIGNATURE, kDsl, "rotation-override", static_cast<gint>(angle));
+    SetElementProperty(VIDEOD_FUNCTION, kDsl, "rotation-override", static_cast<gint>(angle));
 }
 
 void GpuPipeline::SetRotationSteps(uint32_t steps)
@@ -124,7 +100,7 @@ void GpuPipeline::SetRotationSteps(uint32_t steps)
         Log::Warning("Invalid rotations steps mode:%u", steps);
         return;
     }
-    SetProperty(VIDEOD_SIGNATURE, kDsl, "rotation-steps", static_cast<guint>(steps));
+    SetElementProperty(VIDEOD_FUNCTION, kDsl, "rotation-steps", static_cast<guint>(steps));
 }
 
 void GpuPipeline::SetRotationThreshold(uint32_t threshold)
@@ -133,7 +109,7 @@ void GpuPipeline::SetRotationThreshold(uint32_t threshold)
         Log::Warning("Rotation is limited to 30 degrees, attempted to set:%u", threshold);
         return;
     }
-    SetProperty(VIDEOD_SIGNATURE, kDsl, "rotation-threshold", static_cast<guint>(threshold));
+    SetElementProperty(VIDEOD_FUNCTION, kDsl, "rotation-threshold", static_cast<guint>(threshold));
 }
 
 void GpuPipeline::SetRotationNumFrames(uint32_t num_frames)
@@ -142,7 +118,7 @@ void GpuPipeline::SetRotationNumFrames(uint32_t num_frames)
         Log::Warning("Rotation num frames has max value 240, attempted to set:%u", num_frames);
         return;
     }
-    SetProperty(VIDEOD_SIGNATURE, kDsl, "rotation-frames-trigger", static_cast<guint>(num_frames));
+    SetElementProperty(VIDEOD_FUNCTION, kDsl, "rotation-frames-trigger", static_cast<guint>(num_frames));
 }
 
 void GpuPipeline::SetRollFilterCoeffs(const std::string& coeffs)
@@ -151,7 +127,7 @@ void GpuPipeline::SetRollFilterCoeffs(const std::string& coeffs)
         Log::Warning("Roll filter coefficients string empty");
         return;
     }
-    SetProperty(VIDEOD_SIGNATURE, kMotionFilter, "roll-filter-coeffs", coeffs.c_str());
+    SetElementProperty(VIDEOD_FUNCTION, kMotionFilter, "roll-filter-coeffs", coeffs.c_str());
 }
 
 int GpuPipeline::SetZoom(double zoom)
@@ -161,7 +137,7 @@ int GpuPipeline::SetZoom(double zoom)
             static_cast<double>(zoom_levels[2]));
         return -1;
     }
-    return SetProperty(VIDEOD_SIGNATURE, kTiling, "zoom", static_cast<gdouble>(zoom)) ? 0 : -1;
+    return SetElementProperty(VIDEOD_FUNCTION, kTiling, "zoom", static_cast<gdouble>(zoom)) ? 0 : -1;
 }
 
 int GpuPipeline::SetDslMaxZoomIn(double zoom)
@@ -171,39 +147,43 @@ int GpuPipeline::SetDslMaxZoomIn(double zoom)
         Log::Warning("Zoom value of %f is out of range (.99 - 1.75)", zoom);
         return -1;
     }
-    return SetProperty(VIDEOD_SIGNATURE, kTiling, "max-dsl-zoom-in", static_cast<gdouble>(zoom)) ? 0 : -1;
+    return SetElementProperty(VIDEOD_FUNCTION, kTiling, "max-dsl-zoom-in", static_cast<gdouble>(zoom)) ? 0
+                                                                                                       : -1;
 }
 
 int GpuPipeline::SetDslZoomPeriod(uint32_t period)
 {
-    return SetProperty(VIDEOD_SIGNATURE, kTiling, "dsl-zoom-period", static_cast<guint>(period)) ? 0 : -1;
+    return SetElementProperty(VIDEOD_FUNCTION, kTiling, "dsl-zoom-period", static_cast<guint>(period)) ? 0
+                                                                                                       : -1;
 }
 
 int GpuPipeline::SetDslZoomDelay(uint32_t delay)
 {
-    return SetProperty(VIDEOD_SIGNATURE, kTiling, "dsl-zoom-delay", static_cast<guint>(delay)) ? 0 : -1;
+    return SetElementProperty(VIDEOD_FUNCTION, kTiling, "dsl-zoom-delay", static_cast<guint>(delay)) ? 0 : -1;
 }
 
 int GpuPipeline::SetDslHysteresis(uint32_t hysteresis)
 {
-    return SetProperty(VIDEOD_SIGNATURE, kTiling, "dsl-hysteresis", static_cast<guint>(hysteresis)) ? 0 : -1;
+    return SetElementProperty(VIDEOD_FUNCTION, kTiling, "dsl-hysteresis", static_cast<guint>(hysteresis))
+        ? 0
+        : -1;
 }
 
 int GpuPipeline::SetPanX(double pan)
 {
     // The element clamps the pan to the range of the current zoom.
-    return SetProperty(VIDEOD_SIGNATURE, kTiling, "pan-x", static_cast<gdouble>(pan)) ? 0 : -1;
+    return SetElementProperty(VIDEOD_FUNCTION, kTiling, "pan-x", static_cast<gdouble>(pan)) ? 0 : -1;
 }
 
 int GpuPipeline::SetPanY(double pan)
 {
-    return SetProperty(VIDEOD_SIGNATURE, kTiling, "pan-y", static_cast<gdouble>(pan)) ? 0 : -1;
+    return SetElementProperty(VIDEOD_FUNCTION, kTiling, "pan-y", static_cast<gdouble>(pan)) ? 0 : -1;
 }
 
 int GpuPipeline::SetPlumblineEnabled(bool enabled)
 {
     Log::Info("[GPU pipeline] Set 'Plumbline': [%s]", EnabledText(enabled));
-    if (!SetProperty(VIDEOD_SIGNATURE, kDsl, "plumbline-enabled", static_cast<gboolean>(enabled))) {
+    if (!SetElementProperty(VIDEOD_FUNCTION, kDsl, "plumbline-enabled", static_cast<gboolean>(enabled))) {
         Log::Error("[GPU pipeline] Somehow DSL plugin is NULL");
         return -1;
     }
@@ -212,33 +192,33 @@ int GpuPipeline::SetPlumblineEnabled(bool enabled)
 
 bool GpuPipeline::EnablePlumblineSignals(bool enable)
 {
-    GstPtr<GstElement> dsl = FindElement(VIDEOD_SIGNATURE, kDsl);
+    GstPtr<GstElement> dsl = FindElement(VIDEOD_FUNCTION, kDsl);
     if (!dsl)
         return false;
     if (enable)
-        g_signal_connect(dsl.get(), "plumbline-data", G_CALLBACK(&GpuPipeline::OnPlumblineData), this);
+        ConnectHandler(kRelays, dsl.get(), "plumbline-data", G_CALLBACK(&GpuPipeline::OnPlumblineData));
     return true;
 }
 
 bool GpuPipeline::SetDslAnimationDuration(uint32_t duration)
 {
-    return SetProperty(VIDEOD_SIGNATURE, kDsl, "animation-duration", static_cast<guint>(duration));
+    return SetElementProperty(VIDEOD_FUNCTION, kDsl, "animation-duration", static_cast<guint>(duration));
 }
 
 bool GpuPipeline::SetDslBackgroundMode(uint32_t mode)
 {
-    return SetProperty(VIDEOD_SIGNATURE, kTiling, "background-mode", static_cast<guint>(mode));
+    return SetElementProperty(VIDEOD_FUNCTION, kTiling, "background-mode", static_cast<guint>(mode));
 }
 
 bool GpuPipeline::SetMaxTiltAngle(int angle)
 {
-    return SetProperty(VIDEOD_SIGNATURE, kDsl, "max-tilt-angle", static_cast<gint>(angle));
+    return SetElementProperty(VIDEOD_FUNCTION, kDsl, "max-tilt-angle", static_cast<gint>(angle));
 }
 
 int GpuPipeline::SetImageSharpen(bool sharpen)
 {
     Log::Info("[GPU pipeline] Set 'Sharpen': [%s]", EnabledText(sharpen));
-    if (!SetProperty(VIDEOD_SIGNATURE, kTiling, "sharpen", static_cast<gboolean>(sharpen))) {
+    if (!SetElementProperty(VIDEOD_FUNCTION, kTiling, "sharpen", static_cast<gboolean>(sharpen))) {
         Log::Error("[GPU pipeline] Somehow DSL plugin is NULL");
         return -1;
     }
@@ -248,7 +228,7 @@ int GpuPipeline::SetImageSharpen(bool sharpen)
 int GpuPipeline::SetImageSharpenAmount(double amount)
 {
     Log::Info("[GPU pipeline] Set 'Sharpen Amount': [%f]", amount);
-    if (!SetProperty(VIDEOD_SIGNATURE, kTiling, "sharpen-amount", static_cast<gdouble>(amount))) {
+    if (!SetElementProperty(VIDEOD_FUNCTION, kTiling, "sharpen-amount", static_cast<gdouble>(amount))) {
         Log::Error("[GPU pipeline] Somehow DSL plugin is NULL");
         return -1;
     }
@@ -258,8 +238,8 @@ int GpuPipeline::SetImageSharpenAmount(double amount)
 int GpuPipeline::SetDslAutoZoomOverride(bool override_zoom)
 {
     Log::Info("[GPU pipeline] Set 'DSL Auto Zoom Override': [%s]", override_zoom ? "true" : "false");
-    if (!SetProperty(
-            VIDEOD_SIGNATURE, kTiling, "dsl-auto-zoom-override", static_cast<gboolean>(override_zoom))) {
+    if (!SetElementProperty(
+            VIDEOD_FUNCTION, kTiling, "dsl-auto-zoom-override", static_cast<gboolean>(override_zoom))) {
         Log::Error("[GPU pipeline] Somehow DSL plugin is NULL");
         return -1;
     }
@@ -277,25 +257,25 @@ void GpuPipeline::SetZoomLevels(const std::vector<float>& levels)
 bool GpuPipeline::GetRotationEnabled()
 {
     gboolean value = FALSE;
-    return GetProperty(VIDEOD_SIGNATURE, kDsl, "dsl-enabled", value) && value;
+    return GetElementProperty(VIDEOD_FUNCTION, kDsl, "dsl-enabled", value) && value;
 }
 
 int GpuPipeline::GetRotationOverrideAngle()
 {
     gint value = 0;
-    return GetProperty(VIDEOD_SIGNATURE, kDsl, "rotation-override", value) ? value : 0;
+    return GetElementProperty(VIDEOD_FUNCTION, kDsl, "rotation-override", value) ? value : 0;
 }
 
 uint32_t GpuPipeline::GetRotationSteps()
 {
     guint value = 0;
-    return GetProperty(VIDEOD_SIGNATURE, kDsl, "rotation-steps", value) ? value : 0;
+    return GetElementProperty(VIDEOD_FUNCTION, kDsl, "rotation-steps", value) ? value : 0;
 }
 
 double GpuPipeline::GetZoom()
 {
     gdouble value = 0;
-    return GetProperty(VIDEOD_SIGNATURE, kTiling, "zoom", value) ? value : 0;
+    return GetElementProperty(VIDEOD_FUNCTION, kTiling, "zoom", value) ? value : 0;
 }
 
 double GpuPipeline::GetZoomMin()
@@ -312,61 +292,61 @@ double GpuPipeline::GetDslMaxZoomIn()
 {
     // Written as "max-dsl-zoom-in", read back as the limit in effect.
     gdouble value = 0;
-    return GetProperty(VIDEOD_SIGNATURE, kTiling, "max-dsl-zoom", value) ? value : 0;
+    return GetElementProperty(VIDEOD_FUNCTION, kTiling, "max-dsl-zoom", value) ? value : 0;
 }
 
 double GpuPipeline::GetPanX()
 {
     gdouble value = 0;
-    return GetProperty(VIDEOD_SIGNATURE, kTiling, "pan-x", value) ? value : 0;
+    return GetElementProperty(VIDEOD_FUNCTION, kTiling, "pan-x", value) ? value : 0;
 }
 
 double GpuPipeline::GetPanXMin()
 {
     gdouble value = 0;
-    return GetProperty(VIDEOD_SIGNATURE, kTiling, "pan-x-min", value) ? value : 0;
+    return GetElementProperty(VIDEOD_FUNCTION, kTiling, "pan-x-min", value) ? value : 0;
 }
 
 double GpuPipeline::GetPanXMax()
 {
     gdouble value = 0;
-    return GetProperty(VIDEOD_SIGNATURE, kTiling, "pan-x-max", value) ? value : 0;
+    return GetElementProperty(VIDEOD_FUNCTION, kTiling, "pan-x-max", value) ? value : 0;
 }
 
 double GpuPipeline::GetPanY()
 {
     gdouble value = 0;
-    return GetProperty(VIDEOD_SIGNATURE, kTiling, "pan-y", value) ? value : 0;
+    return GetElementProperty(VIDEOD_FUNCTION, kTiling, "pan-y", value) ? value : 0;
 }
 
 double GpuPipeline::GetPanYMin()
 {
     gdouble value = 0;
-    return GetProperty(VIDEOD_SIGNATURE, kTiling, "pan-y-min", value) ? value : 0;
+    return GetElementProperty(VIDEOD_FUNCTION, kTiling, "pan-y-min", value) ? value : 0;
 }
 
 double GpuPipeline::GetPanYMax()
 {
     gdouble value = 0;
-    return GetProperty(VIDEOD_SIGNATURE, kTiling, "pan-y-max", value) ? value : 0;
+    return GetElementProperty(VIDEOD_FUNCTION, kTiling, "pan-y-max", value) ? value : 0;
 }
 
 double GpuPipeline::GetCameraRoll()
 {
     gdouble value = 0;
-    return GetProperty(VIDEOD_SIGNATURE, kDsl, "camera-roll", value) ? value : 0;
+    return GetElementProperty(VIDEOD_FUNCTION, kDsl, "camera-roll", value) ? value : 0;
 }
 
 double GpuPipeline::GetCameraTilt()
 {
     gdouble value = 0;
-    return GetProperty(VIDEOD_SIGNATURE, kDsl, "camera-tilt", value) ? value : 0;
+    return GetElementProperty(VIDEOD_FUNCTION, kDsl, "camera-tilt", value) ? value : 0;
 }
 
 double GpuPipeline::GetDisplayRoll()
 {
     gdouble value = 0;
-    return GetProperty(VIDEOD_SIGNATURE, kDsl, "display-roll", value) ? value : 0;
+    return GetElementProperty(VIDEOD_FUNCTION, kDsl, "display-roll", value) ? value : 0;
 }
 
 // Sharpening is written to the tiling element but read back from the
@@ -374,19 +354,19 @@ double GpuPipeline::GetDisplayRoll()
 double GpuPipeline::GetImageSharpen()
 {
     gdouble value = 0;
-    return GetProperty(VIDEOD_SIGNATURE, kDsl, "sharpen", value) ? value : 0;
+    return GetElementProperty(VIDEOD_FUNCTION, kDsl, "sharpen", value) ? value : 0;
 }
 
 double GpuPipeline::GetImageSharpenAmount()
 {
     gdouble value = 0;
-    return GetProperty(VIDEOD_SIGNATURE, kDsl, "sharpen-amount", value) ? value : 0;
+    return GetElementProperty(VIDEOD_FUNCTION, kDsl, "sharpen-amount", value) ? value : 0;
 }
 
 bool GpuPipeline::GetDslAutoZoomOverride()
 {
     gboolean value = FALSE;
-    return GetProperty(VIDEOD_SIGNATURE, kDsl, "dsl-auto-zoom-override", value) && value;
+    return GetElementProperty(VIDEOD_FUNCTION, kDsl, "dsl-auto-zoom-override", value) && value;
 }
 
 } // namespace VideoDaemon

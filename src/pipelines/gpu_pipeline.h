@@ -14,13 +14,13 @@ namespace VideoDaemon
 class GpuPipeline : public Pipeline
 {
 public:
-    // The camera roll in degrees, relayed from the levelling element.
+    // The camera roll in degrees, relayed from the levelling element (on
+    // the main loop, like the plumbline data).
     sigc::signal<void, double> signal_camera_roll;
     // The levelling element's five plumbline values, in its order.
     sigc::signal<void, double, double, double, double, double> signal_plumbline_data;
 
     GpuPipeline();
-    ~GpuPipeline() override;
 
     // The base launch, then the default zoom and the camera-roll relay.
     bool Launch(bool attach_probes, bool connect_bus, bool connect_queue_signals) override;
@@ -80,13 +80,6 @@ private:
     static void OnCameraRollChanged(GstElement* dsl, gdouble roll, gpointer user_data);
     static void OnPlumblineData(
         GstElement* dsl, gdouble a, gdouble b, gdouble c, gdouble d, gdouble e, gpointer user_data);
-
-    // One property of a named element; false when the pipeline or the
-    // element is missing (logged with `signature`).
-    template <typename T>
-    bool SetProperty(const char* signature, const char* element, const char* property, T value);
-    template <typename T>
-    bool GetProperty(const char* signature, const char* element, const char* property, T& value);
 
     std::chrono::system_clock::time_point creation_time;
     // [default, min, max]

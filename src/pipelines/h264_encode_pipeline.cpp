@@ -3,8 +3,8 @@
 
 #include <regex>
 
-#include "log.h"
 #include "common/function_signature.h"
+#include "log.h"
 
 namespace VideoDaemon
 {
@@ -45,28 +45,20 @@ H264EncodePipeline::H264EncodePipeline(std::string prefix)
 void H264EncodePipeline::SetValve(bool drop)
 {
     Log::Warning("Set H264 valve to :%d", drop);
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, valve_name);
-    if (!element) {
+    if (!SetElementProperty(VIDEOD_FUNCTION, valve_name, "drop", static_cast<gboolean>(drop)))
         Log::Warning("Failed to find idr_valve element");
-        return;
-    }
-    g_object_set(element.get(), "drop", static_cast<gboolean>(drop), nullptr);
 }
 
+// The encoder's properties differ from other elements' only in the element
+// they name.
 template <typename T> void H264EncodePipeline::SetH264EncoderProperty(const char* name, T value)
 {
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, encoder_name);
-    if (!element)
-        return;
-    g_object_set(element.get(), name, value, nullptr);
+    SetElementProperty(VIDEOD_FUNCTION, encoder_name, name, value);
 }
 
 template <typename T> void H264EncodePipeline::GetH264EncoderProperty(const char* name, T& value) const
 {
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, encoder_name);
-    if (!element)
-        return;
-    g_object_get(element.get(), name, &value, nullptr);
+    GetElementProperty(VIDEOD_FUNCTION, encoder_name, name, value);
 }
 
 template void H264EncodePipeline::SetH264EncoderProperty<unsigned>(const char*, unsigned);

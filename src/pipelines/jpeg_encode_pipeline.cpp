@@ -31,16 +31,13 @@ std::string JpegEncodePipeline::GetDescription()
 
 void JpegEncodePipeline::SetImageSize(uint32_t width, uint32_t height)
 {
-    GstPtr<GstElement> filter = FindElement(VIDEOD_SIGNATURE, "jpeg_image_caps");
-    if (!filter) {
+    GstCapsPtr caps(gst_caps_new_simple("video/x-raw", "width", G_TYPE_INT, static_cast<gint>(width),
+        "height", G_TYPE_INT, static_cast<gint>(height), nullptr));
+    if (!SetElementProperty(VIDEOD_FUNCTION, "jpeg_image_caps", "caps", caps.get())) {
         // The one message the daemon writes on standard output.
         std::printf("Failed to get element\n");
         std::fflush(stdout);
-        return;
     }
-    GstCapsPtr caps(gst_caps_new_simple("video/x-raw", "width", G_TYPE_INT, static_cast<gint>(width),
-        "height", G_TYPE_INT, static_cast<gint>(height), nullptr));
-    g_object_set(filter.get(), "caps", caps.get(), nullptr);
 }
 
 } // namespace VideoDaemon

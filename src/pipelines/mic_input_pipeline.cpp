@@ -23,21 +23,13 @@ std::string MicInputPipeline::GetDescription()
 
 int MicInputPipeline::SetMute(bool mute)
 {
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, kVolumeName);
-    if (!element)
-        return -1;
-    g_object_set(element.get(), "mute", static_cast<gboolean>(mute), nullptr);
-    return 1;
+    return SetElementProperty(VIDEOD_FUNCTION, kVolumeName, "mute", static_cast<gboolean>(mute)) ? 1 : -1;
 }
 
 bool MicInputPipeline::GetMute() const
 {
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, kVolumeName);
-    if (!element)
-        return false;
     gboolean mute = FALSE;
-    g_object_get(element.get(), "mute", &mute, nullptr);
-    return mute;
+    return GetElementProperty(VIDEOD_FUNCTION, kVolumeName, "mute", mute) && mute;
 }
 
 } // namespace VideoDaemon

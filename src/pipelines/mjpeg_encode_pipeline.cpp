@@ -40,19 +40,13 @@ void MjpegEncodePipeline::SetQuality(int quality)
         quality = 100;
     else if (quality < 1)
         quality = 1;
-    GstPtr<GstElement> encoder = FindElement(VIDEOD_SIGNATURE, "mjpeg_enc");
-    if (!encoder)
-        return;
-    g_object_set(encoder.get(), "quality-factor", quality, nullptr);
+    SetElementProperty(VIDEOD_FUNCTION, "mjpeg_enc", "quality-factor", quality);
 }
 
 int MjpegEncodePipeline::GetQuality() const
 {
     int quality = 0;
-    GstPtr<GstElement> encoder = FindElement(VIDEOD_SIGNATURE, "mjpeg_enc");
-    if (!encoder)
-        return quality;
-    g_object_get(encoder.get(), "quality-factor", &quality, nullptr);
+    GetElementProperty(VIDEOD_FUNCTION, "mjpeg_enc", "quality-factor", quality);
     return quality;
 }
 

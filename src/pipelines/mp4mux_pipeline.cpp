@@ -3,8 +3,8 @@
 
 #include <regex>
 
-#include "log.h"
 #include "common/function_signature.h"
+#include "log.h"
 
 namespace VideoDaemon
 {
@@ -33,6 +33,9 @@ const char kTemplate[]
       "    ! muxpause name=%_mp4mux_aud_pause "
       "    ! %_mux. ";
 
+// Handler group of the byte counter.
+const char kTracker[] = "tracker";
+
 } // namespace
 
 MuxPause::MuxPause(Pipeline* pipeline, std::string element_name)
@@ -41,43 +44,30 @@ MuxPause::MuxPause(Pipeline* pipeline, std::string element_name)
 {
 }
 
-GstPtr<GstElement> MuxPause::GetElement(const char* signature)
-{
-    GstPipeline* bin = pipeline ? pipeline->GetPipeline() : nullptr;
-    if (!bin) {
-        Log::Error("%s: pipeline == NULL (%s)", signature, element_name.c_str());
-        return nullptr;
-    }
-    GstPtr<GstElement> element(gst_bin_get_by_name(GST_BIN(bin), element_name.c_str()));
-    if (!element)
-        Log::Error("%s: element == NULL (%s)", signature, element_name.c_str());
-    return element;
-}
-
 void MuxPause::Reset()
 {
-    GstPtr<GstElement> element = GetElement(VIDEOD_SIGNATURE);
+    GstPtr<GstElement> element = pipeline->FindElement(VIDEOD_FUNCTION, element_name);
     g_assert(element);
     g_object_set(element.get(), "reset", TRUE, nullptr);
 }
 
 void MuxPause::Pause()
 {
-    GstPtr<GstElement> element = GetElement(VIDEOD_SIGNATURE);
+    GstPtr<GstElement> element = pipeline->FindElement(VIDEOD_FUNCTION, element_name);
     g_assert(element);
     g_object_set(element.get(), "pause", TRUE, nullptr);
 }
 
 void MuxPause::Resume()
 {
-    GstPtr<GstElement> element = GetElement(VIDEOD_SIGNATURE);
+    GstPtr<GstElement> element = pipeline->FindElement(VIDEOD_FUNCTION, element_name);
     g_assert(element);
     g_object_set(element.get(), "resume", TRUE, nullptr);
 }
 
 guint64 MuxPause::GetPauseLength()
 {
-    GstPtr<GstElement> element = GetElement(VIDEOD_SIGNATURE);
+    GstPtr<GstElement> element = pipeline->FindElement(VIDEOD_FUNCTION, element_name);
     g_assert(element);
     guint64 length = 0;
     g_object_get(element.get(), "pause_length", &length, nullptr);
@@ -86,7 +76,7 @@ guint64 MuxPause::GetPauseLength()
 
 void MuxPause::SetPauseLength(guint64 length)
 {
-    GstPtr<GstElement> element = GetElement(VIDEOD_SIGNATURE);
+    GstPtr<GstElement> element = pipeline->FindElement(VIDEOD_FUNCTION, element_name);
     g_assert(element);
     g_object_set(element.get(), "pause_length", length, nullptr);
 }
@@ -119,8 +109,7 @@ bool Mp4muxPipeline::Launch(bool attach_probes, bool connect_bus, bool connect_q
         Log::Info("Initialising mux pause objects");
         video_pause = std::make_unique<MuxPause>(this, video_pause_name);
         audio_pause = std::make_unique<MuxPause>(this, audio_pause_name);
-        // The handoff connection died with the previous pipeline.
-        tracker_handler = 0;
+        // The handoff connection went with the previous pipeline.
         tracker_connected = false;
     }
     return result;
@@ -154,72 +143,49 @@ int Mp4muxPipeline::CloseRecord(bool send_eos)
 void Mp4muxPipeline::SetLocation(const std::string& path)
 {
     Log::Info("SetLocation '%s'", path.c_str());
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, GetSinkName());
-    if (!element) {
+    if (!SetElementProperty(VIDEOD_FUNCTION, GetSinkName(), "location", path)) {
         Log::Error("%s: element not found", GetSinkName().c_str());
         return;
     }
-    g_object_set(element.get(), "location", path.c_str(), nullptr);
     location = path;
 }
 
 void Mp4muxPipeline::SetDropIDR(bool drop)
 {
     Log::Warning("Set Drop IDR to : %d", drop);
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, idr_valve_name);
-    if (!element) {
+    if (!SetElementProperty(VIDEOD_FUNCTION, idr_valve_name, "drop", static_cast<gboolean>(drop)))
         Log::Warning("Failed to find %s element", idr_valve_name.c_str());
-        return;
-    }
-    g_object_set(element.get(), "drop", static_cast<gboolean>(drop), nullptr);
 }
 
 void Mp4muxPipeline::SetMoovRecoveryFile(const std::string& path)
 {
     Log::Info("SetMoovRecoveryFile '%s'", path.c_str());
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, mux_name);
-    if (!element)
-        return;
     // An empty path clears the recovery file.
-    g_object_set(element.get(), "moov-recovery-file", path.empty() ? nullptr : path.c_str(), nullptr);
+    SetElementProperty(
+        VIDEOD_FUNCTION, mux_name, "moov-recovery-file", path.empty() ? nullptr : path.c_str());
 }
 
 std::string Mp4muxPipeline::GetMoovRecoveryFile() const
 {
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, mux_name);
-    if (!element)
-        return "";
-    gchar* raw_path = nullptr;
-    g_object_get(element.get(), "moov-recovery-file", &raw_path, nullptr);
-    GCharPtr path(raw_path);
-    return path ? path.get() : "";
+    std::string path;
+    GetElementProperty(VIDEOD_FUNCTION, mux_name, "moov-recovery-file", path);
+    return path;
 }
 
 bool Mp4muxPipeline::EnableTrackerSignals(bool enable)
 {
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, tracker_name);
+    GstPtr<GstElement> element = FindElement(VIDEOD_FUNCTION, tracker_name);
     if (!element) {
         Log::Error("%s: identity element not found", tracker_name.c_str());
         return false;
     }
-    if (!enable) {
-        g_object_set(element.get(), "silent", TRUE, nullptr);
-        if (tracker_handler != 0)
-            g_signal_handler_disconnect(element.get(), tracker_handler);
-        tracker_handler = 0;
-        tracker_connected = false;
-        return true;
-    }
-
-    g_object_set(element.get(), "silent", FALSE, nullptr);
-    if (!tracker_connected) {
-        tracker_handler
-            = g_signal_connect(element.get(), "handoff", G_CALLBACK(&Mp4muxPipeline::OnHandoff), this);
-        tracker_connected = true;
-    } else {
-        // A second enable toggles the counting off; callers rely on pairs.
-        g_signal_handler_disconnect(element.get(), tracker_handler);
-        tracker_handler = 0;
+    g_object_set(element.get(), "silent", enable ? FALSE : TRUE, nullptr);
+    // A second enable toggles the counting off; callers rely on pairs.
+    if (enable && !tracker_connected)
+        tracker_connected
+            = ConnectHandler(kTracker, element.get(), "handoff", G_CALLBACK(&Mp4muxPipeline::OnHandoff));
+    else {
+        DisconnectHandlers(kTracker);
         tracker_connected = false;
     }
     return true;

@@ -10,7 +10,8 @@ namespace VideoDaemon
 {
 
 // Drives one muxpause element of a launched pipeline. Used before the
-// pipeline is launched, every operation ends the process.
+// pipeline is launched, every operation ends the process. `pipeline` must
+// outlive this object.
 class MuxPause
 {
 public:
@@ -25,8 +26,6 @@ public:
     void SetPauseLength(guint64 length);
 
 private:
-    GstPtr<GstElement> GetElement(const char* signature);
-
     Pipeline* pipeline; // not owned: the pipeline holding the element
     std::string element_name;
 };
@@ -93,7 +92,7 @@ private:
     std::atomic<guint64> bytes_written { 0 };
     std::unique_ptr<MuxPause> video_pause;
     std::unique_ptr<MuxPause> audio_pause;
-    gulong tracker_handler = 0;
+    // Whether the tracker's "handoff" counts bytes.
     bool tracker_connected = false;
 };
 

@@ -1,9 +1,9 @@
 // The NTSC analogue camera: capture, VBI read-out, deinterlace and scale to 640x480 RGBA.
 #include "pipelines/ntsc_camera_input_pipeline.h"
 
+#include "common/function_signature.h"
 #include "log.h"
 #include "pipelines/deinterlace_method.h"
-#include "common/function_signature.h"
 
 namespace VideoDaemon
 {
@@ -45,14 +45,14 @@ std::string NtscCameraInputPipeline::GetDescription()
 
 void NtscCameraInputPipeline::SetInputCrop(bool enable)
 {
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, kTransformName);
+    GstPtr<GstElement> element = FindElement(VIDEOD_FUNCTION, kTransformName);
     g_assert(element);
     g_object_set(element.get(), "input-crop", static_cast<gboolean>(enable), nullptr);
 }
 
 void NtscCameraInputPipeline::SetDeinterlaceMethod(const std::string& method)
 {
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, kTransformName);
+    GstPtr<GstElement> element = FindElement(VIDEOD_FUNCTION, kTransformName);
     g_assert(element);
 
     const std::optional<int> value = DeinterlaceMethodValue(method);
@@ -64,14 +64,14 @@ void NtscCameraInputPipeline::SetDeinterlaceMethod(const std::string& method)
     const gboolean top_field_first = *value == 1;
 
     g_object_set(element.get(), "deinterlace-method", *value, nullptr);
-    element = FindElement(VIDEOD_SIGNATURE, kVbiReaderName);
+    element = FindElement(VIDEOD_FUNCTION, kVbiReaderName);
     g_assert(element);
     g_object_set(element.get(), "set-tff-flag", top_field_first, nullptr);
 }
 
 std::string NtscCameraInputPipeline::GetDeinterlaceMethod()
 {
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, kTransformName);
+    GstPtr<GstElement> element = FindElement(VIDEOD_FUNCTION, kTransformName);
     g_assert(element);
 
     gint value = -1;

@@ -4,8 +4,8 @@
 #include <regex>
 #include <utility>
 
-#include "log.h"
 #include "common/function_signature.h"
+#include "log.h"
 
 namespace VideoDaemon
 {
@@ -65,11 +65,7 @@ bool OverlayPipeline::TearDown()
 
 bool OverlayPipeline::EnableOverlay(bool enable)
 {
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, kOverlayElement);
-    if (!element)
-        return false;
-    g_object_set(element.get(), "enabled", static_cast<gboolean>(enable), nullptr);
-    return true;
+    return SetElementProperty(VIDEOD_FUNCTION, kOverlayElement, "enabled", static_cast<gboolean>(enable));
 }
 
 void OverlayPipeline::UpdateSvgData(std::string& svg)
@@ -101,7 +97,7 @@ void OverlayPipeline::RenderTask(OverlayPipeline* self)
         GstPtr<GstElement> element;
         {
             std::lock_guard<std::mutex> lock(self->pipeline_mutex);
-            element = self->FindElement(VIDEOD_SIGNATURE, kOverlayElement);
+            element = self->FindElement(VIDEOD_FUNCTION, kOverlayElement);
         }
         if (!element)
             continue;

@@ -1,9 +1,9 @@
 // The PAL analogue camera: capture, deinterlace and scale to 640x480 RGBA re-stamped as 29.97 fps.
 #include "pipelines/pal_camera_input_pipeline.h"
 
+#include "common/function_signature.h"
 #include "log.h"
 #include "pipelines/deinterlace_method.h"
-#include "common/function_signature.h"
 
 namespace VideoDaemon
 {
@@ -34,14 +34,14 @@ std::string PalCameraInputPipeline::GetDescription()
 
 void PalCameraInputPipeline::SetInputCrop(bool enable)
 {
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, kTransformName);
+    GstPtr<GstElement> element = FindElement(VIDEOD_FUNCTION, kTransformName);
     g_assert(element);
     g_object_set(element.get(), "input-crop", static_cast<gboolean>(enable), nullptr);
 }
 
 void PalCameraInputPipeline::SetDeinterlaceMethod(std::string method)
 {
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, kTransformName);
+    GstPtr<GstElement> element = FindElement(VIDEOD_FUNCTION, kTransformName);
     g_assert(element);
 
     const std::optional<int> value = DeinterlaceMethodValue(method);
@@ -54,7 +54,7 @@ void PalCameraInputPipeline::SetDeinterlaceMethod(std::string method)
 
 std::string PalCameraInputPipeline::GetDeinterlaceMethod() const
 {
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, kTransformName);
+    GstPtr<GstElement> element = FindElement(VIDEOD_FUNCTION, kTransformName);
     g_assert(element);
 
     gint value = -1;

@@ -7,9 +7,10 @@
 #include <regex>
 #include <typeinfo>
 
+#include "common/function_signature.h"
 #include "log.h"
 #include "pipelines/base_time_priming.h"
-#include "common/function_signature.h"
+#include "pipelines/collapse_blanks.h"
 
 namespace VideoDaemon
 {
@@ -17,36 +18,17 @@ namespace VideoDaemon
 namespace
 {
 
-// Runs of blanks collapse to one; descriptions are written indented.
-std::string CollapseBlanks(const std::string& text)
-{
-    std::string collapsed;
-    collapsed.reserve(text.size());
-    for (char c : text) {
-        if (c == ' ' && !collapsed.empty() && collapsed.back() == ' ')
-            continue;
-        collapsed.push_back(c);
-    }
-    return collapsed;
-}
+// Handler groups of the base.
+const char kBusMessages[] = "bus messages";
+const char kQueueSignals[] = "queue signals";
 
 } // namespace
 
-struct Pipeline::QueueReport {
-    std::weak_ptr<Pipeline*> pipeline;
-    int32_t state;
-    std::string name;
-};
-
-Pipeline::Pipeline()
-    : alive_(std::make_shared<Pipeline*>(this))
-{
-}
+Pipeline::Pipeline() = default;
 
 Pipeline::~Pipeline()
 {
-    RemoveBusWatch();
-    pipeline.reset();
+    ReleasePipeline();
 }
 
 std::string Pipeline::GetDescription()
@@ -77,16 +59,50 @@ std::string Pipeline::GetName()
 
 void Pipeline::OnElementMessage(const char*, GstMessage*) { }
 
-GstPtr<GstElement> Pipeline::FindElement(const char* signature, const std::string& name) const
+bool Pipeline::HasPipeline(FunctionSignature caller, const std::string& name) const
 {
-    if (!pipeline) {
-        Log::Error("%s: pipeline == NULL (%s)", signature, name.c_str());
+    if (pipeline)
+        return true;
+    Log::Error("%s: pipeline == NULL (%s)", caller.Text().c_str(), name.c_str());
+    return false;
+}
+
+GstPtr<GstElement> Pipeline::FindElement(FunctionSignature caller, const std::string& name) const
+{
+    if (!HasPipeline(caller, name))
         return nullptr;
-    }
     GstPtr<GstElement> element(gst_bin_get_by_name(GST_BIN(pipeline.get()), name.c_str()));
     if (!element)
-        Log::Error("%s: element == NULL (%s)", signature, name.c_str());
+        Log::Error("%s: element == NULL (%s)", caller.Text().c_str(), name.c_str());
     return element;
+}
+
+bool Pipeline::ConnectHandler(
+    const std::string& group, gpointer instance, const char* signal, GCallback callback)
+{
+    return _Handlers.Connect(group, instance, signal, callback, this);
+}
+
+bool Pipeline::ConnectBusHandler(const std::string& group, const char* signal, GCallback callback)
+{
+    if (!pipeline)
+        return false;
+    GstPtr<GstBus> bus(gst_pipeline_get_bus(pipeline.get()));
+    return ConnectHandler(group, bus.get(), signal, callback);
+}
+
+void Pipeline::DisconnectHandlers(const std::string& group)
+{
+    _Handlers.Disconnect(group);
+}
+
+void Pipeline::ReleasePipeline()
+{
+    RemoveBusWatch();
+    // The bus and elements may outlive this object; nothing must call back
+    // into it.
+    _Handlers.DisconnectAll();
+    pipeline.reset();
 }
 
 bool Pipeline::Launch(bool attach_probes, bool connect_bus, bool connect_queue_signals)
@@ -94,10 +110,7 @@ bool Pipeline::Launch(bool attach_probes, bool connect_bus, bool connect_queue_s
     if (GetDescription().empty())
         return false;
 
-    if (pipeline) {
-        RemoveBusWatch();
-        pipeline.reset();
-    }
+    ReleasePipeline();
 
     std::string description = CollapseBlanks(GetDescription());
     GError* raw_error = nullptr;
@@ -130,30 +143,27 @@ bool Pipeline::ConnectBusMessages()
     if (!pipeline)
         return false;
 
-    GstPtr<GstBus> bus(gst_pipeline_get_bus(pipeline.get()));
+    // A bus has one watch at a time: the old one goes before the new one.
     RemoveBusWatch();
-    gst_bus_add_watch(bus.get(), gst_bus_async_signal_func, nullptr);
-    bus_watched_ = true;
+    GstPtr<GstBus> bus(gst_pipeline_get_bus(pipeline.get()));
+    _BusWatch = AttachSource(
+        gst_bus_create_watch(bus.get()), G_SOURCE_FUNC(gst_bus_async_signal_func), nullptr);
 
-    g_signal_connect(bus.get(), "message::state-changed", G_CALLBACK(&Pipeline::OnStateChanged), this);
-    g_signal_connect(bus.get(), "message::error", G_CALLBACK(&Pipeline::OnError), this);
+    // Connecting again replaces only the base's own handlers: those of a
+    // subclass on the same bus stay.
+    DisconnectHandlers(kBusMessages);
+    ConnectBusHandler(kBusMessages, "message::state-changed", G_CALLBACK(&Pipeline::OnStateChanged));
+    ConnectBusHandler(kBusMessages, "message::error", G_CALLBACK(&Pipeline::OnError));
     Log::Info("[Pipeline] Connect messages from the elements");
-    g_signal_connect(bus.get(), "message", G_CALLBACK(&Pipeline::OnMessage), this);
+    ConnectBusHandler(kBusMessages, "message", G_CALLBACK(&Pipeline::OnMessage));
     Log::Info("[Pipeline] Listen for EOS message");
-    g_signal_connect(bus.get(), "message::eos", G_CALLBACK(&Pipeline::OnEos), this);
+    ConnectBusHandler(kBusMessages, "message::eos", G_CALLBACK(&Pipeline::OnEos));
     return true;
 }
 
 void Pipeline::RemoveBusWatch()
 {
-    if (!pipeline)
-        return;
-    GstPtr<GstBus> bus(gst_pipeline_get_bus(pipeline.get()));
-    if (bus_watched_)
-        gst_bus_remove_watch(bus.get());
-    bus_watched_ = false;
-    // The bus may outlive this object; nothing must call back into it.
-    g_signal_handlers_disconnect_by_data(bus.get(), this);
+    _BusWatch.reset();
 }
 
 void Pipeline::OnStateChanged(GstBus*, GstMessage* message, gpointer user_data)
@@ -223,10 +233,8 @@ int Pipeline::SetState(GstState state, unsigned wait_ms)
     if (name.empty())
         name = "unnamed";
     Log::Info("[%s] Set state [%s]", name.c_str(), gst_element_state_get_name(state));
-    if (!pipeline) {
-        Log::Error("%s: pipeline == NULL (%s)", VIDEOD_SIGNATURE, name.c_str());
+    if (!HasPipeline(VIDEOD_FUNCTION, name))
         return -1;
-    }
 
     PrimeBaseTimesForStart(GST_ELEMENT(pipeline.get()), state);
     GstStateChangeReturn ret = gst_element_set_state(GST_ELEMENT(pipeline.get()), state);
@@ -266,10 +274,8 @@ GstState Pipeline::GetState()
 
 int Pipeline::SendEos(bool wait)
 {
-    if (!pipeline) {
-        Log::Error("%s: pipeline == NULL (%s)", VIDEOD_SIGNATURE, GetName().c_str());
+    if (!HasPipeline(VIDEOD_FUNCTION, GetName()))
         return -1;
-    }
     {
         // A stale EOS must not satisfy the wait below.
         GstPtr<GstBus> bus(gst_pipeline_get_bus(pipeline.get()));
@@ -286,10 +292,8 @@ int Pipeline::SendEos(bool wait)
 int Pipeline::WaitForEos(unsigned seconds)
 {
     Log::Info("pipeline %s: Waiting for EOS event...", GetName().c_str());
-    if (!pipeline) {
-        Log::Error("%s: pipeline == NULL (%s)", VIDEOD_SIGNATURE, GetName().c_str());
+    if (!HasPipeline(VIDEOD_FUNCTION, GetName()))
         return -1;
-    }
     GstPtr<GstClock> clock(gst_system_clock_obtain());
     GstClockTime start = gst_clock_get_time(clock.get());
     GstPtr<GstBus> bus(gst_pipeline_get_bus(pipeline.get()));
@@ -313,31 +317,25 @@ bool Pipeline::TearDown()
     }
     if (!pipeline)
         return true;
-    RemoveBusWatch();
     RemoveProbes();
-    pipeline.reset();
+    ReleasePipeline();
     return true;
 }
 
 bool Pipeline::ListenTo(Pipeline* producer, std::string sink_name, std::string source_name)
 {
     if (!producer) {
-        GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, GetSourceName());
-        if (!element)
-            return false;
-        g_object_set(element.get(), "listen-to", nullptr, nullptr);
-        return true;
+        return SetElementProperty(
+            VIDEOD_FUNCTION, GetSourceName(), "listen-to", static_cast<const char*>(nullptr));
     }
 
     if (sink_name.empty())
         sink_name = producer->GetSinkName();
     if (source_name.empty())
         source_name = GetSourceName();
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, source_name);
-    if (!element)
-        return false;
     // Set whatever the state: inputs are switched while everything plays.
-    g_object_set(element.get(), "listen-to", sink_name.c_str(), nullptr);
+    if (!SetElementProperty(VIDEOD_FUNCTION, source_name, "listen-to", sink_name))
+        return false;
     listening_to[source_name] = producer;
     producer->listeners[sink_name] = this;
     return true;
@@ -345,11 +343,9 @@ bool Pipeline::ListenTo(Pipeline* producer, std::string sink_name, std::string s
 
 bool Pipeline::IsListening()
 {
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, GetSourceName());
-    if (!element)
-        return false;
     gchar* raw_listen_to = nullptr;
-    g_object_get(element.get(), "listen-to", &raw_listen_to, nullptr);
+    if (!GetElementProperty(VIDEOD_FUNCTION, GetSourceName(), "listen-to", raw_listen_to))
+        return false;
     GCharPtr listen_to(raw_listen_to);
     if (!listen_to)
         return false;
@@ -359,17 +355,26 @@ bool Pipeline::IsListening()
 
 void Pipeline::ConnectQueueStateSignals()
 {
+    DisconnectHandlers(kQueueSignals);
     for (const auto& entry : queue_states) {
         const std::string& name = entry.first;
-        GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, name);
+        GstPtr<GstElement> element = FindElement(VIDEOD_FUNCTION, name);
         if (!element) {
             Log::Error("'%s' failed to register queue state signals", name.c_str());
             continue;
         }
-        g_signal_connect(element.get(), "overrun", G_CALLBACK(&Pipeline::OnQueueOverrun), this);
-        g_signal_connect(element.get(), "underrun", G_CALLBACK(&Pipeline::OnQueueUnderrun), this);
-        g_signal_connect(element.get(), "running", G_CALLBACK(&Pipeline::OnQueueRunning), this);
+        ConnectHandler(kQueueSignals, element.get(), "overrun", G_CALLBACK(&Pipeline::OnQueueOverrun));
+        ConnectHandler(kQueueSignals, element.get(), "underrun", G_CALLBACK(&Pipeline::OnQueueUnderrun));
+        ConnectHandler(kQueueSignals, element.get(), "running", G_CALLBACK(&Pipeline::OnQueueRunning));
     }
+}
+
+std::map<std::string, int32_t> Pipeline::GetQueueStates() const
+{
+    std::map<std::string, int32_t> states;
+    for (const auto& entry : queue_states)
+        states.emplace(entry.first, entry.second.load());
+    return states;
 }
 
 void Pipeline::OnQueueOverrun(GstElement* queue, gpointer user_data)
@@ -387,40 +392,33 @@ void Pipeline::OnQueueRunning(GstElement* queue, gpointer user_data)
     static_cast<Pipeline*>(user_data)->QueueStateChanged(queue, kQueueRunning);
 }
 
-// Streaming thread: only this queue's entry is touched; the signal is
-// emitted on the main loop.
+// Streaming thread: only this queue's entry is touched (the map itself is
+// fixed before launch); the signal is emitted on the main loop.
 void Pipeline::QueueStateChanged(GstElement* queue, int32_t state)
 {
-    GCharPtr name(gst_element_get_name(queue));
-    auto entry = queue_states.find(name.get());
-    if (entry == queue_states.end() || entry->second == state)
+    GCharPtr raw_name(gst_element_get_name(queue));
+    auto entry = queue_states.find(raw_name.get());
+    if (entry == queue_states.end() || entry->second.exchange(state) == state)
         return;
-    entry->second = state;
-    auto* report = new QueueReport { alive_, state, name.get() };
-    g_timeout_add(0, &Pipeline::EmitQueueReport, report);
+    std::string name(raw_name.get());
+    PostToMainLoop([this, name, state] { EmitQueueReport(name, state); });
 }
 
-gboolean Pipeline::EmitQueueReport(gpointer data)
+void Pipeline::EmitQueueReport(const std::string& name, int32_t state)
 {
-    std::unique_ptr<QueueReport> report(static_cast<QueueReport*>(data));
-    std::shared_ptr<Pipeline*> alive = report->pipeline.lock();
-    if (!alive)
-        return FALSE;
-    Pipeline* self = *alive;
-    switch (report->state) {
+    switch (state) {
     case kQueueOverrun:
-        self->signal_queue_overrun.emit(report->name);
+        signal_queue_overrun.emit(name);
         break;
     case kQueueUnderrun:
-        self->signal_queue_underrun.emit(report->name);
+        signal_queue_underrun.emit(name);
         break;
     case kQueueRunning:
-        self->signal_queue_running.emit(report->name);
+        signal_queue_running.emit(name);
         break;
     default:
         break;
     }
-    return FALSE;
 }
 
 void Pipeline::CreateFramerateProbe(
@@ -440,7 +438,7 @@ int Pipeline::AttachProbes()
     int failures = 0;
     for (auto& entry : probes) {
         ProbeRecord& record = entry.second;
-        if (record.probe->Attach(pipeline.get(), record.element_name, record.pad_name) != 0)
+        if (record.probe->Attach(*this, record.element_name, record.pad_name) != 0)
             ++failures;
     }
     return failures;
@@ -462,19 +460,15 @@ std::map<std::string, unsigned> Pipeline::GetProbeRates() const
 
 bool Pipeline::SendFlushStart()
 {
-    if (!pipeline) {
-        Log::Error("%s: pipeline == NULL (%s)", VIDEOD_SIGNATURE, GetName().c_str());
+    if (!HasPipeline(VIDEOD_FUNCTION, GetName()))
         return false;
-    }
     return gst_element_send_event(GST_ELEMENT(pipeline.get()), gst_event_new_flush_start());
 }
 
 bool Pipeline::SendFlushStop(bool reset_time)
 {
-    if (!pipeline) {
-        Log::Error("%s: pipeline == NULL (%s)", VIDEOD_SIGNATURE, GetName().c_str());
+    if (!HasPipeline(VIDEOD_FUNCTION, GetName()))
         return false;
-    }
     return gst_element_send_event(GST_ELEMENT(pipeline.get()), gst_event_new_flush_stop(reset_time));
 }
 

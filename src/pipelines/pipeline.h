@@ -4,14 +4,21 @@
 #include <gst/gst.h>
 #include <sigc++/sigc++.h>
 
+#include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <unordered_map>
 
-#include "pipelines/framerate_probe.h"
+#include "common/function_signature.h"
+#include "common/glib_ptr.h"
 #include "common/gst_ptr.h"
+#include "common/main_loop_handoff.h"
+#include "pipelines/framerate_probe.h"
+#include "pipelines/signal_connections.h"
 
 namespace VideoDaemon
 {
@@ -90,19 +97,51 @@ public:
     bool SendFlushStop(bool reset_time);
 
     GstPipeline* GetPipeline() const { return pipeline.get(); }
-    const std::map<std::string, int32_t>& GetQueueStates() const { return queue_states; }
+    // The last reported QueueState of every monitored queue.
+    std::map<std::string, int32_t> GetQueueStates() const;
     const std::unordered_map<std::string, Pipeline*>& GetListeningTo() const { return listening_to; }
     const std::unordered_map<std::string, Pipeline*>& GetListeners() const { return listeners; }
 
+    // Element lookup and typed property access over a named element of the
+    // current pipeline. A missing pipeline or element is logged as
+    // "%s: pipeline == NULL (%s)" or "%s: element == NULL (%s)" with the
+    // caller's signature (VIDEOD_FUNCTION) and the element name, and nothing
+    // is changed: FindElement returns null, the property helpers false.
+    GstPtr<GstElement> FindElement(FunctionSignature caller, const std::string& name) const;
+    template <typename T>
+    bool SetElementProperty(
+        FunctionSignature caller, const std::string& name, const char* property, const T& value) const;
+    // A std::string `value` takes a string property's text ("" for none).
+    template <typename T>
+    bool GetElementProperty(
+        FunctionSignature caller, const std::string& name, const char* property, T& value) const;
+
 protected:
-    // The element `name` of the pipeline, or null after logging
-    // "%s: pipeline == NULL (%s)" / "%s: element == NULL (%s)" with
-    // `signature` (the caller's signature text) and the name.
-    GstPtr<GstElement> FindElement(const char* signature, const std::string& name) const;
+    // Whether a pipeline is held; logs "%s: pipeline == NULL (%s)" with the
+    // caller's signature and `name` when none is.
+    bool HasPipeline(FunctionSignature caller, const std::string& name) const;
+
+    // Connects `callback` to `signal` of `instance` (an element of the
+    // current pipeline, or its bus), with this pipeline as user data, under
+    // `group`. Every handler is disconnected on relaunch, tear-down and
+    // destruction; DisconnectHandlers drops one group earlier. False when
+    // the signal does not exist, or (bus) without a pipeline.
+    bool ConnectHandler(const std::string& group, gpointer instance, const char* signal, GCallback callback);
+    bool ConnectBusHandler(const std::string& group, const char* signal, GCallback callback);
+    void DisconnectHandlers(const std::string& group);
+
+    // Runs `work` on the main loop, or never if this pipeline is destroyed
+    // first: how streaming-thread callbacks report.
+    void PostToMainLoop(std::function<void()> work) const { _Handoff.Post(std::move(work)); }
+
+    // Removes the bus watch, disconnects every handler and releases the
+    // pipeline.
+    void ReleasePipeline();
 
     GstPtr<GstPipeline> pipeline;
-    // Monitored queues: element name -> last reported QueueState.
-    std::map<std::string, int32_t> queue_states;
+    // Monitored queues: element name -> last reported QueueState, written by
+    // the queue's streaming thread.
+    std::map<std::string, std::atomic<int32_t>> queue_states;
     std::map<std::string, ProbeRecord> probes;
     // This pipeline's interpipesrc name -> the producer it listens to.
     std::unordered_map<std::string, Pipeline*> listening_to;
@@ -110,8 +149,6 @@ protected:
     std::unordered_map<std::string, Pipeline*> listeners;
 
 private:
-    struct QueueReport;
-
     static void OnStateChanged(GstBus* bus, GstMessage* message, gpointer user_data);
     static void OnError(GstBus* bus, GstMessage* message, gpointer user_data);
     static void OnMessage(GstBus* bus, GstMessage* message, gpointer user_data);
@@ -119,14 +156,45 @@ private:
     static void OnQueueOverrun(GstElement* queue, gpointer user_data);
     static void OnQueueUnderrun(GstElement* queue, gpointer user_data);
     static void OnQueueRunning(GstElement* queue, gpointer user_data);
-    static gboolean EmitQueueReport(gpointer data);
     void QueueStateChanged(GstElement* queue, int32_t state);
+    void EmitQueueReport(const std::string& name, int32_t state);
 
-    // Lets queue reports already handed to the main loop detect that this
-    // object is gone.
-    std::shared_ptr<Pipeline*> alive_;
-    // Whether the current pipeline's bus has a watch to remove.
-    bool bus_watched_ = false;
+    // The watch that turns the bus's messages into signals on the main loop.
+    GSourcePtr _BusWatch;
+    SignalConnections _Handlers;
+    MainLoopHandoff _Handoff;
 };
+
+template <typename T>
+bool Pipeline::SetElementProperty(
+    FunctionSignature caller, const std::string& name, const char* property, const T& value) const
+{
+    GstPtr<GstElement> element = FindElement(caller, name);
+    if (!element)
+        return false;
+    if constexpr (std::is_same_v<T, std::string>)
+        g_object_set(element.get(), property, value.c_str(), nullptr);
+    else
+        g_object_set(element.get(), property, value, nullptr);
+    return true;
+}
+
+template <typename T>
+bool Pipeline::GetElementProperty(
+    FunctionSignature caller, const std::string& name, const char* property, T& value) const
+{
+    GstPtr<GstElement> element = FindElement(caller, name);
+    if (!element)
+        return false;
+    if constexpr (std::is_same_v<T, std::string>) {
+        gchar* raw = nullptr;
+        g_object_get(element.get(), property, &raw, nullptr);
+        GCharPtr text(raw);
+        value = text ? text.get() : "";
+    } else {
+        g_object_get(element.get(), property, &value, nullptr);
+    }
+    return true;
+}
 
 } // namespace VideoDaemon

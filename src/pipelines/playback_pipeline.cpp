@@ -4,8 +4,8 @@
 
 #include <memory>
 
-#include "log.h"
 #include "common/function_signature.h"
+#include "log.h"
 
 namespace VideoDaemon
 {
@@ -26,6 +26,8 @@ const GstSeekFlags kTrickFlags = static_cast<GstSeekFlags>(
 const GstSeekFlags kTrickNoAudioFlags = static_cast<GstSeekFlags>(
     kTrickFlags | GST_SEEK_FLAG_TRICKMODE_KEY_UNITS | GST_SEEK_FLAG_TRICKMODE_NO_AUDIO);
 const gint64 kNoStop = -1;
+// Handler group of the playback's bus messages.
+const char kPlayback[] = "playback";
 
 GstElement* MakeElement(const char* factory, const char* name)
 {
@@ -42,19 +44,6 @@ PlaybackPipeline::PlaybackPipeline(bool display)
 {
 }
 
-PlaybackPipeline::~PlaybackPipeline()
-{
-    if (_TimerId != 0 && _TimerActive)
-        g_source_remove(_TimerId);
-    if (pipeline) {
-        GstPtr<GstBus> bus(gst_pipeline_get_bus(pipeline.get()));
-        for (gulong id : _BusHandlerIds) {
-            if (g_signal_handler_is_connected(bus.get(), id))
-                g_signal_handler_disconnect(bus.get(), id);
-        }
-    }
-}
-
 std::string PlaybackPipeline::GetDescription()
 {
     return kDescription;
@@ -62,13 +51,6 @@ std::string PlaybackPipeline::GetDescription()
 
 bool PlaybackPipeline::Launch(bool attach_probes, bool connect_bus, bool connect_queue_signals)
 {
-    if (pipeline) {
-        GstPtr<GstBus> bus(gst_pipeline_get_bus(pipeline.get()));
-        for (gulong id : _BusHandlerIds) {
-            if (g_signal_handler_is_connected(bus.get(), id))
-                g_signal_handler_disconnect(bus.get(), id);
-        }
-    }
     bool result = Pipeline::Launch(attach_probes, connect_bus, connect_queue_signals);
     if (!result)
         return false;
@@ -97,34 +79,28 @@ bool PlaybackPipeline::Launch(bool attach_probes, bool connect_bus, bool connect
     g_object_set(_AudioSink.get(), "sync", TRUE, nullptr);
     g_object_set(_Playbin.get(), "video-sink", _VideoSink.get(), "audio-sink", _AudioSink.get(), nullptr);
 
-    GstPtr<GstBus> bus(gst_pipeline_get_bus(pipeline.get()));
-    _BusHandlerIds.push_back(
-        g_signal_connect(bus.get(), "message::buffering", G_CALLBACK(&PlaybackPipeline::OnBuffering), this));
-    _BusHandlerIds.push_back(
-        g_signal_connect(bus.get(), "message::eos", G_CALLBACK(&PlaybackPipeline::OnEndOfStream), this));
-    _BusHandlerIds.push_back(
-        g_signal_connect(bus.get(), "message::async-done", G_CALLBACK(&PlaybackPipeline::OnAsyncDone), this));
-    _BusHandlerIds.push_back(
-        g_signal_connect(bus.get(), "message::error", G_CALLBACK(&PlaybackPipeline::OnPlaybackError), this));
+    ConnectBusHandler(kPlayback, "message::buffering", G_CALLBACK(&PlaybackPipeline::OnBuffering));
+    ConnectBusHandler(kPlayback, "message::eos", G_CALLBACK(&PlaybackPipeline::OnEndOfStream));
+    ConnectBusHandler(kPlayback, "message::async-done", G_CALLBACK(&PlaybackPipeline::OnAsyncDone));
+    ConnectBusHandler(kPlayback, "message::error", G_CALLBACK(&PlaybackPipeline::OnPlaybackError));
     return result;
 }
 
 void PlaybackPipeline::ReleaseElements()
 {
-    RemoveBusWatch();
     _Playbin.reset();
     _JpegSource.reset();
     _VideoSink.reset();
     _AudioSink.reset();
-    pipeline.reset();
+    ReleasePipeline();
 }
 
 int PlaybackPipeline::Play(
     std::string file, gdouble rate, playback_callback_t callback, guint interval, void* userData)
 {
     GstState state = GetState();
-    if (state == GST_STATE_PLAYING || _TimerActive) {
-        Log::Error("[Playback] still not done state=%d timer active = %d\n", state, _TimerActive);
+    if (state == GST_STATE_PLAYING || _Timer) {
+        Log::Error("[Playback] still not done state=%d timer active = %d\n", state, _Timer ? 1 : 0);
         return -1;
     }
     if (rate < 0.0) {
@@ -153,10 +129,9 @@ int PlaybackPipeline::Play(
 
     _UpdateCb = std::move(callback);
     _UserData = userData;
-    _TimerActive = true;
     _Error = false;
     _Eos = false;
-    _TimerId = g_timeout_add(interval, &PlaybackPipeline::_UpdateTimerCb, this);
+    _Timer = AttachTimeout(interval, &PlaybackPipeline::_UpdateTimerCb, this);
 
     int result = SetState(GST_STATE_PAUSED);
     if (rate == 0.0)
@@ -175,7 +150,7 @@ void PlaybackPipeline::Stop()
         QueryPosition();
     SetState(GST_STATE_NULL);
     _Eos = true;
-    if (!_TimerActive) {
+    if (!_Timer) {
         if (_UpdateCb)
             _UpdateCb(_UserData, _Error, true, _Rate, _Position, _Duration);
         else
@@ -323,17 +298,20 @@ gboolean PlaybackPipeline::_UpdateTimerCb(gpointer user_data)
         self->_Position = self->_Rate > 0.0 ? self->_Duration : 0;
     }
 
+    // The last report goes out with the timer no longer active, so that its
+    // receiver may start the next playback (GLib keeps the source alive until
+    // this callback returns).
+    GSourcePtr ending;
     if (self->_Eos || self->_Error) {
         self->SetState(GST_STATE_NULL);
-        self->_TimerActive = false;
-        self->_TimerId = 0;
+        ending = std::move(self->_Timer);
     }
 
     if (self->_UpdateCb)
         self->Report();
     else
         Log::Info("%s _UpdateCb == NULL\n", VIDEOD_SIGNATURE);
-    return self->_TimerActive;
+    return ending ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
 }
 
 void PlaybackPipeline::OnBuffering(GstBus*, GstMessage* message, gpointer user_data)

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "pipelines/pipeline.h"
 
@@ -21,7 +20,6 @@ public:
     // `display` true shows the video on the display; false sends it to a
     // null sink and shows the recording's thumbnail instead.
     explicit PlaybackPipeline(bool display);
-    ~PlaybackPipeline() override;
 
     std::string GetDescription() override;
     bool Launch(bool attach_probes, bool connect_bus, bool connect_queue_signals) override;
@@ -67,11 +65,11 @@ private:
     double _Rate = 0.0;
     bool _Error = false;
     bool _Eos = false;
-    bool _TimerActive = false;
-    guint _TimerId = 0;
+    // The progress timer; held while a playback reports (the timer-active
+    // flag).
+    GSourcePtr _Timer;
     playback_callback_t _UpdateCb;
     void* _UserData = nullptr;
-    std::vector<gulong> _BusHandlerIds;
     std::string _CurrentFile;
 };
 

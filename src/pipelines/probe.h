@@ -10,6 +10,8 @@
 namespace VideoDaemon
 {
 
+class Pipeline;
+
 class Probe
 {
 public:
@@ -18,10 +20,10 @@ public:
     Probe(const Probe&) = delete;
     Probe& operator=(const Probe&) = delete;
 
-    // Installs the probe on pad `pad_name` of element `element_name` in
-    // `pipeline`, replacing any earlier installation. 0 on success, -1 when
-    // the element or pad does not exist.
-    int Attach(GstPipeline* pipeline, const std::string& element_name, const std::string& pad_name,
+    // Installs the probe on pad `pad_name` of element `element_name` of
+    // `pipeline`'s current pipeline, replacing any earlier installation. 0 on
+    // success, -1 (logged) when the pipeline, element or pad does not exist.
+    int Attach(const Pipeline& pipeline, const std::string& element_name, const std::string& pad_name,
         GstPadProbeType type, GstPadProbeCallback callback, gpointer user_data);
     void Remove();
     bool IsAttached() const { return pad_ != nullptr; }

@@ -4,8 +4,9 @@
 #include <filesystem>
 #include <system_error>
 
-#include "log.h"
 #include "common/function_signature.h"
+#include "common/normalised_path.h"
+#include "log.h"
 
 namespace VideoDaemon
 {
@@ -24,135 +25,51 @@ const char kDescription[]
       "    ! imxvpuenc_mjpeg name=jpeg_encoder quality-factor=85 "
       "    ! multifilesink name=snapshotSink post-messages=true location=/tmp/dummy.jpeg";
 
+// The sink announces every file it writes with an element message.
 const char kSink[] = "snapshotSink";
-const guint kGuardSeconds = 5;
+// The guard ends a snapshot whose file never came, after exactly this long:
+// a millisecond timer, since GLib's whole-second timers may fire up to a
+// quarter of a second early to group their wake-ups.
+const guint kGuardMilliseconds = 5000;
 // Write type of a snapshot for the storage daemon.
 const uint8_t kSnapshotWrite = 1;
 
-std::filesystem::path Normalised(const std::string& path)
-{
-    std::error_code error;
-    std::filesystem::path absolute = std::filesystem::absolute(path, error);
-    if (error)
-        absolute = path;
-    return absolute.lexically_normal();
-}
-
 } // namespace
-
-// Holds the snapshot mutex for one scope.
-class SnapshotPipeline::Lock
-{
-public:
-    explicit Lock(GMutex* mutex)
-        : _Mutex(mutex)
-    {
-        g_mutex_lock(_Mutex);
-    }
-    ~Lock() { g_mutex_unlock(_Mutex); }
-    Lock(const Lock&) = delete;
-    Lock& operator=(const Lock&) = delete;
-
-private:
-    GMutex* _Mutex;
-};
-
-SnapshotPipeline::SnapshotPipeline()
-{
-    g_mutex_init(&_Mutex);
-}
-
-SnapshotPipeline::~SnapshotPipeline()
-{
-    {
-        Lock lock(&_Mutex);
-        if (_TimerId != 0)
-            g_source_remove(_TimerId);
-        _TimerId = 0;
-    }
-    g_mutex_clear(&_Mutex);
-}
 
 std::string SnapshotPipeline::GetDescription()
 {
     return kDescription;
 }
 
+// Called on the main loop only, at the start and the end of a snapshot.
 void SnapshotPipeline::SetWriteActivityHandler(write_activity_t handler)
 {
     _WriteActivity = std::move(handler);
 }
 
+// Any thread may ask: the flag is read under the lock.
 bool SnapshotPipeline::IsInProgress()
 {
-    Lock lock(&_Mutex);
+    std::lock_guard<std::mutex> lock(_Mutex);
     return _InProgress;
 }
 
-void SnapshotPipeline::SetImageSize(uint32_t width, uint32_t height)
-{
-    Log::Debug("[Snapshot] Set width = %u, height = %u", width, height);
-    if (width == _Width && height == _Height)
-        return;
-    _Width = width;
-    _Height = height;
-    GstPtr<GstElement> filter = FindElement(VIDEOD_SIGNATURE, "jpeg_image_caps");
-    if (!filter) {
-        Log::Error("Failed to get element");
-        return;
-    }
-    GstCapsPtr caps(gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, "I420", "width", G_TYPE_INT,
-        static_cast<gint>(width), "height", G_TYPE_INT, static_cast<gint>(height), nullptr));
-    g_object_set(filter.get(), "caps", caps.get(), nullptr);
-}
-
-void SnapshotPipeline::SetJpegQuality(uint32_t quality)
-{
-    Log::Debug("[Snapshot] Set quality = %u", quality);
-    if (quality == _Quality)
-        return;
-    _Quality = quality > 100 ? 100 : quality;
-    GstPtr<GstElement> encoder = FindElement(VIDEOD_SIGNATURE, "jpeg_encoder");
-    if (!encoder) {
-        Log::Error("Failed to get element");
-        return;
-    }
-    // The encoder gets the value as requested, not the stored clamp.
-    g_object_set(encoder.get(), "quality-factor", static_cast<guint>(quality), nullptr);
-}
-
-// Every snapshot goes through here before it opens the valve. Without the
-// sink the picture could not be written where it was promised, and the
-// completion would wait for a file that never comes: that is a fault in the
-// daemon itself, not a condition to recover from.
-void SnapshotPipeline::SetLocation(const std::string& location)
-{
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, kSink);
-    g_assert(element);
-    g_object_set(element.get(), "location", location.c_str(), nullptr);
-    _Location = location;
-}
-
-void SnapshotPipeline::SetValveNumBuffers(uint32_t count)
-{
-    if (count > 10) {
-        Log::Error("[SnapshotPipeline] Max allowed buffers to set is 10");
-        return;
-    }
-    GstPtr<GstElement> valve = FindElement(VIDEOD_SIGNATURE, "snapshot_valve");
-    if (!valve) {
-        Log::Error("Failed to get element");
-        return;
-    }
-    g_object_set(valve.get(), "num-buffers-pass", static_cast<guint>(count), nullptr);
-}
-
+// The form the capture sessions use for their thumbnails: the stored
+// quality, the storage daemon told of the write, and no one waiting for the
+// outcome.
 int SnapshotPipeline::TakeSnapshot(const std::string& location, uint32_t width, uint32_t height)
 {
     std::string error;
     return TakeSnapshotAsync(location, width, height, _Quality, true, nullptr, error);
 }
 
+// A snapshot in four steps: the arguments are checked (the last fault found
+// names the error, and a snapshot in progress wins over every fault); the
+// encoder branch is set up for the picture (file, size, quality); the storage
+// daemon is told of the write and the guard is started; and only then does
+// the valve let one frame through, so the sink cannot announce the file
+// before the snapshot is marked in progress. The outcome comes later, from
+// OnElementMessage or the guard.
 int SnapshotPipeline::TakeSnapshotAsync(const std::string& location, uint32_t width, uint32_t height,
     uint32_t quality, bool writeActive, completion_callback_t callback, std::string& error)
 {
@@ -191,17 +108,63 @@ int SnapshotPipeline::TakeSnapshotAsync(const std::string& location, uint32_t wi
     SetImageSize(width, height);
     SetJpegQuality(quality);
     _WriteActive = writeActive;
+    // The storage daemon hears of the write before the snapshot can end.
+    if (_WriteActive && _WriteActivity)
+        _WriteActivity(_Location, kSnapshotWrite, true);
     {
-        Lock lock(&_Mutex);
-        if (_WriteActive && _WriteActivity)
-            _WriteActivity(_Location, kSnapshotWrite, true);
-        guint timer = g_timeout_add_seconds(kGuardSeconds, &SnapshotPipeline::OnGuardTimeout, this);
+        std::lock_guard<std::mutex> lock(_Mutex);
+        _Guard = AttachTimeout(kGuardMilliseconds, &SnapshotPipeline::OnGuardTimeout, this);
         _Callback = std::move(callback);
         _InProgress = true;
-        _TimerId = timer;
     }
     SetValveNumBuffers(1);
     return 0;
+}
+
+// Every snapshot goes through here before it opens the valve. Without the
+// sink the picture could not be written where it was promised, and the
+// completion would wait for a file that never comes: that is a fault in the
+// daemon itself, not a condition to recover from.
+void SnapshotPipeline::SetLocation(const std::string& location)
+{
+    GstPtr<GstElement> element = FindElement(VIDEOD_FUNCTION, kSink);
+    g_assert(element);
+    g_object_set(element.get(), "location", location.c_str(), nullptr);
+    _Location = location;
+}
+
+void SnapshotPipeline::SetImageSize(uint32_t width, uint32_t height)
+{
+    Log::Debug("[Snapshot] Set width = %u, height = %u", width, height);
+    if (width == _Width && height == _Height)
+        return;
+    _Width = width;
+    _Height = height;
+    GstCapsPtr caps(gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, "I420", "width", G_TYPE_INT,
+        static_cast<gint>(width), "height", G_TYPE_INT, static_cast<gint>(height), nullptr));
+    if (!SetElementProperty(VIDEOD_FUNCTION, "jpeg_image_caps", "caps", caps.get()))
+        Log::Error("Failed to get element");
+}
+
+void SnapshotPipeline::SetJpegQuality(uint32_t quality)
+{
+    Log::Debug("[Snapshot] Set quality = %u", quality);
+    if (quality == _Quality)
+        return;
+    _Quality = quality > 100 ? 100 : quality;
+    // The encoder gets the value as requested, not the stored clamp.
+    if (!SetElementProperty(VIDEOD_FUNCTION, "jpeg_encoder", "quality-factor", static_cast<guint>(quality)))
+        Log::Error("Failed to get element");
+}
+
+void SnapshotPipeline::SetValveNumBuffers(uint32_t count)
+{
+    if (count > 10) {
+        Log::Error("[SnapshotPipeline] Max allowed buffers to set is 10");
+        return;
+    }
+    if (!SetElementProperty(VIDEOD_FUNCTION, "snapshot_valve", "num-buffers-pass", static_cast<guint>(count)))
+        Log::Error("Failed to get element");
 }
 
 void SnapshotPipeline::OnElementMessage(const char* source_name, GstMessage* message)
@@ -219,7 +182,7 @@ void SnapshotPipeline::OnElementMessage(const char* source_name, GstMessage* mes
         SetValveNumBuffers(0);
         return;
     }
-    if (Normalised(filename) != Normalised(_Location)) {
+    if (NormalisedPath(filename) != NormalisedPath(_Location)) {
         Complete(1);
         return;
     }
@@ -235,36 +198,35 @@ void SnapshotPipeline::OnElementMessage(const char* source_name, GstMessage* mes
     signal_snapshot_created.emit(written);
 }
 
+// Runs on the main loop (the sink's message through the bus watch, or the
+// guard). The state is cleared under the lock; the storage daemon and the
+// callback are called after it is released, so the callback may start the
+// next snapshot.
 void SnapshotPipeline::Complete(int status)
 {
-    Lock lock(&_Mutex);
-    if (_Callback) {
-        completion_callback_t callback = std::move(_Callback);
+    completion_callback_t callback;
+    GSourcePtr guard;
+    {
+        std::lock_guard<std::mutex> lock(_Mutex);
+        callback = std::move(_Callback);
         _Callback = nullptr;
-        callback(status);
+        guard = std::move(_Guard);
+        _InProgress = false;
     }
-    if (_TimerId != 0)
-        g_source_remove(_TimerId);
-    _TimerId = 0;
-    _InProgress = false;
+    // The write has ended before the callback hears of it.
     if (_WriteActive && _WriteActivity)
         _WriteActivity(_Location, kSnapshotWrite, false);
+    if (callback)
+        callback(status);
 }
 
 gboolean SnapshotPipeline::OnGuardTimeout(gpointer user_data)
 {
     auto* self = static_cast<SnapshotPipeline*>(user_data);
     Log::Warning("[Snapshot] Snapshot timeout, this should not happen unless there is some serious issue.");
-    bool in_progress = false;
-    {
-        Lock lock(&self->_Mutex);
-        // This source ends by returning false; nothing else may remove it.
-        self->_TimerId = 0;
-        in_progress = self->_InProgress;
-    }
-    if (in_progress)
+    if (self->IsInProgress())
         self->Complete(1);
-    return FALSE;
+    return G_SOURCE_REMOVE;
 }
 
 } // namespace VideoDaemon

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <string>
 
 #include "pipelines/pipeline.h"
@@ -24,9 +25,6 @@ public:
     // Emitted with the file name after a successful snapshot.
     sigc::signal<void, const std::string&> signal_snapshot_created;
 
-    SnapshotPipeline();
-    ~SnapshotPipeline() override;
-
     std::string GetDescription() override;
     std::string GetSinkName() override { return "snapshotSink"; }
     std::string GetSourceName() override { return "snapshot_source"; }
@@ -45,8 +43,9 @@ public:
 
     // Starts a snapshot and returns at once: 0 started, -1 invalid arguments,
     // -2 another snapshot in progress (`error` says why). The pipeline owns
-    // `callback` from here on; it is called once with the outcome, with the
-    // snapshot lock held, so it must not start another snapshot itself.
+    // `callback` from here on; it is called once with the outcome, on the
+    // main loop and without the snapshot lock held (it may start the next
+    // snapshot); a refused request's callback is called at once with 1.
     int TakeSnapshotAsync(const std::string& location, uint32_t width, uint32_t height, uint32_t quality,
         bool writeActive, completion_callback_t callback, std::string& error);
     // A snapshot at the stored quality, with the storage daemon told of the write.
@@ -62,8 +61,6 @@ public:
     bool IsInProgress();
 
 private:
-    class Lock;
-
     void Complete(int status);
     static gboolean OnGuardTimeout(gpointer user_data);
 
@@ -74,10 +71,11 @@ private:
     bool _WriteActive = false;
     write_activity_t _WriteActivity;
 
-    // Guards _InProgress, _TimerId and _Callback.
-    GMutex _Mutex;
+    // Guards _InProgress, _Guard and _Callback.
+    std::mutex _Mutex;
     bool _InProgress = false;
-    unsigned _TimerId = 0;
+    // Ends a snapshot whose file never comes; removed with its handle.
+    GSourcePtr _Guard;
     completion_callback_t _Callback;
 };
 

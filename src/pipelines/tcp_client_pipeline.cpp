@@ -2,8 +2,8 @@
 // changes.
 #include "pipelines/tcp_client_pipeline.h"
 
-#include "log.h"
 #include "common/function_signature.h"
+#include "log.h"
 
 namespace VideoDaemon
 {
@@ -29,14 +29,10 @@ const char kDescription[]
       "          name=tcpclient_video sync=false forward-events=true";
 
 const char kTracker[] = "tcp_tracker";
+// Handler group of the connection tracking.
+const char kConnection[] = "connection";
 
 } // namespace
-
-TcpClientPipeline::~TcpClientPipeline()
-{
-    // The tracker may still be streaming; it must not call into a dead object.
-    ForgetHandlers();
-}
 
 std::string TcpClientPipeline::GetDescription()
 {
@@ -45,7 +41,6 @@ std::string TcpClientPipeline::GetDescription()
 
 bool TcpClientPipeline::Launch(bool attach_probes, bool connect_bus, bool connect_queue_signals)
 {
-    ForgetHandlers();
     bool launched = Pipeline::Launch(attach_probes, connect_bus, connect_queue_signals);
     connected = false;
     bytes_received = 0;
@@ -67,7 +62,7 @@ bool TcpClientPipeline::TearDown()
 void TcpClientPipeline::SetHostPort(const std::string& host, uint16_t port)
 {
     Log::Info("setting host/port to %s/%d", host.c_str(), port);
-    GstPtr<GstElement> source = FindElement(VIDEOD_SIGNATURE, GetSourceName());
+    GstPtr<GstElement> source = FindElement(VIDEOD_FUNCTION, GetSourceName());
     g_assert(source);
     g_object_set(source.get(), "host", host.c_str(), "port", static_cast<gint>(port), nullptr);
 }
@@ -75,66 +70,46 @@ void TcpClientPipeline::SetHostPort(const std::string& host, uint16_t port)
 bool TcpClientPipeline::ConnectSignals()
 {
     Log::Info("%s: Connecting TCP signals...", VIDEOD_SIGNATURE);
-    GstPtr<GstElement> tracker = FindElement(VIDEOD_SIGNATURE, kTracker);
+    GstPtr<GstElement> tracker = FindElement(VIDEOD_FUNCTION, kTracker);
     if (!tracker) {
         Log::Error("%s: identity element not found", VIDEOD_SIGNATURE);
         return false;
     }
-    ForgetHandlers();
-    _HandoffId = g_signal_connect(tracker.get(), "handoff", G_CALLBACK(&TcpClientPipeline::OnHandoff), this);
-    GstPtr<GstBus> bus(gst_pipeline_get_bus(pipeline.get()));
-    _ErrorId = g_signal_connect(bus.get(), "message::error", G_CALLBACK(&TcpClientPipeline::OnBusLost), this);
-    _EosId = g_signal_connect(bus.get(), "message::eos", G_CALLBACK(&TcpClientPipeline::OnBusLost), this);
+    DisconnectHandlers(kConnection);
+    ConnectHandler(kConnection, tracker.get(), "handoff", G_CALLBACK(&TcpClientPipeline::OnHandoff));
+    ConnectBusHandler(kConnection, "message::error", G_CALLBACK(&TcpClientPipeline::OnBusLost));
+    ConnectBusHandler(kConnection, "message::eos", G_CALLBACK(&TcpClientPipeline::OnBusLost));
     return true;
 }
 
 bool TcpClientPipeline::DisconnectSignals()
 {
-    GstPtr<GstElement> tracker = FindElement(VIDEOD_SIGNATURE, kTracker);
+    GstPtr<GstElement> tracker = FindElement(VIDEOD_FUNCTION, kTracker);
     if (!tracker) {
         Log::Error("%s: identity element not found", VIDEOD_SIGNATURE);
         return false;
     }
-    ForgetHandlers();
+    DisconnectHandlers(kConnection);
     return true;
 }
 
-void TcpClientPipeline::ForgetHandlers()
-{
-    if (!pipeline) {
-        _HandoffId = _ErrorId = _EosId = 0;
-        return;
-    }
-    if (_HandoffId != 0) {
-        GstPtr<GstElement> tracker(gst_bin_get_by_name(GST_BIN(pipeline.get()), kTracker));
-        if (tracker && g_signal_handler_is_connected(tracker.get(), _HandoffId))
-            g_signal_handler_disconnect(tracker.get(), _HandoffId);
-    }
-    GstPtr<GstBus> bus(gst_pipeline_get_bus(pipeline.get()));
-    for (gulong id : { _ErrorId, _EosId }) {
-        if (id != 0 && g_signal_handler_is_connected(bus.get(), id))
-            g_signal_handler_disconnect(bus.get(), id);
-    }
-    _HandoffId = _ErrorId = _EosId = 0;
-}
-
+// Streaming thread: the first buffer after (re)connection is reported on the
+// main loop.
 void TcpClientPipeline::OnHandoff(GstElement*, GstBuffer* buffer, gpointer user_data)
 {
     auto* self = static_cast<TcpClientPipeline*>(user_data);
     self->bytes_received += gst_buffer_get_size(buffer);
-    if (!self->connected) {
-        Log::Info("[TcpClientPipeline] Connection acquired!!");
-        self->connected = true;
-        self->signal_connection_acquired.emit();
-    }
+    if (self->connected.exchange(true))
+        return;
+    Log::Info("[TcpClientPipeline] Connection acquired!!");
+    self->PostToMainLoop([self] { self->signal_connection_acquired.emit(); });
 }
 
 void TcpClientPipeline::OnBusLost(GstBus*, GstMessage*, gpointer user_data)
 {
     auto* self = static_cast<TcpClientPipeline*>(user_data);
-    if (!self->connected)
+    if (!self->connected.exchange(false))
         return;
-    self->connected = false;
     Log::Error("[TcpClientPipeline] Connection lost!!");
     self->signal_connection_lost.emit();
 }

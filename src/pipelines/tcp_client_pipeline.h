@@ -15,11 +15,8 @@ class TcpClientPipeline : public Pipeline
 public:
     // Emitted when a connected stream ends or fails (main loop).
     sigc::signal<void> signal_connection_lost;
-    // Emitted on the first buffer after (re)connection, on the streaming
-    // thread: receivers hand their work to the main loop themselves.
+    // Emitted on the main loop after the first buffer since (re)connection.
     sigc::signal<void> signal_connection_acquired;
-
-    ~TcpClientPipeline() override;
 
     std::string GetDescription() override;
     std::string GetSinkName() override { return "tcpclient_video"; }
@@ -42,15 +39,10 @@ public:
 private:
     static void OnHandoff(GstElement* identity, GstBuffer* buffer, gpointer user_data);
     static void OnBusLost(GstBus* bus, GstMessage* message, gpointer user_data);
-    // Disconnects whatever handlers are still connected, without logging.
-    void ForgetHandlers();
 
+    // Set by the tracker's streaming thread, cleared on the main loop.
     std::atomic<bool> connected { false };
     std::atomic<uint64_t> bytes_received { 0 };
-
-    gulong _HandoffId = 0;
-    gulong _ErrorId = 0;
-    gulong _EosId = 0;
 };
 
 } // namespace VideoDaemon

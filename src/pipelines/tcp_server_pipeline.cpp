@@ -37,28 +37,19 @@ void TcpServerPipeline::SetServerAddress(std::string host, int port)
 
 void TcpServerPipeline::SetQueueSize(int size)
 {
-    GstPtr<GstElement> sink = FindElement(VIDEOD_SIGNATURE, "tcp_server_sink");
-    if (!sink)
-        return;
-    g_object_set(sink.get(), "buffers-max", size, nullptr);
+    SetElementProperty(VIDEOD_FUNCTION, "tcp_server_sink", "buffers-max", size);
 }
 
 int TcpServerPipeline::GetQueueSize() const
 {
     int size = 0;
-    GstPtr<GstElement> sink = FindElement(VIDEOD_SIGNATURE, "tcp_server_sink");
-    if (!sink)
-        return size;
-    g_object_get(sink.get(), "buffers-max", &size, nullptr);
+    GetElementProperty(VIDEOD_FUNCTION, "tcp_server_sink", "buffers-max", size);
     return size;
 }
 
 void TcpServerPipeline::EnableStaticImage(bool enable)
 {
-    GstPtr<GstElement> element = FindElement(VIDEOD_SIGNATURE, "static_jpeg");
-    if (!element)
-        return;
-    g_object_set(element.get(), "silent", static_cast<gboolean>(!enable), nullptr);
+    SetElementProperty(VIDEOD_FUNCTION, "static_jpeg", "silent", static_cast<gboolean>(!enable));
 }
 
 } // namespace VideoDaemon

@@ -15,24 +15,16 @@
 #include <string>
 #include <vector>
 
+#include "common/gst_ptr.h"
 #include "pipelines/base_time_priming.h"
 
 namespace GstTest
 {
 
-struct ObjectUnref {
-    void operator()(gpointer object) const { gst_object_unref(object); }
-};
-struct MessageUnref {
-    void operator()(GstMessage* message) const { gst_message_unref(message); }
-};
-struct SampleUnref {
-    void operator()(GstSample* sample) const { gst_sample_unref(sample); }
-};
-
-template <typename T> using ObjectPtr = std::unique_ptr<T, ObjectUnref>;
-using MessagePtr = std::unique_ptr<GstMessage, MessageUnref>;
-using SamplePtr = std::unique_ptr<GstSample, SampleUnref>;
+// The daemon's owners, under the names the tests use unqualified.
+using VideoDaemon::GstMessagePtr;
+using VideoDaemon::GstPtr;
+using VideoDaemon::GstSamplePtr;
 
 constexpr GstClockTime kWait = 20 * GST_SECOND;
 
@@ -61,11 +53,11 @@ inline std::string ErrorText(GstMessage* message)
 }
 
 // An element made outside any pipeline, owned by the test.
-inline ObjectPtr<GstElement> MakeElement(const char* factory)
+inline GstPtr<GstElement> MakeElement(const char* factory)
 {
     gst_init(nullptr, nullptr);
     GstElement* element = gst_element_factory_make(factory, nullptr);
-    return ObjectPtr<GstElement>(element != nullptr ? GST_ELEMENT(gst_object_ref_sink(element)) : nullptr);
+    return GstPtr<GstElement>(element != nullptr ? GST_ELEMENT(gst_object_ref_sink(element)) : nullptr);
 }
 
 // "appsrc name=in ... ! middle ! appsink name=out": the frame loop that PushFrame drives.
@@ -101,10 +93,9 @@ public:
     const std::string& Error() const { return _Error; }
     GstElement* Get() const { return _Pipeline.get(); }
 
-    ObjectPtr<GstElement> Element(const char* name) const
+    GstPtr<GstElement> Element(const char* name) const
     {
-        return ObjectPtr<GstElement>(
-            _Pipeline ? gst_bin_get_by_name(GST_BIN(_Pipeline.get()), name) : nullptr);
+        return GstPtr<GstElement>(_Pipeline ? gst_bin_get_by_name(GST_BIN(_Pipeline.get()), name) : nullptr);
     }
 
     template <typename T> void Set(const char* child, const char* property, T value) const
@@ -138,16 +129,16 @@ public:
         return state;
     }
 
-    MessagePtr WaitFor(GstMessageType types, GstClockTime timeout = kWait) const
+    GstMessagePtr WaitFor(GstMessageType types, GstClockTime timeout = kWait) const
     {
-        ObjectPtr<GstBus> bus(gst_element_get_bus(_Pipeline.get()));
-        return MessagePtr(gst_bus_timed_pop_filtered(bus.get(), timeout, types));
+        GstPtr<GstBus> bus(gst_element_get_bus(_Pipeline.get()));
+        return GstMessagePtr(gst_bus_timed_pop_filtered(bus.get(), timeout, types));
     }
 
     // Waits for end-of-stream; false on an error (its text kept in Error()) or time-out.
     bool WaitForEos(GstClockTime timeout = kWait)
     {
-        MessagePtr message
+        GstMessagePtr message
             = WaitFor(static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR), timeout);
         _Error = !message ? "no end-of-stream in time" : ErrorText(message.get());
         return message && GST_MESSAGE_TYPE(message.get()) == GST_MESSAGE_EOS;
@@ -172,16 +163,16 @@ public:
         gst_app_src_end_of_stream(GST_APP_SRC(Element(appsrc).get()));
     }
 
-    SamplePtr Pull(const char* appsink, GstClockTime timeout = kWait) const
+    GstSamplePtr Pull(const char* appsink, GstClockTime timeout = kWait) const
     {
-        return SamplePtr(gst_app_sink_try_pull_sample(GST_APP_SINK(Element(appsink).get()), timeout));
+        return GstSamplePtr(gst_app_sink_try_pull_sample(GST_APP_SINK(Element(appsink).get()), timeout));
     }
 
     // Every sample an app sink holds, until its end-of-stream.
-    std::vector<SamplePtr> PullAll(const char* appsink) const
+    std::vector<GstSamplePtr> PullAll(const char* appsink) const
     {
-        std::vector<SamplePtr> samples;
-        while (SamplePtr sample = Pull(appsink))
+        std::vector<GstSamplePtr> samples;
+        while (GstSamplePtr sample = Pull(appsink))
             samples.push_back(std::move(sample));
         return samples;
     }
@@ -195,12 +186,12 @@ public:
         _NextPts += GST_SECOND / 30;
         if (!Push("in", buffer))
             return {};
-        SamplePtr sample = Pull("out", 5 * GST_SECOND);
+        GstSamplePtr sample = Pull("out", 5 * GST_SECOND);
         return sample ? SampleBytes(sample.get()) : std::vector<guint8> {};
     }
 
 private:
-    ObjectPtr<GstElement> _Pipeline;
+    GstPtr<GstElement> _Pipeline;
     bool _Parsed = false;
     std::string _Error;
     GstClockTime _NextPts = 0;
@@ -231,7 +222,7 @@ private:
         return GST_PAD_PROBE_OK;
     }
 
-    ObjectPtr<GstPad> _Pad;
+    GstPtr<GstPad> _Pad;
     Handler _Handler;
     gulong _Id = 0;
     std::mutex _Mutex;
@@ -261,7 +252,7 @@ private:
         return GST_PAD_PROBE_OK;
     }
 
-    ObjectPtr<GstPad> _Pad;
+    GstPtr<GstPad> _Pad;
     gulong _Id = 0;
     std::atomic<unsigned> _Count { 0 };
 };
@@ -288,7 +279,7 @@ private:
         return --self->_Remaining >= 0 ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;
     }
 
-    ObjectPtr<GstPad> _Pad;
+    GstPtr<GstPad> _Pad;
     std::atomic<int> _Remaining;
     gulong _Id = 0;
 };

@@ -4,19 +4,35 @@
 #include "pipeline_harness.h"
 #include "pipelines/aac_encode_pipeline.h"
 #include "pipelines/mic_input_pipeline.h"
+#include "support/death_test_style.h"
 
 using namespace PipelineHarness;
 using VideoDaemon::AacEncodePipeline;
 
-// Runs first in this executable, so the instances are the process's first two.
-TEST(AacEncodePipeline, NumbersItsInstancesAndSharesTheQueueName)
+TEST(AacEncodePipelineDeathTest, TheFirstInstanceOfAProcessIsNumberedZero)
+{
+    GstTest::UseFreshProcessDeathTests();
+    EXPECT_EXIT(
+        {
+            AacEncodePipeline aac;
+            fprintf(stderr, "[%s %s]", aac.GetSourceName().c_str(), aac.GetSinkName().c_str());
+            exit(0);
+        },
+        ::testing::ExitedWithCode(0), "\\[aac_encode_source0 aac_encode_sink0\\]");
+}
+
+// Whichever instances the process made before, the next two take the next
+// two numbers.
+TEST(AacEncodePipeline, NumbersItsInstancesInOrderAndSharesTheQueueName)
 {
     AacEncodePipeline first;
     AacEncodePipeline second;
-    EXPECT_EQ(first.GetSourceName(), "aac_encode_source0");
-    EXPECT_EQ(first.GetSinkName(), "aac_encode_sink0");
-    EXPECT_EQ(second.GetSourceName(), "aac_encode_source1");
-    EXPECT_EQ(second.GetSinkName(), "aac_encode_sink1");
+    const std::string number = first.GetSourceName().substr(std::string("aac_encode_source").size());
+    ASSERT_FALSE(number.empty());
+    const std::string next = std::to_string(std::stoul(number) + 1);
+    EXPECT_EQ(first.GetSinkName(), "aac_encode_sink" + number);
+    EXPECT_EQ(second.GetSourceName(), "aac_encode_source" + next);
+    EXPECT_EQ(second.GetSinkName(), "aac_encode_sink" + next);
     ASSERT_TRUE(first.Launch(false, false, false));
     ASSERT_TRUE(second.Launch(false, false, false));
     // Both marks of the template are replaced; the queue's name is shared.
@@ -41,7 +57,7 @@ TEST(AacEncodePipeline, EncodesTheMicrophoneTo48kStereoAac)
     ASSERT_EQ(consumer.SetState(GST_STATE_PLAYING, 2000), 0);
 
     for (int frame = 0; frame < 20; ++frame) {
-        SamplePtr sample(consumer.Pull());
+        GstSamplePtr sample(consumer.Pull());
         ASSERT_TRUE(sample) << "frame " << frame;
         EXPECT_GT(gst_buffer_get_size(gst_sample_get_buffer(sample.get())), 0u) << "frame " << frame;
         const GstStructure* caps = gst_caps_get_structure(gst_sample_get_caps(sample.get()), 0);

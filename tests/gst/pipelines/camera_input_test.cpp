@@ -26,7 +26,7 @@ void ExpectPublishes640x480Rgba(VideoDaemon::Pipeline& input)
     ASSERT_EQ(consumer.SetState(GST_STATE_PLAYING, 0), 0);
     ASSERT_EQ(input.SetState(GST_STATE_PLAYING), 0);
     EXPECT_EQ(consumer.SetState(GST_STATE_PLAYING), 0);
-    SamplePtr sample(consumer.Pull());
+    GstSamplePtr sample(consumer.Pull());
     consumer.SetState(GST_STATE_NULL);
     input.SetState(GST_STATE_NULL);
     ASSERT_TRUE(sample);
@@ -109,14 +109,14 @@ TEST(InputMuxPipeline, RepublishesWhicheverInputItListensToWhilePlaying)
         std::initializer_list<VideoDaemon::Pipeline*> { &pattern, &camera, &mux, &consumer })
         ASSERT_EQ(p->SetState(GST_STATE_PLAYING), 0);
 
-    SamplePtr sample(consumer.Pull());
+    GstSamplePtr sample(consumer.Pull());
     ASSERT_TRUE(sample);
     EXPECT_LT(MeanColour(sample.get()), 5.0);
 
     ASSERT_TRUE(mux.ListenTo(&camera, "", ""));
     bool picture = false;
     for (int i = 0; i < 30 && !picture; ++i) {
-        SamplePtr next(consumer.Pull());
+        GstSamplePtr next(consumer.Pull());
         ASSERT_TRUE(next);
         picture = MeanColour(next.get()) > 20.0;
         VideoFormat format = FormatOf(next.get());

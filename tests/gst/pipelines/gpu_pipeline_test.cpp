@@ -4,10 +4,14 @@
 #include <array>
 #include <cstdlib>
 #include <functional>
+#include <thread>
 
 #include "interpipe_frames.h"
 #include "log_capture.h"
+#include "pipeline_harness.h"
 
+using PipelineHarness::RunMainLoopFor;
+using PipelineHarness::RunMainLoopUntil;
 using VideoDaemon::GpuPipeline;
 using VideoDaemon::Log::kError;
 using VideoDaemon::Log::kInfo;
@@ -244,18 +248,30 @@ TEST_F(GpuPipelineTest, EveryLaunchAppliesTheDefaultZoomAndLevelsNeedExactlyThre
     EXPECT_EQ(gpu.SetZoom(1.0), -1);
 }
 
-TEST_F(GpuPipelineTest, LevellingSignalsAreRelayedAndThePlumblineIsNeverDisconnected)
+TEST_F(GpuPipelineTest, LevellingSignalsAreRelayedOnTheMainLoopAndThePlumblineIsNeverDisconnected)
 {
+    const std::thread::id main_thread = std::this_thread::get_id();
     std::vector<double> rolls;
-    gpu.signal_camera_roll.connect([&rolls](double roll) { rolls.push_back(roll); });
+    gpu.signal_camera_roll.connect([&](double roll) {
+        EXPECT_EQ(std::this_thread::get_id(), main_thread);
+        rolls.push_back(roll);
+    });
     std::vector<std::array<double, 5>> data;
-    gpu.signal_plumbline_data.connect([&data](double a, double b, double c, double d, double e) {
+    gpu.signal_plumbline_data.connect([&](double a, double b, double c, double d, double e) {
+        EXPECT_EQ(std::this_thread::get_id(), main_thread);
         data.push_back({ a, b, c, d, e });
     });
     Launch();
     Launch(); // a relaunch connects the new element once
     g_autoptr(GstElement) dsl = Element("dsl");
-    g_signal_emit_by_name(dsl, "simulate-camera-angles", 17.5, -4.0);
+    // The element signals on its streaming thread.
+    auto emit_from_stream = [&](const char* signal, auto... values) {
+        std::thread([&] { g_signal_emit_by_name(dsl, signal, values...); }).join();
+    };
+    emit_from_stream("simulate-camera-angles", 17.5, -4.0);
+    EXPECT_TRUE(rolls.empty());
+    EXPECT_TRUE(RunMainLoopUntil([&] { return !rolls.empty(); }));
+    RunMainLoopFor(50);
     EXPECT_EQ(rolls, std::vector<double> { 17.5 });
     EXPECT_DOUBLE_EQ(gpu.GetCameraRoll(), 17.5);
     EXPECT_DOUBLE_EQ(gpu.GetCameraTilt(), -4.0);
@@ -270,7 +286,9 @@ TEST_F(GpuPipelineTest, LevellingSignalsAreRelayedAndThePlumblineIsNeverDisconne
     } rows[] = { { -1, 0 }, { 1, 1 }, { 0, 2 }, { 1, 4 } };
     for (const auto& row : rows) {
         EXPECT_TRUE(row.enable < 0 || gpu.EnablePlumblineSignals(row.enable == 1));
-        g_signal_emit_by_name(dsl, "simulate-plumbline-data", 1.0, 2.0, 3.0, 4.0, 5.0);
+        emit_from_stream("simulate-plumbline-data", 1.0, 2.0, 3.0, 4.0, 5.0);
+        RunMainLoopUntil([&] { return data.size() >= row.reports; });
+        RunMainLoopFor(50);
         EXPECT_EQ(data.size(), row.reports) << "enable " << row.enable;
     }
     EXPECT_EQ(data.at(0), (std::array<double, 5> { 1.0, 2.0, 3.0, 4.0, 5.0 }));

@@ -95,7 +95,7 @@ TEST(H264EncodePipeline, TheValveGatesTheFlowIntoTheEncoderWhoseSettingsApplyWhi
     ASSERT_TRUE(consumer.Launch(false, false, false));
     ASSERT_TRUE(consumer.ListenTo(&h264, "", ""));
     ASSERT_EQ(consumer.SetState(GST_STATE_PLAYING, 2000), 0);
-    SamplePtr sample(consumer.Pull());
+    GstSamplePtr sample(consumer.Pull());
     consumer.SetState(GST_STATE_NULL);
     ASSERT_TRUE(sample);
     const GstStructure* caps = gst_caps_get_structure(gst_sample_get_caps(sample.get()), 0);

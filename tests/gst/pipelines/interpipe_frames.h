@@ -55,7 +55,7 @@ public:
     // The next frame, or an empty one after `timeout`.
     std::vector<uint8_t> Pull(GstClockTime timeout = GST_SECOND)
     {
-        GstTest::SamplePtr sample = pipeline_.Pull("out", timeout);
+        VideoDaemon::GstSamplePtr sample = pipeline_.Pull("out", timeout);
         return sample ? GstTest::SampleBytes(sample.get()) : std::vector<uint8_t> {};
     }
 

@@ -59,7 +59,7 @@ inline Picture DecodeJpeg(const std::vector<uint8_t>& data)
         return picture;
     pipeline.Push("in", gst_buffer_new_memdup(data.data(), data.size()));
     pipeline.EndOfStream("in");
-    GstTest::SamplePtr sample = pipeline.Pull("out", 5 * GST_SECOND);
+    VideoDaemon::GstSamplePtr sample = pipeline.Pull("out", 5 * GST_SECOND);
     if (!sample)
         return picture;
     const GstStructure* s = gst_caps_get_structure(gst_sample_get_caps(sample.get()), 0);

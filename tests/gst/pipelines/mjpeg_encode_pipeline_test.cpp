@@ -14,7 +14,7 @@
 
 using PipelineHarness::Consumer;
 using PipelineHarness::DescribedPipeline;
-using PipelineHarness::SamplePtr;
+using VideoDaemon::GstSamplePtr;
 using VideoDaemon::JpegEncodePipeline;
 using VideoDaemon::MjpegEncodePipeline;
 
@@ -49,7 +49,7 @@ struct EncodedPicture {
     // The next published JPEG, or an empty one.
     std::vector<uint8_t> Next()
     {
-        SamplePtr sample(consumer.Pull());
+        GstSamplePtr sample(consumer.Pull());
         return sample ? GstTest::SampleBytes(sample.get()) : std::vector<uint8_t> {};
     }
 };

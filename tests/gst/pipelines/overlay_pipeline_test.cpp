@@ -143,7 +143,7 @@ TEST_F(OverlayPipelineTest, ASecondLaunchTerminatesTheProcess)
             overlay.Launch(false, false, false);
             overlay.Launch(false, false, false);
         },
-        "");
+        "terminate called without an active exception");
 }
 
 TEST_F(OverlayPipelineTest, TwoInstancesWithDisjointNamesDrawTheirOwnDocuments)

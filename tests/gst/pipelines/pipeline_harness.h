@@ -70,7 +70,7 @@ public:
     }
 };
 
-using GstTest::SamplePtr;
+using VideoDaemon::GstSamplePtr;
 
 // Width, height and format of a sample's video caps.
 struct VideoFormat {

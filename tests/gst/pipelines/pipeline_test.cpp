@@ -31,6 +31,49 @@ public:
     std::vector<std::string> received;
 };
 
+// What a HandlerPipeline's own handlers have seen; outlives the pipeline.
+struct HandlerCounts {
+    int handoffs = 0;
+    int applications = 0;
+};
+
+// A pipeline that follows one element signal and one bus message of its own,
+// as the pipeline classes do through the base's handler registry.
+class HandlerPipeline : public DescribedPipeline
+{
+public:
+    explicit HandlerPipeline(HandlerCounts& counts)
+        : DescribedPipeline("fakesrc num-buffers=0 ! identity name=tap ! fakesink")
+        , counts_(counts)
+    {
+    }
+    bool Follow()
+    {
+        GstPtr<GstElement> tap = FindElement(VIDEOD_FUNCTION, "tap");
+        return tap && ConnectHandler("test", tap.get(), "handoff", G_CALLBACK(&HandlerPipeline::OnHandoff))
+            && ConnectBusHandler("test", "message::application", G_CALLBACK(&HandlerPipeline::OnApplication));
+    }
+    void Unfollow() { DisconnectHandlers("test"); }
+
+private:
+    static void OnHandoff(GstElement*, GstBuffer*, gpointer self)
+    {
+        static_cast<HandlerPipeline*>(self)->counts_.handoffs++;
+    }
+    static void OnApplication(GstBus*, GstMessage*, gpointer self)
+    {
+        static_cast<HandlerPipeline*>(self)->counts_.applications++;
+    }
+    HandlerCounts& counts_;
+};
+
+// Emits the identity's "handoff" as its streaming thread would.
+void Handoff(GstElement* tap)
+{
+    VideoDaemon::GstBufferPtr buffer(gst_buffer_new());
+    g_signal_emit_by_name(tap, "handoff", buffer.get());
+}
+
 } // namespace
 
 TEST(Pipeline, RelaunchBuildsANewPipelineAndEmptyDescriptionKeepsTheOldOne)
@@ -373,4 +416,55 @@ TEST(Pipeline, FramerateProbeCountsFramesOverTheLastSecond)
     // Once the flow stops the rate falls to zero.
     std::this_thread::sleep_for(std::chrono::milliseconds(1050));
     EXPECT_EQ(pipeline.GetProbeRates().at("rate"), 0u);
+}
+
+TEST(Pipeline, OwnHandlersSurviveABusReconnectAndGoOnRelaunchTearDownAndDestruction)
+{
+    HandlerCounts counts;
+    auto pipeline = std::make_unique<HandlerPipeline>(counts);
+    int eos = 0;
+    pipeline->signal_eos.connect([&] { ++eos; });
+    ASSERT_TRUE(pipeline->Launch(false, true, false));
+    ASSERT_TRUE(pipeline->Follow());
+    // Connecting the bus again replaces the base's handlers, not the others.
+    ASSERT_TRUE(pipeline->ConnectBusMessages());
+    GstPtr<GstBus> bus(gst_pipeline_get_bus(pipeline->GetPipeline()));
+    GstObject* source = GST_OBJECT(pipeline->GetPipeline());
+    gst_bus_post(bus.get(), gst_message_new_application(source, gst_structure_new_empty("note")));
+    gst_bus_post(bus.get(), gst_message_new_eos(source));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return counts.applications == 1 && eos == 1; }));
+    RunMainLoopFor(50);
+    EXPECT_EQ(eos, 1) << "the base's handlers are connected once";
+    GstPtr<GstElement> tap = ElementOf(*pipeline, "tap");
+    Handoff(tap.get());
+    EXPECT_EQ(counts.handoffs, 1);
+
+    // A group can go by itself.
+    pipeline->Unfollow();
+    Handoff(tap.get());
+    EXPECT_EQ(counts.handoffs, 1);
+
+    // Relaunch: the old elements call nothing, the new ones only what is
+    // connected again.
+    ASSERT_TRUE(pipeline->Follow());
+    ASSERT_TRUE(pipeline->Launch(false, true, false));
+    Handoff(tap.get());
+    EXPECT_EQ(counts.handoffs, 1);
+    tap = ElementOf(*pipeline, "tap");
+    Handoff(tap.get());
+    EXPECT_EQ(counts.handoffs, 1);
+
+    ASSERT_TRUE(pipeline->Follow());
+    EXPECT_TRUE(pipeline->TearDown());
+    Handoff(tap.get());
+    EXPECT_EQ(counts.handoffs, 1);
+
+    // Destruction: an element that outlives the pipeline object calls
+    // nothing.
+    ASSERT_TRUE(pipeline->Launch(false, true, false));
+    ASSERT_TRUE(pipeline->Follow());
+    tap = ElementOf(*pipeline, "tap");
+    pipeline.reset();
+    Handoff(tap.get());
+    EXPECT_EQ(counts.handoffs, 1);
 }

@@ -1,6 +1,7 @@
 // The snapshot pipeline: argument checks, one snapshot at a time, written files and the guard timer.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <tuple>
@@ -142,9 +143,16 @@ TEST(SnapshotPipeline, RefusesASecondSnapshotWhileOneIsInProgressAndEndsTheFirst
 
     std::string error;
     int first = -100;
+    const auto started = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::duration waited {};
     ASSERT_EQ(0,
         snapshot.TakeSnapshotAsync(
-            dir.File("never.jpg"), 640, 480, 85, false, [&](int s) { first = s; }, error));
+            dir.File("never.jpg"), 640, 480, 85, false,
+            [&](int s) {
+                first = s;
+                waited = std::chrono::steady_clock::now() - started;
+            },
+            error));
     int second = -100;
     EXPECT_EQ(-2,
         snapshot.TakeSnapshotAsync(
@@ -159,6 +167,8 @@ TEST(SnapshotPipeline, RefusesASecondSnapshotWhileOneIsInProgressAndEndsTheFirst
 
     ASSERT_TRUE(RunMainLoopUntil([&] { return first != -100; }, 7000));
     EXPECT_EQ(1, first);
+    EXPECT_GE(waited, std::chrono::seconds(5))
+        << "the guard ends the snapshot after five seconds, not before";
     EXPECT_FALSE(snapshot.IsInProgress());
     EXPECT_TRUE(log.Contains(LOG_WARNING,
         "[Snapshot] Snapshot timeout, this should not happen unless there is some serious issue."));

@@ -3,8 +3,9 @@
 #include <gio/gio.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <chrono>
 #include <string>
+#include <thread>
 
 #include "live_stream.h"
 #include "log_capture.h"
@@ -24,7 +25,7 @@ const char kLost[] = "[TcpClientPipeline] Connection lost!!";
 
 } // namespace
 
-TEST(TcpClientPipeline, ReceivesTheRemotePictureAndReportsConnectionAcquiredAndLostOnce)
+TEST(TcpClientPipeline, ReceivesTheRemotePictureAndReportsConnectionAcquiredAndLostOnceOnTheMainLoop)
 {
     LogCapture log;
     LiveStream unit("green", "tcp_client_test_picture");
@@ -32,9 +33,13 @@ TEST(TcpClientPipeline, ReceivesTheRemotePictureAndReportsConnectionAcquiredAndL
 
     TcpClientPipeline client;
     ASSERT_TRUE(client.Launch(false, true, false));
-    std::atomic<int> acquired { 0 };
+    int acquired = 0;
     int lost = 0;
-    client.signal_connection_acquired.connect([&] { acquired++; });
+    std::thread::id acquired_on;
+    client.signal_connection_acquired.connect([&] {
+        acquired++;
+        acquired_on = std::this_thread::get_id();
+    });
     client.signal_connection_lost.connect([&] { lost++; });
     client.SetHostPort("127.0.0.1", static_cast<uint16_t>(unit.Port()));
     EXPECT_TRUE(log.Contains(LOG_INFO, "setting host/port to 127.0.0.1/" + std::to_string(unit.Port())));
@@ -46,7 +51,7 @@ TEST(TcpClientPipeline, ReceivesTheRemotePictureAndReportsConnectionAcquiredAndL
     ASSERT_EQ(0, client.SetState(GST_STATE_PLAYING, 0));
 
     for (int i = 0; i < 3; i++) {
-        PipelineHarness::SamplePtr sample(viewer.Pull(5000));
+        VideoDaemon::GstSamplePtr sample(viewer.Pull(5000));
         ASSERT_TRUE(sample);
         PipelineHarness::VideoFormat format = PipelineHarness::FormatOf(sample.get());
         EXPECT_EQ(640, format.width);
@@ -60,8 +65,12 @@ TEST(TcpClientPipeline, ReceivesTheRemotePictureAndReportsConnectionAcquiredAndL
     }
     EXPECT_TRUE(client.IsConnected());
     EXPECT_GT(client.GetBytesReceived(), 0u);
-    EXPECT_EQ(1, acquired.load());
+    // The first frame arrived on a streaming thread; the report waits for
+    // the main loop.
     EXPECT_EQ(1u, log.Count(LOG_INFO, kAcquired));
+    EXPECT_EQ(0, acquired);
+    ASSERT_TRUE(RunMainLoopUntil([&] { return acquired > 0; }));
+    EXPECT_EQ(std::this_thread::get_id(), acquired_on);
     EXPECT_EQ(0, lost);
 
     // The server goes away: the stream ends, and the loss is reported once.
@@ -70,7 +79,7 @@ TEST(TcpClientPipeline, ReceivesTheRemotePictureAndReportsConnectionAcquiredAndL
     RunMainLoopFor(300);
     EXPECT_EQ(1, lost);
     EXPECT_EQ(1u, log.Count(LOG_ERR, kLost));
-    EXPECT_EQ(1, acquired.load());
+    EXPECT_EQ(1, acquired);
     EXPECT_FALSE(client.IsConnected());
 
     viewer.SetState(GST_STATE_NULL);
@@ -89,12 +98,19 @@ TEST(TcpClientPipeline, ReportsNothingWhenTheServerNeverSendsAndGivesUpAfterFive
     TcpClientPipeline client;
     ASSERT_TRUE(client.Launch(false, true, false));
     int ended = 0;
-    client.signal_error.connect([&](std::string) { ended++; });
-    client.signal_eos.connect([&] { ended++; });
+    std::chrono::steady_clock::time_point ended_at;
+    auto end = [&] {
+        if (ended++ == 0)
+            ended_at = std::chrono::steady_clock::now();
+    };
+    client.signal_error.connect([&](std::string) { end(); });
+    client.signal_eos.connect(end);
     client.SetHostPort("127.0.0.1", port);
+    const auto started = std::chrono::steady_clock::now();
     client.SetState(GST_STATE_PLAYING, 0);
 
     ASSERT_TRUE(RunMainLoopUntil([&] { return ended > 0; }, 9000));
+    EXPECT_GE(ended_at - started, std::chrono::seconds(5)) << "the source waits five seconds for data";
     EXPECT_EQ(0u, log.Count(LOG_INFO, kAcquired));
     EXPECT_EQ(0u, log.Count(LOG_ERR, kLost));
     EXPECT_EQ(0u, client.GetBytesReceived());
@@ -124,6 +140,26 @@ TEST(TcpClientPipeline, ConnectsAndDisconnectsItsSignalsOnlyOnALaunchedPipeline)
     ASSERT_TRUE(client.Launch(false, false, false));
     EXPECT_TRUE(client.TearDown());
     EXPECT_EQ(nullptr, client.GetPipeline());
+}
+
+TEST(TcpClientPipeline, AReconnectedBusKeepsReportingTheLoss)
+{
+    LogCapture log;
+    LiveStream unit("green", "tcp_client_test_reconnect");
+    ASSERT_GT(unit.Port(), 0);
+    TcpClientPipeline client;
+    ASSERT_TRUE(client.Launch(false, true, false));
+    // The base's bus handlers are connected anew; the client's own stay.
+    ASSERT_TRUE(client.ConnectBusMessages());
+    int lost = 0;
+    client.signal_connection_lost.connect([&] { lost++; });
+    client.SetHostPort("127.0.0.1", static_cast<uint16_t>(unit.Port()));
+    ASSERT_EQ(0, client.SetState(GST_STATE_PLAYING, 0));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return client.IsConnected(); }, 5000));
+    unit.Stop();
+    ASSERT_TRUE(RunMainLoopUntil([&] { return lost > 0; }, 8000));
+    EXPECT_EQ(1u, log.Count(LOG_ERR, kLost));
+    client.SetState(GST_STATE_NULL);
 }
 
 TEST(TcpClientPipelineDeathTest, EndsTheProcessWhenTheAddressIsSetWithoutAPipeline)

@@ -39,7 +39,7 @@ struct BufferLog {
     BufferProbe Attach(GstElement* element, const char* pad)
     {
         return BufferProbe(element, pad, [this, element](GstBuffer* buffer) {
-            ObjectPtr<GstClock> clock(gst_element_get_clock(element));
+            GstPtr<GstClock> clock(gst_element_get_clock(element));
             stamps.emplace_back(GST_BUFFER_PTS(buffer),
                 clock ? gst_clock_get_time(clock.get()) - gst_element_get_base_time(element)
                       : GST_CLOCK_TIME_NONE);
@@ -71,7 +71,7 @@ TEST(SoftwareSoundDevice, PacesTheMicrophoneInRealTimeWithRunningTimeTimestampsA
     ASSERT_TRUE(speaker.Start());
     // About one second of capture, watching for errors meanwhile.
     for (const TestPipeline* p : { &mic, &speaker }) {
-        MessagePtr error = p->WaitFor(GST_MESSAGE_ERROR, p == &mic ? GST_SECOND : 0);
+        GstMessagePtr error = p->WaitFor(GST_MESSAGE_ERROR, p == &mic ? GST_SECOND : 0);
         EXPECT_EQ(error, nullptr) << ErrorText(error.get());
         EXPECT_EQ(p->State(), GST_STATE_PLAYING);
     }

@@ -121,7 +121,7 @@ void ExpectProperty(GstElement* element, const std::string& use, Access access)
 TEST(StandInElements, HaveEveryPropertyTheDaemonUsesWithItsTypeAccessAndRange)
 {
     for (const StandIn& standIn : kStandIns) {
-        ObjectPtr<GstElement> element = MakeElement(standIn.factory);
+        GstPtr<GstElement> element = MakeElement(standIn.factory);
         ASSERT_NE(element, nullptr) << standIn.factory;
         const std::pair<const char*, Access> uses[] = { { standIn.live, { true, true, true } },
             { standIn.settable, { true, true, false } }, { standIn.readOnly, { true, false, false } },
@@ -133,8 +133,8 @@ TEST(StandInElements, HaveEveryPropertyTheDaemonUsesWithItsTypeAccessAndRange)
         }
     }
     // The overlay pipeline links the overlay's extra source pad by name.
-    ObjectPtr<GstElement> overlay = MakeElement("rsvgoverlaytarnwell");
-    ObjectPtr<GstPad> pad(gst_element_get_static_pad(overlay.get(), "src_first"));
+    GstPtr<GstElement> overlay = MakeElement("rsvgoverlaytarnwell");
+    GstPtr<GstPad> pad(gst_element_get_static_pad(overlay.get(), "src_first"));
     ASSERT_NE(pad, nullptr);
     EXPECT_EQ(gst_pad_get_direction(pad.get()), GST_PAD_SRC);
 }
@@ -144,7 +144,7 @@ TEST(StandInElements, TheMotionFilterRefusesWeightsThatAreNotNumbersAndKeepsTheL
     TestPipeline pipeline("videotestsrc num-buffers=1 ! tarnwell-motion-filter name=motion_filter "
                           "roll-filter-coeffs=\"1 1\" ! fakesink");
     ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
-    ObjectPtr<GstElement> motion = pipeline.Element("motion_filter");
+    GstPtr<GstElement> motion = pipeline.Element("motion_filter");
     g_object_set(motion.get(), "roll-filter-coeffs", "1 2 1", nullptr);
     g_object_set(motion.get(), "roll-filter-coeffs", "one two", nullptr);
     g_autofree gchar* coeffs = nullptr;
@@ -165,11 +165,11 @@ TEST(StandInElements, VbiReaderFlagsTopFieldFirstAndTheCapsFilterMakesFramesProg
         tffBetween.push_back(GST_BUFFER_FLAG_IS_SET(buffer, GST_VIDEO_BUFFER_FLAG_TFF));
     });
     ASSERT_TRUE(pipeline.Play());
-    const std::vector<SamplePtr> samples = pipeline.PullAll("out");
+    const std::vector<GstSamplePtr> samples = pipeline.PullAll("out");
 
     ASSERT_EQ(samples.size(), 3u);
     EXPECT_EQ(tffBetween, std::vector<bool>(3, true));
-    for (const SamplePtr& sample : samples) {
+    for (const GstSamplePtr& sample : samples) {
         const GstStructure* s = gst_caps_get_structure(gst_sample_get_caps(sample.get()), 0);
         EXPECT_STREQ(gst_structure_get_string(s, "interlace-mode"), "progressive");
         EXPECT_FALSE(GST_BUFFER_FLAG_IS_SET(gst_sample_get_buffer(sample.get()), GST_VIDEO_BUFFER_FLAG_TFF));

@@ -70,7 +70,7 @@ TEST(TarnwellDsl, TurnsThePictureClockwiseByTheDisplayRollFromTheRollOrTheOverri
         "tarnwell-dsl name=dsl silent=false plumbline-enabled=false dsl-enabled=false "
         "rotation-steps=0 rotation-threshold=7 rotation-frames-trigger=15"));
     ASSERT_TRUE(harness.Parsed() && harness.Start()) << harness.Error();
-    ObjectPtr<GstElement> dsl = harness.Element("dsl");
+    GstPtr<GstElement> dsl = harness.Element("dsl");
     const std::vector<guint8> picture = MarkedPicture();
 
     const struct {
@@ -119,7 +119,7 @@ TEST(TarnwellDsl, TurnsThePictureClockwiseByTheDisplayRollFromTheRollOrTheOverri
 
 TEST(TarnwellDsl, SimulatedAnglesAndPlumblineDataFireItsSignals)
 {
-    ObjectPtr<GstElement> dsl = MakeElement("tarnwell-dsl");
+    GstPtr<GstElement> dsl = MakeElement("tarnwell-dsl");
     ASSERT_NE(dsl, nullptr);
     auto get = [&](const char* name) {
         double value = 0;

@@ -58,7 +58,7 @@ TEST(RsvgOverlayTarnwell, DrawsTheDocumentWhereItHasContentAtItsOwnSizeOrFittedU
     TestPipeline harness(FrameLoop("video/x-raw,format=BGRA,width=64,height=48,framerate=30/1",
         "rsvgoverlaytarnwell name=svg_overlay svg_overlay.src_first"));
     ASSERT_TRUE(harness.Parsed() && harness.Start()) << harness.Error();
-    ObjectPtr<GstElement> overlay = harness.Element("svg_overlay");
+    GstPtr<GstElement> overlay = harness.Element("svg_overlay");
     EXPECT_EQ(harness.PushFrame(kGreyFrame), kGreyFrame) << "no document yet";
 
     g_object_set(overlay.get(), "data", kLeftHalfRed, nullptr);

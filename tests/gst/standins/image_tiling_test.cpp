@@ -64,7 +64,7 @@ TEST(TarnwellTiling, ZoomWhilePlayingShowsTheCentreScaledToTheFullFrameAndZoomOn
     ASSERT_TRUE(harness.Parsed() && harness.Start()) << harness.Error();
     ASSERT_EQ(harness.PushFrame(kGradient), kGradient);
 
-    ObjectPtr<GstElement> gpu = harness.Element("gpu");
+    GstPtr<GstElement> gpu = harness.Element("gpu");
     g_object_set(gpu.get(), "zoom", 2.0, nullptr);
     const std::vector<uint8_t> output = harness.PushFrame(kGradient);
     ASSERT_EQ(output.size(), kGradient.size());
@@ -90,7 +90,7 @@ TEST(TarnwellTiling, PanToTheLimitsShowsOneQuadrantOnlyInPackedAndPlanarFormats)
             "videoconvert ! video/x-raw,format=" + format
                 + " ! tarnwell-tiling name=gpu ! videoconvert ! video/x-raw,format=RGBA"));
         ASSERT_TRUE(harness.Parsed() && harness.Start()) << harness.Error();
-        ObjectPtr<GstElement> gpu = harness.Element("gpu");
+        GstPtr<GstElement> gpu = harness.Element("gpu");
         g_object_set(gpu.get(), "zoom", 2.0, nullptr);
         g_object_set(gpu.get(), "pan-x", GetDouble(gpu.get(), "pan-x-max"), "pan-y",
             GetDouble(gpu.get(), "pan-y-min"), nullptr);
@@ -111,7 +111,7 @@ TEST(TarnwellTiling, PanToTheLimitsShowsOneQuadrantOnlyInPackedAndPlanarFormats)
 
 TEST(TarnwellTiling, PanLimitsFollowTheZoomAndClampThePan)
 {
-    ObjectPtr<GstElement> gpu = MakeElement("tarnwell-tiling");
+    GstPtr<GstElement> gpu = MakeElement("tarnwell-tiling");
     ASSERT_NE(gpu, nullptr);
     // After setting the zoom, then the pan (unless NAN): the limits, and the pan as clamped.
     struct Row {

@@ -22,11 +22,11 @@ guint64 FramesShown(GstElement* sink)
     return shown;
 }
 
-SamplePtr LastSample(GstElement* sink)
+GstSamplePtr LastSample(GstElement* sink)
 {
     GstSample* sample = nullptr;
     g_object_get(sink, "last-sample", &sample, nullptr);
-    return SamplePtr(sample);
+    return GstSamplePtr(sample);
 }
 
 } // namespace
@@ -40,7 +40,7 @@ TEST(ImxIpuVideoSink, CountsTheFramesItShowsAndKeepsTheLastOne)
                           "name=display_sink qos=false use-vsync=true sync=false force-aspect-ratio=false");
     ASSERT_TRUE(pipeline.Parsed() && pipeline.RunToEos()) << pipeline.Error();
     EXPECT_EQ(FramesShown(pipeline.Element("display_sink").get()), 12u);
-    SamplePtr last = LastSample(pipeline.Element("display_sink").get());
+    GstSamplePtr last = LastSample(pipeline.Element("display_sink").get());
     ASSERT_TRUE(last);
     EXPECT_STREQ(
         gst_structure_get_string(gst_caps_get_structure(gst_sample_get_caps(last.get()), 0), "format"),
@@ -60,7 +60,7 @@ TEST(ImxIpuVideoSink, DropFramesTakesFramesWithoutShowingThemAndCanBeSwitchedWhi
 {
     TestPipeline pipeline(std::string(kSmallBgra) + "drop-frames=true");
     ASSERT_TRUE(pipeline.Parsed() && pipeline.Start()) << pipeline.Error();
-    ObjectPtr<GstElement> owned = pipeline.Element("display_sink");
+    GstPtr<GstElement> owned = pipeline.Element("display_sink");
     GstElement* sink = owned.get();
     // Frames pushed with "drop-frames" as given, and how many the sink has shown after them.
     guint64 pushed = 0;
@@ -100,7 +100,7 @@ TEST(ImxIpuVideoSink, LastSampleIsThePictureAsTheRotatedPanelShowsIt)
         pipeline.EndOfStream("in");
         ASSERT_TRUE(pipeline.WaitForEos()) << pipeline.Error();
 
-        SamplePtr last = LastSample(pipeline.Element("display_sink").get());
+        GstSamplePtr last = LastSample(pipeline.Element("display_sink").get());
         ASSERT_TRUE(last);
         GstVideoInfo info;
         ASSERT_TRUE(gst_video_info_from_caps(&info, gst_sample_get_caps(last.get())));

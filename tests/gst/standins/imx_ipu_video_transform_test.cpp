@@ -55,7 +55,7 @@ std::vector<guint8> Transform(const std::string& properties, const std::string& 
     GST_BUFFER_DURATION(buffer) = GST_SECOND / 30;
     EXPECT_TRUE(pipeline.Push("in", buffer));
     pipeline.EndOfStream("in");
-    SamplePtr sample = pipeline.Pull("out");
+    GstSamplePtr sample = pipeline.Pull("out");
     if (sample && info != nullptr)
         gst_video_info_from_caps(info, gst_sample_get_caps(sample.get()));
     return sample ? SampleBytes(sample.get()) : std::vector<guint8> {};
@@ -147,7 +147,7 @@ TEST(ImxIpuVideoTransform, EqualCapsPassFramesThroughUntouchedUnlessCropping)
         window->width = 320;
         window->height = 240;
         ASSERT_TRUE(pipeline.Push("in", frame));
-        SamplePtr out = pipeline.Pull("out");
+        GstSamplePtr out = pipeline.Pull("out");
         ASSERT_TRUE(out);
         // The pushed reference is gone to the pipeline; compare by identity only.
         EXPECT_EQ(gst_sample_get_buffer(out.get()) == frame, !crop) << "input-crop " << crop;
@@ -156,7 +156,7 @@ TEST(ImxIpuVideoTransform, EqualCapsPassFramesThroughUntouchedUnlessCropping)
 
 TEST(ImxIpuVideoTransform, DeinterlaceMethodIsAnEnumOfLowHighAndMediumMotionStartingAtHighMotion)
 {
-    ObjectPtr<GstElement> transform = MakeElement("imxipuvideotransform");
+    GstPtr<GstElement> transform = MakeElement("imxipuvideotransform");
     ASSERT_NE(transform, nullptr);
     GParamSpec* param
         = g_object_class_find_property(G_OBJECT_GET_CLASS(transform.get()), "deinterlace-method");

@@ -41,8 +41,8 @@ TEST(ImxV4l2VideoSrc, IsALiveSourceOfMovingUyvyInTheDriversFieldOrderWithTheConf
         ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
         EXPECT_EQ(gst_element_set_state(pipeline.Get(), GST_STATE_PAUSED), GST_STATE_CHANGE_NO_PREROLL);
         ASSERT_TRUE(pipeline.Start());
-        SamplePtr first = pipeline.Pull("out");
-        SamplePtr second = pipeline.Pull("out");
+        GstSamplePtr first = pipeline.Pull("out");
+        GstSamplePtr second = pipeline.Pull("out");
         ASSERT_TRUE(first && second);
 
         // The caps filter holds the caps asked for; the frames fill them and carry the window.

@@ -34,8 +34,8 @@ TEST(ImxVpuDec, DecodesEveryJpegAndH264FrameToI420CloseToTheOriginal)
             + " ! imxvpudec ! video/x-raw, format=I420,width=640,height=480 ! appsink name=decoded "
               "sync=false wait-on-eos=false max-buffers=20");
         ASSERT_TRUE(pipeline.Parsed() && pipeline.RunToEos()) << pipeline.Error();
-        SamplePtr original = pipeline.Pull("original", GST_SECOND);
-        std::vector<SamplePtr> decoded = pipeline.PullAll("decoded");
+        GstSamplePtr original = pipeline.Pull("original", GST_SECOND);
+        std::vector<GstSamplePtr> decoded = pipeline.PullAll("decoded");
         ASSERT_TRUE(original) << encoder;
         ASSERT_EQ(decoded.size(), 10u) << encoder;
         EXPECT_NEAR(MeanLuma(decoded.front().get()), MeanLuma(original.get()), 2.0) << encoder;
@@ -71,7 +71,7 @@ TEST(ImxVpuDec, HandsOutTheStreamsOwnRawFormatAndFailsWhereDownstreamRefusesIt)
             continue;
         }
         ASSERT_TRUE(ended) << pipeline.Error();
-        SamplePtr sample = pipeline.Pull("decoded");
+        GstSamplePtr sample = pipeline.Pull("decoded");
         ASSERT_TRUE(sample);
         const GstStructure* caps = gst_caps_get_structure(gst_sample_get_caps(sample.get()), 0);
         EXPECT_STREQ(gst_structure_get_string(caps, "format"), row.format);

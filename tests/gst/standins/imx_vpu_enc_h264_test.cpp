@@ -86,7 +86,7 @@ TEST(ImxVpuEncH264, MakesAMainProfileRecordingWithSoundAndIdrFramesEveryIdrInter
 
     // The encoder's own access units: IDR slices and sync points every 16 frames only.
     for (int i = 0; i < 90; ++i) {
-        SamplePtr unit = pipeline.Pull("units", GST_SECOND);
+        GstSamplePtr unit = pipeline.Pull("units", GST_SECOND);
         ASSERT_TRUE(unit) << "frame " << i;
         GstBuffer* buffer = gst_sample_get_buffer(unit.get());
         EXPECT_EQ(HasIdrSlice(buffer), i % 16 == 0) << "frame " << i;
@@ -133,7 +133,7 @@ TEST(ImxVpuEncH264, QuantiserAndBitrateChangesActFromTheNextFrameWithoutAnIdrAnd
         GST_BUFFER_PTS(frame) = static_cast<GstClockTime>(index) * GST_SECOND / 30;
         GST_BUFFER_DURATION(frame) = GST_SECOND / 30;
         ASSERT_TRUE(pipeline.Push("in", frame));
-        SamplePtr unit = pipeline.Pull("units");
+        GstSamplePtr unit = pipeline.Pull("units");
         ASSERT_TRUE(unit);
         sizes.push_back(gst_buffer_get_size(gst_sample_get_buffer(unit.get())));
         types.push_back(SliceType(gst_sample_get_buffer(unit.get())));

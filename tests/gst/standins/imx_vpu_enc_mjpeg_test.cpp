@@ -53,7 +53,7 @@ TEST(ImxVpuEncMjpeg, SnapshotChainFollowsANewPictureSizeWhilePlaying)
         gst_buffer_memset(frame, 0, 0x80, 640 * 480 * 4);
         GST_BUFFER_PTS(frame) = static_cast<GstClockTime>(index) * GST_SECOND / 30;
         ASSERT_TRUE(pipeline.Push("in", frame));
-        SamplePtr picture = pipeline.Pull("out");
+        GstSamplePtr picture = pipeline.Pull("out");
         GstVideoInfo info;
         ASSERT_TRUE(picture && gst_video_info_from_caps(&info, gst_sample_get_caps(picture.get())));
         EXPECT_EQ(GST_VIDEO_INFO_WIDTH(&info), width);

@@ -66,19 +66,19 @@ bool IsWhite(GstSample* sample)
     return byte > 128;
 }
 
-GstClockTime Pts(const SamplePtr& sample)
+GstClockTime Pts(const GstSamplePtr& sample)
 {
     return GST_BUFFER_PTS(gst_sample_get_buffer(sample.get()));
 }
 
-gint CapsInt(const SamplePtr& sample, const char* field)
+gint CapsInt(const GstSamplePtr& sample, const char* field)
 {
     gint value = 0;
     gst_structure_get_int(gst_caps_get_structure(gst_sample_get_caps(sample.get()), 0), field, &value);
     return value;
 }
 
-bool CapsHave(const SamplePtr& sample, const char* field)
+bool CapsHave(const GstSamplePtr& sample, const char* field)
 {
     return gst_structure_has_field(gst_caps_get_structure(gst_sample_get_caps(sample.get()), 0), field);
 }
@@ -87,7 +87,7 @@ bool CapsHave(const SamplePtr& sample, const char* field)
 bool ReceivesFrom(const TestPipeline& listener, bool white, GstClockTime timeout = 5 * GST_SECOND)
 {
     for (int i = 0; i < 200; ++i) {
-        SamplePtr sample = listener.Pull("out", timeout);
+        GstSamplePtr sample = listener.Pull("out", timeout);
         if (!sample)
             return false;
         if (IsWhite(sample.get()) == white)
@@ -153,7 +153,7 @@ private:
         return GST_PAD_PROBE_OK;
     }
 
-    ObjectPtr<GstPad> _Pad;
+    GstPtr<GstPad> _Pad;
     GstEventType _Type;
     gulong _Probe = 0;
     std::atomic<int> _Count { 0 };
@@ -169,7 +169,7 @@ TEST(InterpipeNodes, ASinkIsFoundByItsNameFromCreationAndByItsNewNameOnceRenamed
     ASSERT_TRUE(listener.Start());
     EXPECT_EQ(Listeners(producer, "node_first"), 0u);
     // Renamed outside a bin, as gst_parse_launch names what it creates.
-    ObjectPtr<GstElement> sink(GST_ELEMENT(gst_object_ref(producer.Element("node_first").get())));
+    GstPtr<GstElement> sink(GST_ELEMENT(gst_object_ref(producer.Element("node_first").get())));
     gst_bin_remove(GST_BIN(producer.Get()), sink.get());
     gst_object_set_name(GST_OBJECT(sink.get()), "node_second");
     guint count = 0;
@@ -259,8 +259,8 @@ TEST(InterpipeRouting, ManyListenersShareTheProducersBuffersWithoutCopies)
     // the producer's own buffer (the first carries a discontinuity mark that
     // each source sets on a metadata copy).
     ASSERT_TRUE(first.Pull("out") && second.Pull("out") && third.Pull("out"));
-    SamplePtr a = first.Pull("out");
-    SamplePtr b = second.Pull("out");
+    GstSamplePtr a = first.Pull("out");
+    GstSamplePtr b = second.Pull("out");
     ASSERT_TRUE(a && b);
     EXPECT_EQ(gst_sample_get_buffer(a.get()), gst_sample_get_buffer(b.get()));
 }
@@ -269,8 +269,8 @@ TEST(InterpipeRouting, ManyListenersShareTheProducersBuffersWithoutCopies)
 // defaults, write-only settings, the stream-sync numbering, appsrc's format.
 TEST(InterpipeProperties, DefaultsFlagsAndNumberingAreThoseOfTheBoardsElements)
 {
-    ObjectPtr<GstElement> sink = MakeElement("interpipesink");
-    ObjectPtr<GstElement> src = MakeElement("interpipesrc");
+    GstPtr<GstElement> sink = MakeElement("interpipesink");
+    GstPtr<GstElement> src = MakeElement("interpipesrc");
     ASSERT_TRUE(sink && src);
     gboolean sync = TRUE, drop = FALSE;
     guint maxBuffers = 0;
@@ -342,7 +342,7 @@ TEST(InterpipeEvents, EveryDownstreamEventButCapsAndEosReachesListenersOnlyWhenF
     for (Row& row : rows) {
         row.listener
             = std::make_unique<TestPipeline>(Listener(std::string("is-live=true ") + row.properties));
-        ObjectPtr<GstElement> out = row.listener->Element("out");
+        GstPtr<GstElement> out = row.listener->Element("out");
         for (GstEventType kind : kinds)
             row.counts.push_back(std::make_unique<EventCount>(out.get(), "sink", kind));
         ASSERT_TRUE(row.listener->Start());
@@ -362,8 +362,8 @@ TEST(InterpipeEvents, EveryDownstreamEventButCapsAndEosReachesListenersOnlyWhenF
     }
 
     for (const TestPipeline* producer : { &forwarding, &keeping }) {
-        ObjectPtr<GstElement> sink = producer->Element(producer == &forwarding ? "event_fwd" : "event_keep");
-        ObjectPtr<GstPad> pad(gst_element_get_static_pad(sink.get(), "sink"));
+        GstPtr<GstElement> sink = producer->Element(producer == &forwarding ? "event_fwd" : "event_keep");
+        GstPtr<GstPad> pad(gst_element_get_static_pad(sink.get(), "sink"));
         GstSegment segment;
         gst_segment_init(&segment, GST_FORMAT_TIME);
         for (GstEvent* event : { gst_event_new_gap(0, GST_MSECOND),
@@ -399,7 +399,7 @@ TEST(InterpipeEvents, AForwardedFlushFlushesTheListenerWhichKeepsStreaming)
     ASSERT_TRUE(producer.Play());
     ASSERT_TRUE(producer.Push("in", Frame(0)));
     ASSERT_TRUE(listener.Pull("out"));
-    ObjectPtr<GstPad> pad(gst_element_get_static_pad(producer.Element("flush_sink").get(), "sink"));
+    GstPtr<GstPad> pad(gst_element_get_static_pad(producer.Element("flush_sink").get(), "sink"));
     ASSERT_TRUE(gst_pad_send_event(pad.get(), gst_event_new_flush_start()));
     ASSERT_TRUE(gst_pad_send_event(pad.get(), gst_event_new_flush_stop(FALSE)));
     EXPECT_EQ(flushes.Value(), 1);
@@ -407,7 +407,7 @@ TEST(InterpipeEvents, AForwardedFlushFlushesTheListenerWhichKeepsStreaming)
     gst_segment_init(&segment, GST_FORMAT_TIME);
     ASSERT_TRUE(gst_pad_send_event(pad.get(), gst_event_new_segment(&segment)));
     ASSERT_TRUE(producer.Push("in", Frame(20 * GST_MSECOND)));
-    SamplePtr after = listener.Pull("out");
+    GstSamplePtr after = listener.Pull("out");
     ASSERT_TRUE(after);
     EXPECT_EQ(Pts(after), 20 * GST_MSECOND);
     EXPECT_FALSE(listener.WaitFor(GST_MESSAGE_ERROR, 0));
@@ -468,7 +468,7 @@ TEST(InterpipeTimestamps, EachStreamSyncModeStampsTheProducersFramesAsTheBoardDo
     for (Row& row : rows) {
         SCOPED_TRACE(row.properties);
         const GstClockTime base = gst_element_get_base_time(row.listener->Get());
-        ObjectPtr<GstClock> clock(gst_element_get_clock(row.listener->Get()));
+        GstPtr<GstClock> clock(gst_element_get_clock(row.listener->Get()));
         ASSERT_TRUE(clock);
         const GstClockTime sent[] = { kAhead, GST_CLOCK_TIME_NONE, 0 };
         const Stamp expected[] = { row.ahead, row.unstamped, row.zero };
@@ -477,7 +477,7 @@ TEST(InterpipeTimestamps, EachStreamSyncModeStampsTheProducersFramesAsTheBoardDo
                 EXPECT_FALSE(row.listener->Pull("out", 300 * GST_MSECOND)) << "frame " << i;
                 continue;
             }
-            SamplePtr sample = row.listener->Pull("out");
+            GstSamplePtr sample = row.listener->Pull("out");
             ASSERT_TRUE(sample) << "frame " << i;
             const GstClockTime pts = Pts(sample);
             switch (expected[i]) {
@@ -516,7 +516,7 @@ TEST(InterpipeTimestamps, RestartedStampsKeepIncreasingAcrossPipelinesAndSwitche
     auto collect = [&](bool white, size_t count) {
         const size_t until = stamps.size() + count;
         for (int i = 0; i < 500 && stamps.size() < until; ++i) {
-            SamplePtr sample = listener.Pull("out");
+            GstSamplePtr sample = listener.Pull("out");
             if (!sample)
                 return;
             if (IsWhite(sample.get()) == white)
@@ -563,7 +563,7 @@ TEST(InterpipeCaps, AProducerNegotiatesWhatAllListenersTakeAndLosesThemWhenNothi
             continue;
         }
         for (const TestPipeline* listener : { &first, &second }) {
-            SamplePtr sample = listener->Pull("out");
+            GstSamplePtr sample = listener->Pull("out");
             ASSERT_TRUE(sample);
             EXPECT_EQ(CapsInt(sample, "width"), 32);
             EXPECT_EQ(CapsInt(sample, "height"), 24);
@@ -589,7 +589,7 @@ TEST(InterpipeCaps, ASwitchToOtherCapsRenegotiatesOrFailsAndKeepsThePreviousProd
 
     ListenTo(allowing, "caps_wide");
     ASSERT_TRUE(ReceivesFrom(allowing, true));
-    SamplePtr sample = allowing.Pull("out");
+    GstSamplePtr sample = allowing.Pull("out");
     ASSERT_TRUE(sample);
     EXPECT_EQ(CapsInt(sample, "width"), 32);
 
@@ -620,8 +620,8 @@ TEST(InterpipeCaps, ALaterCapsChangeIsTakenOnlyWhereRenegotiationIsAllowed)
     gst_app_src_set_caps(GST_APP_SRC(producer.Element("in").get()), changed);
     gst_caps_unref(changed);
     ASSERT_TRUE(producer.Push("in", Frame(10 * GST_MSECOND)));
-    SamplePtr taken = allowing.Pull("out");
-    SamplePtr refused = fixed.Pull("out");
+    GstSamplePtr taken = allowing.Pull("out");
+    GstSamplePtr refused = fixed.Pull("out");
     ASSERT_TRUE(taken && refused);
     EXPECT_TRUE(CapsHave(taken, "pixel-aspect-ratio"));
     EXPECT_FALSE(CapsHave(refused, "pixel-aspect-ratio"));

@@ -52,7 +52,7 @@ TEST_F(LaunchDescriptions, PlaybackPlaysARecordingAndAStillPictureToTheEnd)
 
     TestPipeline playback(DescriptionOf<PlaybackPipeline>(true));
     ASSERT_TRUE(playback.Parsed()) << playback.Error();
-    ObjectPtr<GstElement> playbin = playback.Element("pipeline0_playbin");
+    GstPtr<GstElement> playbin = playback.Element("pipeline0_playbin");
     ASSERT_TRUE(playbin);
     GstElement* video_sink = gst_element_factory_make("imxipuvideosink", nullptr);
     ASSERT_NE(video_sink, nullptr);

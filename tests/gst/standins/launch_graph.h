@@ -52,7 +52,7 @@ protected:
     // Counts the buffers entering a child's sink pad; `most` caps what a wait asks of this pad.
     void Count(const TestPipeline& pipeline, const char* child, unsigned most = UINT_MAX)
     {
-        ObjectPtr<GstElement> element = pipeline.Element(child);
+        GstPtr<GstElement> element = pipeline.Element(child);
         ASSERT_TRUE(element) << "no element " << child;
         _Counters.push_back({ &pipeline, child, std::make_unique<BufferCount>(element.get(), "sink"), most });
     }
@@ -60,7 +60,7 @@ protected:
     template <typename T>
     void Set(const TestPipeline& pipeline, const char* child, const char* property, T value)
     {
-        ObjectPtr<GstElement> element = pipeline.Element(child);
+        GstPtr<GstElement> element = pipeline.Element(child);
         ASSERT_TRUE(element) << "no element " << child;
         g_object_set(element.get(), property, value, nullptr);
     }
@@ -89,7 +89,7 @@ protected:
                 done = done && counter.count->Value() >= std::min(minimum, counter.most);
             }
             for (const TestPipeline* pipeline : graph) {
-                MessagePtr error = pipeline->WaitFor(GST_MESSAGE_ERROR, 0);
+                GstMessagePtr error = pipeline->WaitFor(GST_MESSAGE_ERROR, 0);
                 ASSERT_FALSE(error) << ErrorText(error.get()) << "; counted: " << report;
             }
             if (done)

@@ -13,7 +13,7 @@ TEST(CountingValve, PassesExactlyTheWrittenNumberAndEachWriteRearmsIt)
     TestPipeline pipeline("videotestsrc num-buffers=40 ! video/x-raw,width=64,height=48,framerate=10/1 ! "
                           "tarnwell-valve name=valve num-buffers-pass=3 ! fakesink name=sink");
     ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
-    ObjectPtr<GstElement> valve = pipeline.Element("valve");
+    GstPtr<GstElement> valve = pipeline.Element("valve");
     // Counts written ahead of input buffers: the same count again still re-arms,
     // a write while open restarts the count.
     const std::map<guint64, guint> writes { { 10, 2 }, { 20, 2 }, { 21, 4 } };

@@ -21,11 +21,11 @@ TEST(Exif, AddsAnApp1SegmentThatAReaderFindsTheMakerInAndTheDemuxerRestoresTheOr
     BufferProbe inputProbe(pipeline.Element("exif").get(), "sink",
         [&](GstBuffer* buffer) { input.push_back(BufferBytes(buffer)); });
     ASSERT_TRUE(pipeline.Play());
-    const std::vector<SamplePtr> tagged = pipeline.PullAll("tagged");
-    const std::vector<SamplePtr> plain = pipeline.PullAll("plain");
+    const std::vector<GstSamplePtr> tagged = pipeline.PullAll("tagged");
+    const std::vector<GstSamplePtr> plain = pipeline.PullAll("plain");
     // The tagged pictures decode, and the tags read from them name the maker.
     std::string maker;
-    while (MessagePtr message = pipeline.WaitFor(
+    while (GstMessagePtr message = pipeline.WaitFor(
                static_cast<GstMessageType>(GST_MESSAGE_TAG | GST_MESSAGE_EOS | GST_MESSAGE_ERROR))) {
         ASSERT_NE(GST_MESSAGE_TYPE(message.get()), GST_MESSAGE_ERROR) << ErrorText(message.get());
         if (GST_MESSAGE_TYPE(message.get()) == GST_MESSAGE_EOS)

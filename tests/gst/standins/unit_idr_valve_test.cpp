@@ -30,7 +30,7 @@ std::vector<Frame> RunValve(const std::string& streamFormat, bool createdOpen, i
         + std::to_string(keyInterval) + " ! h264parse ! video/x-h264,stream-format=" + streamFormat
         + ",alignment=au ! idrvalve name=valve" + (createdOpen ? "" : " drop=true")
         + " ! fakesink name=sink");
-    ObjectPtr<GstElement> valve = pipeline.Element("valve");
+    GstPtr<GstElement> valve = pipeline.Element("valve");
     std::vector<Frame> input;
     DropFirstBuffers skip(valve.get(), "sink", skipped);
     BufferProbe inputProbe(valve.get(), "sink", [&](GstBuffer* buffer) {

@@ -25,9 +25,9 @@ TEST(MuxPause, ALiveRecordingPausedForAWhileHoldsAllButThePausedStretchOfEachStr
         + " audiotestsrc is-live=true ! audio/x-raw,rate=44100 ! audioconvert ! avenc_aac ! "
           "muxpause name=audio_pause ! queue ! mux.");
     ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
-    ObjectPtr<GstElement> videoPause = pipeline.Element("video_pause");
-    ObjectPtr<GstElement> audioPause = pipeline.Element("audio_pause");
-    auto pauseLength = [](const ObjectPtr<GstElement>& pause) {
+    GstPtr<GstElement> videoPause = pipeline.Element("video_pause");
+    GstPtr<GstElement> audioPause = pipeline.Element("audio_pause");
+    auto pauseLength = [](const GstPtr<GstElement>& pause) {
         guint64 length = 0;
         g_object_get(pause.get(), "pause_length", &length, nullptr);
         return length;
@@ -72,7 +72,7 @@ TEST(MuxPause, ALiveRecordingPausedForAWhileHoldsAllButThePausedStretchOfEachStr
     // them where in each stream the pause fell): each stream handed on one timeline without the paused
     // stretch (a resume may wait up to one GOP for a key frame), its pause length is what was taken out,
     // and the file holds all the rest.
-    const std::pair<const char*, std::tuple<Span&, Span&, const ObjectPtr<GstElement>&>> streams[]
+    const std::pair<const char*, std::tuple<Span&, Span&, const GstPtr<GstElement>&>> streams[]
         = { { "v", { videoIn, videoOut, videoPause } }, { "a", { audioIn, audioOut, audioPause } } };
     for (const auto& [stream, spans] : streams) {
         const auto& [in, out, pause] = spans;

@@ -25,13 +25,13 @@ guint64 PauseLength(GstElement* element)
 
 // Frames at 10/s (live: as the clock runs) through a muxpause element that `beforeFrame` drives ahead of
 // each input frame (by index), to the end: the element and the timestamps it handed on.
-std::pair<ObjectPtr<GstElement>, std::vector<GstClockTime>> RunFrames(
+std::pair<GstPtr<GstElement>, std::vector<GstClockTime>> RunFrames(
     int frames, const std::function<void(GstElement*, size_t)>& beforeFrame, bool live = false)
 {
     TestPipeline pipeline("videotestsrc is-live=" + std::string(live ? "true" : "false")
         + " num-buffers=" + std::to_string(frames)
         + " ! video/x-raw,width=64,height=48,framerate=10/1 ! muxpause name=pause ! fakesink name=sink");
-    ObjectPtr<GstElement> pause = pipeline.Element("pause");
+    GstPtr<GstElement> pause = pipeline.Element("pause");
     size_t index = 0;
     BufferProbe inputProbe(pause.get(), "sink", [&](GstBuffer*) { beforeFrame(pause.get(), index++); });
     std::vector<GstClockTime> output;

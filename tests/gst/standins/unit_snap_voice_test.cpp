@@ -18,7 +18,7 @@ TEST(SnapVoice, PassesTheFirstIdrFrameAfterEachResetAndDropsTheRest)
         "video/x-h264,stream-format=avc,alignment=au ! snapvoice name=filter reset=true ! "
         "fakesink name=sink");
     ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
-    ObjectPtr<GstElement> filter = pipeline.Element("filter");
+    GstPtr<GstElement> filter = pipeline.Element("filter");
 
     // Started mid-GOP; reset again on a non-key frame after 30.
     DropFirstBuffers skip(filter.get(), "sink", 2);

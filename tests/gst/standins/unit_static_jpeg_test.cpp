@@ -32,7 +32,7 @@ TEST(StaticJpeg, ReplacesEveryFrameWithThePictureAndKeepsTheTimestamps)
     TestPipeline pipeline(kJpegFrames + "tarnwell-static-jpeg name=logo silent=true location=" + picture
         + " ! appsink name=out sync=false");
     ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
-    ObjectPtr<GstElement> logo = pipeline.Element("logo");
+    GstPtr<GstElement> logo = pipeline.Element("logo");
     std::vector<GstClockTime> inputTimes;
     std::vector<std::vector<guint8>> inputBytes;
     BufferProbe inputProbe(logo.get(), "sink", [&](GstBuffer* buffer) {
@@ -42,7 +42,7 @@ TEST(StaticJpeg, ReplacesEveryFrameWithThePictureAndKeepsTheTimestamps)
         inputBytes.push_back(BufferBytes(buffer));
     });
     ASSERT_TRUE(pipeline.Play());
-    const std::vector<SamplePtr> samples = pipeline.PullAll("out");
+    const std::vector<GstSamplePtr> samples = pipeline.PullAll("out");
 
     ASSERT_EQ(samples.size(), 10u);
     ASSERT_EQ(inputTimes.size(), 10u);
@@ -61,7 +61,7 @@ TEST(StaticJpeg, ShowsABuiltInPictureWithAWarningWhenTheFileCannotBeRead)
         + " ! jpegdec ! video/x-raw,format=I420,width=320,height=240 ! appsink name=out sync=false");
     ASSERT_TRUE(pipeline.Parsed() && pipeline.Play()) << pipeline.Error();
 
-    MessagePtr warning
+    GstMessagePtr warning
         = pipeline.WaitFor(static_cast<GstMessageType>(GST_MESSAGE_WARNING | GST_MESSAGE_ERROR));
     ASSERT_NE(warning, nullptr);
     EXPECT_EQ(GST_MESSAGE_TYPE(warning.get()), GST_MESSAGE_WARNING);
@@ -69,8 +69,8 @@ TEST(StaticJpeg, ShowsABuiltInPictureWithAWarningWhenTheFileCannotBeRead)
 
     // The moving input is gone: every frame decodes to the same picture of the stream's size
     // (the caps filter holds the size).
-    const std::vector<SamplePtr> samples = pipeline.PullAll("out");
+    const std::vector<GstSamplePtr> samples = pipeline.PullAll("out");
     ASSERT_EQ(samples.size(), 10u);
-    for (const SamplePtr& sample : samples)
+    for (const GstSamplePtr& sample : samples)
         EXPECT_EQ(SampleBytes(sample.get()), SampleBytes(samples.front().get()));
 }
