@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "common/function_signature.h"
+#include "common/normalised_path.h"
 #include "dbus-helper/dbus_connector.h"
 #include "log.h"
 #include "peer_properties.h"
@@ -190,7 +191,7 @@ int32_t StorageDaemonDbusHandler::GetStorageDeviceForFile(const std::string& fil
             continue;
         if (GetMountPoint(device, mount_point) < 0 || !StoragePath::Contains(mount_point, file))
             continue;
-        const size_t length = StoragePath::Normalise(mount_point).size();
+        const size_t length = VideoDaemon::NormalisedPath(mount_point).size();
         if (best.empty() || length > best_length) {
             best = device;
             best_length = length;

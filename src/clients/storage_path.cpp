@@ -1,32 +1,15 @@
-// Lexical path normalisation and component-wise prefix matching.
+// Component-wise prefix matching of normalised paths.
 #include "storage_path.h"
 
-#include <filesystem>
-#include <system_error>
+#include "common/normalised_path.h"
 
 namespace Storaged
 {
 
-std::string StoragePath::Normalise(const std::string& path)
-{
-    if (path.empty())
-        return "";
-    std::filesystem::path p(path);
-    if (p.is_relative()) {
-        std::error_code error;
-        const std::filesystem::path cwd = std::filesystem::current_path(error);
-        p = (error ? std::filesystem::path("/") : cwd) / p;
-    }
-    std::string text = p.lexically_normal().string();
-    while (text.size() > 1 && text.back() == '/')
-        text.pop_back();
-    return text;
-}
-
 bool StoragePath::Contains(const std::string& mountPoint, const std::string& file)
 {
-    const std::string mount = Normalise(mountPoint);
-    const std::string target = Normalise(file);
+    const std::string mount = VideoDaemon::NormalisedPath(mountPoint);
+    const std::string target = VideoDaemon::NormalisedPath(file);
     if (mount.empty() || target.empty())
         return false;
     if (mount == "/")

@@ -4,12 +4,10 @@
 #include <vector>
 
 #include "clients/storage_daemon_dbus_handler.h"
-#include "clients/storage_path.h"
 #include "dbus/dbus_test_env.h"
 #include "log_capture.h"
 
 using Storaged::StorageDaemonDbusHandler;
-using Storaged::StoragePath;
 using VideodTest::RunMainLoopUntil;
 
 namespace
@@ -55,27 +53,6 @@ protected:
 };
 
 } // namespace
-
-TEST(StoragePath, NormalisesToAnAbsolutePathWithoutDotsOrTrailingSlashes)
-{
-    EXPECT_EQ(StoragePath::Normalise("/media//sd/./DCIM/../video.mp4"), "/media/sd/video.mp4");
-    EXPECT_EQ(StoragePath::Normalise("/media/sd/"), "/media/sd");
-    EXPECT_EQ(StoragePath::Normalise("/"), "/");
-    EXPECT_EQ(StoragePath::Normalise(""), "");
-    EXPECT_EQ(StoragePath::Normalise("clip.mp4"), (std::filesystem::current_path() / "clip.mp4").string());
-}
-
-TEST(StoragePath, MatchesWholePathComponentsOnly)
-{
-    EXPECT_TRUE(StoragePath::Contains("/media/sd", "/media/sd/video.mp4"));
-    EXPECT_TRUE(StoragePath::Contains("/media/sd/", "/media/sd/video.mp4"));
-    EXPECT_TRUE(StoragePath::Contains("/media/sd", "/media/sd"));
-    EXPECT_TRUE(StoragePath::Contains("/", "/anything"));
-    EXPECT_FALSE(StoragePath::Contains("/media/sd", "/media/sd2/video.mp4"));
-    EXPECT_FALSE(StoragePath::Contains("/media/sd", "/media/sdcard"));
-    EXPECT_FALSE(StoragePath::Contains("/media/sd", "/media/sd/../sd2/video.mp4"));
-    EXPECT_FALSE(StoragePath::Contains("", "/media/sd/video.mp4"));
-}
 
 TEST_F(StorageClient, ReadsTheDevicePropertiesOfTheManager)
 {
