@@ -16,6 +16,8 @@
 //   gst-launch-1.0 audiotestsrc is-live=true ! avenc_aac ! muxpause name=p ! mp4mux ! filesink location=a.mp4
 #include "mux_pause.h"
 
+#include "common/gst_ptr.h"
+
 GST_DEBUG_CATEGORY_STATIC(mux_pause_debug);
 #define GST_CAT_DEFAULT mux_pause_debug
 
@@ -42,12 +44,10 @@ GST_ELEMENT_REGISTER_DEFINE(muxpause, "muxpause", GST_RANK_NONE, MUX_TYPE_PAUSE)
 // The time on the element's clock (the system clock before it has one).
 static GstClockTime mux_pause_now(MuxPause* self)
 {
-    GstClock* clock = gst_element_get_clock(GST_ELEMENT(self));
+    VideoDaemon::GstPtr<GstClock> clock(gst_element_get_clock(GST_ELEMENT(self)));
     if (!clock)
-        clock = gst_system_clock_obtain();
-    const GstClockTime now = gst_clock_get_time(clock);
-    gst_object_unref(clock);
-    return now;
+        clock.reset(gst_system_clock_obtain());
+    return gst_clock_get_time(clock.get());
 }
 
 // Caller holds the object lock.
