@@ -7,14 +7,14 @@
 #include <string>
 #include <vector>
 
-#include "clients/remote_bus_listener.h"
+#include "clients/dbus_listener.h"
 #include "common/glib_ptr.h"
 #include "dbus-helper/dbus_connector.h"
 #include "dbus/dbus_test_env.h"
 #include "log_capture.h"
 
 // The fixture below takes the class's name as its suite name.
-using Listener = VideoDaemon::RemoteBusListener;
+using Listener = VideoDaemon::DbusListener;
 using VideoDaemon::Log::kError;
 using VideoDaemon::Log::kInfo;
 using VideoDaemon::Log::kWarning;

@@ -11,14 +11,14 @@
 namespace VideoDaemon
 {
 
-// Its log lines carry the tag "DbusListener".
-class RemoteBusListener
+// The daemon's own listener; the subscriptions themselves are DbusHelper::DbusListener's.
+class DbusListener
 {
 public:
-    RemoteBusListener();
-    ~RemoteBusListener();
-    RemoteBusListener(const RemoteBusListener&) = delete;
-    RemoteBusListener& operator=(const RemoteBusListener&) = delete;
+    DbusListener();
+    ~DbusListener();
+    DbusListener(const DbusListener&) = delete;
+    DbusListener& operator=(const DbusListener&) = delete;
 
     // The remote-path argument that selects the user bus socket
     // "/tmp/dbus-<identifier>" of a remote unit.

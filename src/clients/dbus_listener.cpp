@@ -1,5 +1,5 @@
 // Remote bus listener: local and remote connections, raw motion samples.
-#include "remote_bus_listener.h"
+#include "dbus_listener.h"
 
 #include "dbus-helper/sd_bus_open_user_remote.h"
 #include "log.h"
@@ -13,7 +13,7 @@ const char* const kCameraInterface = "com.tarnwell.common.Camd1.Camera";
 const char* const kRawMotionData = "RawMotionData";
 } // namespace
 
-RemoteBusListener::RemoteBusListener()
+DbusListener::DbusListener()
 {
     // A unit that goes away closes its connection; the listener lets it go.
     _Local.SetClosedHandler([] { Log::Warning("DbusListener, local dbus closed"); });
@@ -21,19 +21,19 @@ RemoteBusListener::RemoteBusListener()
         [this] { Log::Warning("DbusListener, remote dbus %s closed", _RemoteName.c_str()); });
 }
 
-RemoteBusListener::~RemoteBusListener()
+DbusListener::~DbusListener()
 {
     Stop();
 }
 
-std::string RemoteBusListener::RemotePath(const std::string& identifier)
+std::string DbusListener::RemotePath(const std::string& identifier)
 {
     // Decoded: " --bus-path=unix:abstract=/tmp/dbus-<identifier>", appended
     // to the remote bridge's command line.
     return "%20--bus-path%3Dunix%3Aabstract%3D/tmp/dbus-" + identifier;
 }
 
-int RemoteBusListener::Open(const std::string& host, const std::string& identifier)
+int DbusListener::Open(const std::string& host, const std::string& identifier)
 {
     int r = 0;
     if (!host.empty() && !identifier.empty()) {
@@ -49,7 +49,7 @@ int RemoteBusListener::Open(const std::string& host, const std::string& identifi
     return r < 0 ? -1 : 0;
 }
 
-int RemoteBusListener::Start(const std::string& host, const std::string& identifier)
+int DbusListener::Start(const std::string& host, const std::string& identifier)
 {
     Stop();
     int r = Open("", "");
@@ -67,25 +67,25 @@ int RemoteBusListener::Start(const std::string& host, const std::string& identif
     }
     // Any sender, any path.
     r = _Local.ListenSignal(
-        "", "", kCameraInterface, kRawMotionData, &RemoteBusListener::RawMotionDataHandler, this);
+        "", "", kCameraInterface, kRawMotionData, &DbusListener::RawMotionDataHandler, this);
     if (r < 0)
         Log::Error("DbusListener, failed register %s:%s:%s:%s", "", "", kCameraInterface, kRawMotionData);
     return 0;
 }
 
-void RemoteBusListener::Stop()
+void DbusListener::Stop()
 {
     _Local.Disconnect();
     _Remote.Disconnect();
     _RemoteName.clear();
 }
 
-int RemoteBusListener::RawMotionDataHandler(sd_bus_message* message, void* userdata, sd_bus_error*)
+int DbusListener::RawMotionDataHandler(sd_bus_message* message, void* userdata, sd_bus_error*)
 {
     double v[7] = {};
     if (sd_bus_message_read(message, "ddddddd", &v[0], &v[1], &v[2], &v[3], &v[4], &v[5], &v[6]) < 0)
         return -1;
-    static_cast<RemoteBusListener*>(userdata)->_RawMotionData.emit(v[0], v[1], v[2], v[3], v[4], v[5], v[6]);
+    static_cast<DbusListener*>(userdata)->_RawMotionData.emit(v[0], v[1], v[2], v[3], v[4], v[5], v[6]);
     return 0;
 }
 
