@@ -138,6 +138,11 @@ bool Pipeline::Launch(bool attach_probes, bool connect_bus, bool connect_queue_s
     return result;
 }
 
+int Pipeline::Initialize(const LaunchFlags& flags)
+{
+    return Launch(flags.attach_probes, true, flags.connect_queue_signals) ? 1 : 0;
+}
+
 bool Pipeline::ConnectBusMessages()
 {
     if (!pipeline)
@@ -146,8 +151,8 @@ bool Pipeline::ConnectBusMessages()
     // A bus has one watch at a time: the old one goes before the new one.
     RemoveBusWatch();
     GstPtr<GstBus> bus(gst_pipeline_get_bus(pipeline.get()));
-    _BusWatch = AttachSource(
-        gst_bus_create_watch(bus.get()), G_SOURCE_FUNC(gst_bus_async_signal_func), nullptr);
+    _BusWatch
+        = AttachSource(gst_bus_create_watch(bus.get()), G_SOURCE_FUNC(gst_bus_async_signal_func), nullptr);
 
     // Connecting again replaces only the base's own handlers: those of a
     // subclass on the same bus stay.

@@ -33,6 +33,13 @@ public:
         std::unique_ptr<FramerateProbe> probe;
     };
 
+    // The metrics a daemon launch sets up besides the bus watch: the
+    // registered frame-rate probes and the queue notifications.
+    struct LaunchFlags {
+        bool attach_probes = false;
+        bool connect_queue_signals = false;
+    };
+
     // Queue states as stored in queue_states.
     enum QueueState : int32_t { kQueueUnknown = 0, kQueueUnderrun = 1, kQueueOverrun = 2, kQueueRunning = 3 };
 
@@ -51,6 +58,9 @@ public:
     // Builds (or rebuilds) the pipeline from GetDescription(). True when a
     // pipeline was built and, with connect_bus, its bus connected.
     virtual bool Launch(bool attach_probes, bool connect_bus, bool connect_queue_signals);
+    // How the daemon initialises a pipeline: Launch with the bus connected
+    // and the metrics `flags` asks for. 1 when launched, 0 on failure.
+    int Initialize(const LaunchFlags& flags);
     virtual std::string GetDescription();
     // Releases the pipeline unless it is PLAYING.
     virtual bool TearDown();
