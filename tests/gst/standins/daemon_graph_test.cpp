@@ -3,6 +3,11 @@
 // time and passes buffers end to end.
 #include "launch_graph.h"
 
+#include <array>
+#include <map>
+
+#include "streamers/pipeline_graph.h"
+
 using namespace LaunchGraph;
 
 namespace
@@ -10,55 +15,62 @@ namespace
 
 // The whole graph with the NTSC camera selected: camera -> GPU -> overlays ->
 // display, encoders, snapshot; camera -> MJPEG -> TCP server -> TCP client;
-// microphone -> AAC -> the three muxers.
+// microphone -> AAC -> the three muxers. The links are the streamer's own
+// table.
 TEST_F(LaunchDescriptions, LinkedAsTheDaemonLinksThemEveryStagePassesBuffers)
 {
-    TestPipeline camera(DescriptionOf<NtscCameraInputPipeline>());
-    TestPipeline gpu(DescriptionOf<GpuPipeline>());
-    TestPipeline overlay_display(DescriptionOf<OverlayPipeline>("display"));
-    TestPipeline overlay_recording(DescriptionOf<OverlayPipeline>("recording"));
-    TestPipeline display(DescriptionOf<DisplayPipeline>());
-    TestPipeline h264_video(DescriptionOf<H264EncodePipeline>("video"));
-    TestPipeline h264_autolog(DescriptionOf<H264EncodePipeline>("autolog"));
-    TestPipeline snapshot(DescriptionOf<SnapshotPipeline>());
-    TestPipeline jpeg(DescriptionOf<JpegEncodePipeline>());
-    TestPipeline microphone(DescriptionOf<MicInputPipeline>());
-    // Each AAC encoder numbers its interpipe names.
-    AacEncodePipeline aacNames;
-    const std::string aacSource = aacNames.GetSourceName(), aacSink = aacNames.GetSinkName();
-    TestPipeline aac(aacNames.GetDescription());
-    TestPipeline mux_video(DescriptionOf<Mp4muxPipeline>("video"));
-    TestPipeline mux_autolog(DescriptionOf<Mp4muxPipeline>("autolog"));
-    TestPipeline snapvoice(DescriptionOf<SnapvoicePipeline>());
-    TestPipeline mjpeg(DescriptionOf<MjpegEncodePipeline>());
+    // The daemon's pipeline objects write every description and name every
+    // interpipe end (each AAC encoder numbers its names).
+    std::array<std::unique_ptr<Pipeline>, PipelineGraph::kPipelineCount> daemon;
+    for (const PipelineGraph::Node& node : PipelineGraph::Nodes())
+        daemon[static_cast<size_t>(node.index)] = node.create();
+    auto daemon_at = [&](int index) -> Pipeline& { return *daemon[static_cast<size_t>(index)]; };
     // Port 0: the server picks a free port, so this test needs no lock.
-    TcpServerPipeline server;
-    server.SetServerAddress("127.0.0.1", 0);
-    TestPipeline tcp_server(server.GetDescription());
-    TestPipeline tcp_client(DescriptionOf<TcpClientPipeline>());
+    static_cast<TcpServerPipeline&>(daemon_at(kTcpServerIndex)).SetServerAddress("127.0.0.1", 0);
+
+    // Every pipeline of the graph but the inputs not selected, the input mux,
+    // the speaker and playback.
+    std::map<int, std::unique_ptr<TestPipeline>> staged;
+    for (int index : { kNtscCameraIndex, kGpuIndex, kOverlayDisplayIndex, kOverlayRecordingIndex,
+             kDisplayIndex, kH264VideoIndex, kH264AutologIndex, kSnapshotIndex, kMicInputIndex,
+             kAacEncodeIndex, kMp4muxVideoIndex, kMp4muxAutologIndex, kSnapvoiceIndex, kMjpegEncodeIndex,
+             kTcpServerIndex, kTcpClientIndex })
+        staged[index] = std::make_unique<TestPipeline>(daemon_at(index).GetDescription());
+    TestPipeline& camera = *staged[kNtscCameraIndex];
+    TestPipeline& gpu = *staged[kGpuIndex];
+    TestPipeline& overlay_display = *staged[kOverlayDisplayIndex];
+    TestPipeline& overlay_recording = *staged[kOverlayRecordingIndex];
+    TestPipeline& display = *staged[kDisplayIndex];
+    TestPipeline& h264_video = *staged[kH264VideoIndex];
+    TestPipeline& h264_autolog = *staged[kH264AutologIndex];
+    TestPipeline& snapshot = *staged[kSnapshotIndex];
+    TestPipeline& microphone = *staged[kMicInputIndex];
+    TestPipeline& aac = *staged[kAacEncodeIndex];
+    TestPipeline& mux_video = *staged[kMp4muxVideoIndex];
+    TestPipeline& mux_autolog = *staged[kMp4muxAutologIndex];
+    TestPipeline& snapvoice = *staged[kSnapvoiceIndex];
+    TestPipeline& mjpeg = *staged[kMjpegEncodeIndex];
+    TestPipeline& tcp_server = *staged[kTcpServerIndex];
+    TestPipeline& tcp_client = *staged[kTcpClientIndex];
+    // Beside the streamer's graph: the still-image encoder on the
+    // "recording" overlay.
+    TestPipeline jpeg(DescriptionOf<JpegEncodePipeline>());
+    const std::string aacSink = daemon_at(kAacEncodeIndex).GetSinkName();
     std::vector<const TestPipeline*> graph = { &camera, &gpu, &overlay_display, &overlay_recording, &display,
         &h264_video, &h264_autolog, &snapshot, &jpeg, &microphone, &aac, &mux_video, &mux_autolog, &snapvoice,
         &mjpeg, &tcp_server, &tcp_client };
     for (const TestPipeline* pipeline : graph)
         ASSERT_TRUE(pipeline->Parsed()) << pipeline->Error();
 
-    Set(gpu, "gpu_source", "listen-to", "camera_input_video");
-    Set(mjpeg, "mjpeg_encode_source", "listen-to", "camera_input_video");
-    Set(overlay_display, "svg_overlay_source_display", "listen-to", "gpu_sink");
-    Set(overlay_recording, "svg_overlay_source_recording", "listen-to", "gpu_sink");
-    Set(display, "display_source", "listen-to", "svg_overlay_sink_first_display");
-    Set(h264_video, "video_h264_source", "listen-to", "svg_overlay_sink_first_recording");
-    Set(snapshot, "snapshot_source", "listen-to", "svg_overlay_sink_first_recording");
-    Set(h264_autolog, "autolog_h264_source", "listen-to", "svg_overlay_sink_first_recording");
-    Set(jpeg, "jpeg_encode_source", "listen-to", "svg_overlay_sink_first_recording");
-    Set(aac, aacSource.c_str(), "listen-to", "mic_input");
-    Set(mux_video, "video_mp4mux_video0", "listen-to", "video_h264_sink");
-    Set(mux_video, "video_mp4mux_audio0", "listen-to", aacSink.c_str());
-    Set(tcp_server, "tcp_server_source", "listen-to", "mjpeg_encode_sink");
-    Set(snapvoice, "snapvoice_mp4mux_video0", "listen-to", "video_h264_sink");
-    Set(snapvoice, "snapvoice_mp4mux_audio0", "listen-to", aacSink.c_str());
-    Set(mux_autolog, "autolog_mp4mux_video0", "listen-to", "autolog_h264_sink");
-    Set(mux_autolog, "autolog_mp4mux_audio0", "listen-to", aacSink.c_str());
+    for (int index : PipelineGraph::InputListeners())
+        Set(*staged.at(index), daemon_at(index).GetSourceName().c_str(), "listen-to",
+            daemon_at(kNtscCameraIndex).GetSinkName().c_str());
+    for (const PipelineGraph::Link& link : PipelineGraph::Links()) {
+        const std::string source = PipelineGraph::ListenerSourceName(link, daemon_at(link.listener));
+        Set(*staged.at(link.listener), source.c_str(), "listen-to",
+            daemon_at(link.producer).GetSinkName().c_str());
+    }
+    Set(jpeg, "jpeg_encode_source", "listen-to", daemon_at(kOverlayRecordingIndex).GetSinkName().c_str());
 
     // What a capture does: open the valves and give the muxers files.
     const std::string video_file = _Dir.File("video.mp4");
