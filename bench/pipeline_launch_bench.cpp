@@ -8,6 +8,7 @@
 #include <memory>
 #include <thread>
 
+#include "gst/pipelines/described_pipeline.h"
 #include "gst/pipelines/recording_chain.h"
 #include "pipelines/audio_speaker_pipeline.h"
 #include "pipelines/display_pipeline.h"
@@ -145,7 +146,7 @@ int main()
     std::printf("recording chain 640x480 29.97 fps, %.1f s recorded (%" G_GUINT64_FORMAT " bytes):\n",
         seconds, bytes);
     std::printf("  recording  %.2f CPU s per recorded s\n", cpu / seconds);
-    std::printf("  idle chain %.2f CPU s per s (test input, BGRA stage, microphone, AAC; valve closed)\n",
+    std::printf("  idle chain %.2f CPU s per s (the daemon's graph on the test input; valve closed, AAC idle)\n",
         idle_cpu / idle_seconds);
     std::printf("  recording adds %.2f CPU s per recorded s\n", cpu / seconds - idle_cpu / idle_seconds);
     return 0;
