@@ -615,10 +615,9 @@ TEST(InterpipeCaps, ALaterCapsChangeIsTakenOnlyWhereRenegotiationIsAllowed)
     for (const TestPipeline* p : { &allowing, &fixed })
         ASSERT_TRUE(p->Pull("out"));
 
-    GstCaps* changed = gst_caps_from_string(
+    g_autoptr(GstCaps) changed = gst_caps_from_string(
         "video/x-raw,format=GRAY8,width=16,height=16,framerate=100/1,pixel-aspect-ratio=1/1");
     gst_app_src_set_caps(GST_APP_SRC(producer.Element("in").get()), changed);
-    gst_caps_unref(changed);
     ASSERT_TRUE(producer.Push("in", Frame(10 * GST_MSECOND)));
     GstSamplePtr taken = allowing.Pull("out");
     GstSamplePtr refused = fixed.Pull("out");
