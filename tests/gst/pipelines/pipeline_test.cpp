@@ -113,6 +113,37 @@ TEST(Pipeline, EmptyBlankOrFaultyDescriptionsCannotLaunchNorChangeState)
     EXPECT_NE(ElementOf(collapsed, "two blanks"), nullptr) << "runs of blanks collapse even inside quotes";
 }
 
+TEST(Pipeline, InitializeLaunchesWithTheBusWatchedAndOnlyTheMetricsAskedForAndReturnsOneOrZero)
+{
+    // The missing pad and queue make each metric's set-up visible in the log.
+    const std::string probe_line = "pad == NULL (sink.no_such_pad)";
+    const std::string queue_line = "'absent' failed to register queue state signals";
+    for (const auto& [probes, queues] : { std::pair { false, false }, { true, false }, { false, true } }) {
+        LogCapture log;
+        DescribedPipeline pipeline(kLive);
+        pipeline.CreateFramerateProbe("rate", "sink", "no_such_pad");
+        pipeline.MonitorQueue("absent");
+        Pipeline::LaunchFlags flags;
+        flags.attach_probes = probes;
+        flags.connect_queue_signals = queues;
+        EXPECT_EQ(1, pipeline.Initialize(flags));
+        EXPECT_EQ(probes, log.ContainsText(probe_line)) << probes << queues;
+        EXPECT_EQ(queues, log.ContainsText(queue_line)) << probes << queues;
+
+        // The bus is watched: an element's error reaches signal_error.
+        std::string reported;
+        pipeline.signal_error.connect([&](std::string message) { reported = message; });
+        GstElement* top = GST_ELEMENT(pipeline.GetPipeline());
+        VideoDaemon::GErrorPtr error(g_error_new_literal(GST_CORE_ERROR, GST_CORE_ERROR_FAILED, "raised"));
+        gst_element_post_message(top, gst_message_new_error(GST_OBJECT(top), error.get(), nullptr));
+        EXPECT_TRUE(RunMainLoopUntil([&] { return reported == "raised"; }));
+    }
+
+    DescribedPipeline faulty("no_such_element_here ! fakesink");
+    EXPECT_EQ(0, faulty.Initialize(Pipeline::LaunchFlags()));
+    EXPECT_EQ(nullptr, faulty.GetPipeline());
+}
+
 TEST(Pipeline, MonitoredQueuesThatCannotBeConnectedAreReportedAndTheOthersConnected)
 {
     LogCapture log;
