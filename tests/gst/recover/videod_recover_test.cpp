@@ -1,0 +1,370 @@
+// videod-recover on captures whose recording process was killed (SIGKILL) six seconds into a recording
+// made with the daemon's pipelines on the simulated camera, judged by ffprobe; and on bad input.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/ffprobe.h"
+#include "support/gst_test_pipeline.h"
+
+using namespace GstTest;
+
+namespace
+{
+
+const double kRecordSeconds = 6.0;
+// The goal: no more than this much of a recording lost.
+const double kMostLost = 0.5;
+
+struct Outcome {
+    int status = -1; // the exit status, -1 when the program did not exit normally
+    std::string out;
+    std::string err;
+};
+
+Outcome RunCommand(const std::vector<std::string>& arguments)
+{
+    std::vector<gchar*> argv;
+    for (const std::string& argument : arguments)
+        argv.push_back(const_cast<gchar*>(argument.c_str()));
+    argv.push_back(nullptr);
+    gchar* raw_out = nullptr;
+    gchar* raw_err = nullptr;
+    gint wait_status = 0;
+    Outcome outcome;
+    if (!g_spawn_sync(nullptr, argv.data(), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr, &raw_out,
+            &raw_err, &wait_status, nullptr))
+        return outcome;
+    VideoDaemon::GCharPtr out(raw_out);
+    VideoDaemon::GCharPtr err(raw_err);
+    outcome.out = out ? out.get() : "";
+    outcome.err = err ? err.get() : "";
+    if (WIFEXITED(wait_status))
+        outcome.status = WEXITSTATUS(wait_status);
+    return outcome;
+}
+
+Outcome Recover(const std::string& broken, const std::string& recovery, const std::string& out)
+{
+    return RunCommand({ VIDEOD_RECOVER, broken, recovery, out });
+}
+
+std::vector<std::uint8_t> Bytes(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return std::vector<std::uint8_t>(
+        (std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+}
+
+void WriteBytes(const std::string& path, const std::vector<std::uint8_t>& bytes)
+{
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
+// A capture recorded by a separate process that is killed with SIGKILL `seconds` after its recording
+// started. `sink_buffer` (bytes, "" for the daemon's own setting) replaces the file sink's buffer.
+struct KilledRecording {
+    std::string file;
+    std::string recovery;
+    double recorded = 0;
+    std::string failure;
+
+    KilledRecording(const TempDir& dir, const std::string& sink_buffer = "")
+        : file(dir.File("capture.mp4"))
+        , recovery(dir.File("capture.mrf"))
+    {
+        std::vector<std::string> arguments { RECORDING_PROCESS, file, recovery };
+        if (!sink_buffer.empty())
+            arguments.push_back(sink_buffer);
+        std::vector<gchar*> argv;
+        for (const std::string& argument : arguments)
+            argv.push_back(const_cast<gchar*>(argument.c_str()));
+        argv.push_back(nullptr);
+        GPid pid = 0;
+        gint out = -1;
+        if (!g_spawn_async_with_pipes(nullptr, argv.data(), nullptr, G_SPAWN_DO_NOT_REAP_CHILD, nullptr,
+                nullptr, &pid, nullptr, &out, nullptr, nullptr)) {
+            failure = "the recording process did not start";
+            return;
+        }
+        // Its one line says the recording runs.
+        std::string line;
+        char c = 0;
+        while (line.find('\n') == std::string::npos && read(out, &c, 1) == 1)
+            line += c;
+        close(out);
+        const auto start = std::chrono::steady_clock::now();
+        if (line != "recording\n") {
+            failure = "the recording process failed before recording";
+        } else {
+            std::this_thread::sleep_until(start + std::chrono::duration<double>(kRecordSeconds));
+            recorded = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        }
+        kill(pid, SIGKILL);
+        int status = 0;
+        waitpid(pid, &status, 0);
+        g_spawn_close_pid(pid);
+    }
+};
+
+double Duration(const std::string& file, const std::string& stream)
+{
+    return FfprobeNumber(file, "stream=duration", stream);
+}
+
+// The sizes of a stream's packets in file order.
+std::vector<std::string> PacketSizes(const std::string& file, const std::string& stream)
+{
+    return FfprobeValues(file, "packet=size", stream);
+}
+
+std::uint64_t Sum(const std::vector<std::string>& sizes)
+{
+    std::uint64_t total = 0;
+    for (const std::string& size : sizes)
+        total += std::stoull(size);
+    return total;
+}
+
+// Bytes of media data in a capture the muxer never finished: everything after the mdat header.
+std::uint64_t MediaBytes(const std::string& file)
+{
+    const std::vector<std::uint8_t> bytes = Bytes(file);
+    const std::string text(bytes.begin(), bytes.begin() + std::min<std::size_t>(bytes.size(), 256));
+    const std::size_t mdat = text.find("mdat");
+    return mdat == std::string::npos ? 0 : bytes.size() - (mdat + 4);
+}
+
+// What the stock element makes of the same inputs, for comparison.
+std::string StockRecovery(const KilledRecording& recording, const std::string& out)
+{
+    RunCommand({ "gst-launch-1.0", "-q", "qtmoovrecover", "recovery-input=" + recording.recovery,
+        "broken-input=" + recording.file, "fixed-output=" + out });
+    return out;
+}
+
+void PrintLoss(const char* what, const KilledRecording& recording, const std::string& file)
+{
+    const double video = Duration(file, "v:0");
+    const double audio = Duration(file, "a:0");
+    std::printf("%-40s recorded %.3f s, video %.3f s (lost %.3f s), audio %.3f s (lost %.3f s)\n", what,
+        recording.recorded, video, recording.recorded - video, audio, recording.recorded - audio);
+}
+
+void ExpectCaptureStreams(const std::string& file)
+{
+    auto video = FfprobeEntries(file, "stream=codec_name,profile,width,height", "v:0");
+    EXPECT_EQ(video["codec_name"], "h264");
+    EXPECT_EQ(video["profile"], "Main");
+    EXPECT_EQ(video["width"], "640");
+    EXPECT_EQ(video["height"], "480");
+    auto audio = FfprobeEntries(file, "stream=codec_name,sample_rate,channels", "a:0");
+    EXPECT_EQ(audio["codec_name"], "aac");
+    EXPECT_EQ(audio["sample_rate"], "48000");
+    EXPECT_EQ(audio["channels"], "2");
+    const std::vector<Packet> packets = FfprobePackets(file, "v:0");
+    ASSERT_FALSE(packets.empty());
+    EXPECT_EQ(packets.front().flags.substr(0, 1), "K");
+    EXPECT_TRUE(FfmpegDecodesCleanly(file));
+}
+
+} // namespace
+
+// With the daemon's pipelines as they are, the recovered file holds every whole sample that reached the
+// disk: its packets take up the media data of the killed capture but for a sample cut off at its end.
+TEST(VideodRecover, RecoversAKilledRecordingUpToTheLastWholeSampleOnDisk)
+{
+    TempDir dir;
+    KilledRecording recording(dir);
+    ASSERT_TRUE(recording.failure.empty()) << recording.failure;
+    const std::string out = dir.File("recovered.mp4");
+    const Outcome outcome = Recover(recording.file, recording.recovery, out);
+    ASSERT_EQ(outcome.status, 0) << outcome.err;
+    std::printf("%s", outcome.out.c_str());
+
+    ExpectCaptureStreams(out);
+    const std::vector<std::string> video = PacketSizes(out, "v:0");
+    const std::vector<std::string> audio = PacketSizes(out, "a:0");
+    const std::uint64_t on_disk = MediaBytes(recording.file);
+    const std::uint64_t recovered = Sum(video) + Sum(audio);
+    EXPECT_LE(recovered, on_disk);
+    // A cut-off sample is at most one picture of this stream.
+    EXPECT_LT(on_disk - recovered, 64u * 1024) << on_disk << " bytes on disk, " << recovered << " recovered";
+
+    const std::string stock = StockRecovery(recording, dir.File("stock.mp4"));
+    PrintLoss("qtmoovrecover:", recording, stock);
+    PrintLoss("videod-recover:", recording, out);
+    // Never less than the stock element recovers.
+    EXPECT_GE(Duration(out, "v:0") + 0.001, Duration(stock, "v:0"));
+    EXPECT_GE(Duration(out, "a:0") + 0.001, Duration(stock, "a:0"));
+    // The recovered file plays for as long as its samples last.
+    EXPECT_NEAR(
+        FfprobeNumber(out, "format=duration"), std::max(Duration(out, "v:0"), Duration(out, "a:0")), 0.1);
+}
+
+// The recovery file is written through a buffer and falls behind the media data; cut it back to its first
+// ten entries and the index rebuilt from the media data finds the very same samples.
+TEST(VideodRecover, RebuildsTheIndexFromTheMediaDataWhereTheRecoveryFileFallsBehind)
+{
+    TempDir dir;
+    KilledRecording recording(dir);
+    ASSERT_TRUE(recording.failure.empty()) << recording.failure;
+    const std::string full = dir.File("full.mp4");
+    ASSERT_EQ(Recover(recording.file, recording.recovery, full).status, 0);
+
+    // The header ends where the first entry (34 bytes) begins: the recovery file minus whole entries.
+    const std::vector<std::uint8_t> recovery = Bytes(recording.recovery);
+    std::size_t header = recovery.size();
+    {
+        // Entries follow the last track box; the track boxes are what qtmux wrote first.
+        const std::string text(recovery.begin(), recovery.end());
+        std::size_t trak = text.rfind("trak");
+        ASSERT_NE(trak, std::string::npos);
+        trak -= 4;
+        const std::size_t size = (std::size_t(recovery[trak]) << 24) | (std::size_t(recovery[trak + 1]) << 16)
+            | (std::size_t(recovery[trak + 2]) << 8) | recovery[trak + 3];
+        header = trak + size;
+    }
+    ASSERT_GT((recovery.size() - header) / 34, 10u);
+    const std::string cut = dir.File("cut.mrf");
+    WriteBytes(cut, std::vector<std::uint8_t>(recovery.begin(), recovery.begin() + header + 10 * 34));
+
+    const std::string rebuilt = dir.File("rebuilt.mp4");
+    const Outcome outcome = Recover(recording.file, cut, rebuilt);
+    ASSERT_EQ(outcome.status, 0) << outcome.err;
+    std::printf("%s", outcome.out.c_str());
+    ExpectCaptureStreams(rebuilt);
+    EXPECT_EQ(PacketSizes(rebuilt, "v:0"), PacketSizes(full, "v:0"));
+    EXPECT_EQ(PacketSizes(rebuilt, "a:0"), PacketSizes(full, "a:0"));
+    EXPECT_EQ(FfprobeValues(rebuilt, "packet=flags", "v:0"), FfprobeValues(full, "packet=flags", "v:0"));
+    EXPECT_NEAR(Duration(rebuilt, "a:0"), Duration(full, "a:0"), 0.001);
+    // Video durations past the entries are the typical frame interval.
+    EXPECT_NEAR(Duration(rebuilt, "v:0"), Duration(full, "v:0"), 0.2);
+
+    // Damaged copies of the inputs end in a clean failure or a file, never in a crash.
+    std::mt19937 random(7);
+    const std::vector<std::uint8_t> media = Bytes(recording.file);
+    for (int round = 0; round < 12; ++round) {
+        std::vector<std::uint8_t> bad_recovery = recovery;
+        std::vector<std::uint8_t> bad_media = media;
+        for (int flips = 0; flips < 20; ++flips) {
+            bad_recovery[random() % bad_recovery.size()] ^= static_cast<std::uint8_t>(1 + random() % 255);
+            bad_media[random() % bad_media.size()] ^= static_cast<std::uint8_t>(1 + random() % 255);
+        }
+        const std::string bad_recovery_path = dir.File("bad.mrf");
+        const std::string bad_media_path = dir.File("bad.mp4");
+        WriteBytes(bad_recovery_path, bad_recovery);
+        WriteBytes(bad_media_path, round % 2 ? bad_media : media);
+        const Outcome damaged = Recover(bad_media_path, bad_recovery_path, dir.File("bad-out.mp4"));
+        EXPECT_TRUE(damaged.status == 0 || damaged.status == 1) << "round " << round << ": " << damaged.err;
+    }
+}
+
+// When the file sink writes each buffer as it comes (the daemon keeps filesink's 64 KiB buffer), the
+// recovery file is what falls behind, and the index rebuilt from the media data keeps the loss within the
+// goal where the recovery file's entries alone lose more.
+TEST(VideodRecover, LosesAtMostHalfASecondOfAKilledRecordingWhoseSinkWritesEachBuffer)
+{
+    TempDir dir;
+    KilledRecording recording(dir, "0");
+    ASSERT_TRUE(recording.failure.empty()) << recording.failure;
+    const std::string out = dir.File("recovered.mp4");
+    const Outcome outcome = Recover(recording.file, recording.recovery, out);
+    ASSERT_EQ(outcome.status, 0) << outcome.err;
+    std::printf("%s", outcome.out.c_str());
+    ExpectCaptureStreams(out);
+
+    PrintLoss("qtmoovrecover:", recording, StockRecovery(recording, dir.File("stock.mp4")));
+    PrintLoss("videod-recover:", recording, out);
+    EXPECT_LE(recording.recorded - Duration(out, "v:0"), kMostLost);
+    EXPECT_LE(recording.recorded - Duration(out, "a:0"), kMostLost);
+}
+
+// A capture the muxer finished needs no recovery: it is copied byte for byte, with or without a
+// recovery file.
+TEST(VideodRecover, CopiesAFinishedCaptureUnchanged)
+{
+    TempDir dir;
+    const std::string finished = dir.File("finished.mp4");
+    TestPipeline pipeline(
+        "videotestsrc num-buffers=30 ! video/x-raw,width=320,height=240 ! x264enc ! h264parse "
+        "! mp4mux ! filesink location=\""
+        + finished + "\"");
+    ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
+    ASSERT_TRUE(pipeline.RunToEos());
+
+    const std::string out = dir.File("copy.mp4");
+    const Outcome outcome = Recover(finished, dir.File("absent.mrf"), out);
+    ASSERT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_NE(outcome.out.find("copied unchanged"), std::string::npos) << outcome.out;
+    EXPECT_EQ(Bytes(out), Bytes(finished));
+}
+
+// Wrong usage exits with 2, inputs that cannot be recovered with 1; each says why on standard error and
+// leaves no output file; the inputs are never written.
+TEST(VideodRecover, RefusesMissingEmptyAndGarbageInputsWithAReasonAndAFailureStatus)
+{
+    TempDir dir;
+    const std::string out = dir.File("out.mp4");
+    const std::string missing = dir.File("missing.mp4");
+    const std::string empty = dir.File("empty.mp4");
+    WriteBytes(empty, {});
+    std::mt19937 random(3);
+    std::vector<std::uint8_t> noise(20000);
+    for (std::uint8_t& byte : noise)
+        byte = static_cast<std::uint8_t>(random());
+    const std::string garbage = dir.File("garbage.bin");
+    WriteBytes(garbage, noise);
+    // What a killed muxer leaves before any sample: file type, free box, open-ended mdat; then noise.
+    std::vector<std::uint8_t> unfinished = { 0, 0, 0, 16, 'f', 't', 'y', 'p', 'm', 'p', '4', '2', 0, 0, 0, 0,
+        0, 0, 0, 8, 'f', 'r', 'e', 'e', 0, 0, 0, 0, 'm', 'd', 'a', 't' };
+    unfinished.insert(unfinished.end(), noise.begin(), noise.end());
+    const std::string capture = dir.File("capture.mp4");
+    WriteBytes(capture, unfinished);
+    // A recovery file of the right version whose header is cut off.
+    const std::string cut = dir.File("cut.mrf");
+    WriteBytes(cut, { 0, 1, 0, 0, 0, 16, 'f', 't', 'y', 'p', 'm', 'p', '4', '2', 0, 0, 0, 0 });
+
+    struct Case {
+        std::vector<std::string> arguments;
+        int status;
+        std::string reason;
+    };
+    const std::vector<Case> cases = {
+        { { missing, garbage, out }, 1, "missing.mp4: No such file or directory" },
+        { { empty, garbage, out }, 1, "empty.mp4: the file is empty" },
+        { { garbage, garbage, out }, 1, "no media data box (mdat)" },
+        { { dir.File(""), garbage, out }, 1, "not a regular file" },
+        { { capture, missing, out }, 1, "cannot open the recovery file" },
+        { { capture, empty, out }, 1, "the recovery file is empty" },
+        { { capture, garbage, out }, 1, "not a moov recovery file" },
+        { { capture, cut, out }, 1, "not a moov recovery file (no movie header)" },
+        { { capture, garbage }, 2, "usage: videod-recover BROKEN.mp4 RECOVERY OUT.mp4" },
+        { { capture, garbage, capture }, 2, "the output must not be one of the inputs" },
+        { { capture, garbage, garbage }, 2, "the output must not be one of the inputs" },
+    };
+    for (const Case& test : cases) {
+        std::vector<std::string> arguments { VIDEOD_RECOVER };
+        arguments.insert(arguments.end(), test.arguments.begin(), test.arguments.end());
+        const Outcome outcome = RunCommand(arguments);
+        EXPECT_EQ(outcome.status, test.status) << test.reason;
+        EXPECT_NE(outcome.err.find("videod-recover: "), std::string::npos) << outcome.err;
+        EXPECT_NE(outcome.err.find(test.reason), std::string::npos) << outcome.err;
+        EXPECT_FALSE(std::filesystem::exists(out)) << test.reason;
+        EXPECT_FALSE(std::filesystem::exists(out + ".partial")) << test.reason;
+    }
+    EXPECT_EQ(Bytes(capture), unfinished);
+    EXPECT_EQ(Bytes(garbage), noise);
+}
