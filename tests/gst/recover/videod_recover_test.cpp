@@ -15,10 +15,12 @@
 #include <thread>
 #include <vector>
 
+#include "killed_recording.h"
 #include "support/ffprobe.h"
 #include "support/gst_test_pipeline.h"
 
 using namespace GstTest;
+using namespace RecoveryTest;
 
 namespace
 {
@@ -26,34 +28,6 @@ namespace
 const double kRecordSeconds = 6.0;
 // The goal: no more than this much of a recording lost.
 const double kMostLost = 0.5;
-
-struct Outcome {
-    int status = -1; // the exit status, -1 when the program did not exit normally
-    std::string out;
-    std::string err;
-};
-
-Outcome RunCommand(const std::vector<std::string>& arguments)
-{
-    std::vector<gchar*> argv;
-    for (const std::string& argument : arguments)
-        argv.push_back(const_cast<gchar*>(argument.c_str()));
-    argv.push_back(nullptr);
-    gchar* raw_out = nullptr;
-    gchar* raw_err = nullptr;
-    gint wait_status = 0;
-    Outcome outcome;
-    if (!g_spawn_sync(nullptr, argv.data(), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr, &raw_out,
-            &raw_err, &wait_status, nullptr))
-        return outcome;
-    VideoDaemon::GCharPtr out(raw_out);
-    VideoDaemon::GCharPtr err(raw_err);
-    outcome.out = out ? out.get() : "";
-    outcome.err = err ? err.get() : "";
-    if (WIFEXITED(wait_status))
-        outcome.status = WEXITSTATUS(wait_status);
-    return outcome;
-}
 
 Outcome Recover(const std::string& broken, const std::string& recovery, const std::string& out)
 {
@@ -71,57 +45,6 @@ void WriteBytes(const std::string& path, const std::vector<std::uint8_t>& bytes)
 {
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-}
-
-// A capture recorded by a separate process that is killed with SIGKILL `seconds` after its recording
-// started. `sink_buffer` (bytes, "" for the daemon's own setting) replaces the file sink's buffer.
-struct KilledRecording {
-    std::string file;
-    std::string recovery;
-    double recorded = 0;
-    std::string failure;
-
-    KilledRecording(const TempDir& dir, const std::string& sink_buffer = "")
-        : file(dir.File("capture.mp4"))
-        , recovery(dir.File("capture.mrf"))
-    {
-        std::vector<std::string> arguments { RECORDING_PROCESS, file, recovery };
-        if (!sink_buffer.empty())
-            arguments.push_back(sink_buffer);
-        std::vector<gchar*> argv;
-        for (const std::string& argument : arguments)
-            argv.push_back(const_cast<gchar*>(argument.c_str()));
-        argv.push_back(nullptr);
-        GPid pid = 0;
-        gint out = -1;
-        if (!g_spawn_async_with_pipes(nullptr, argv.data(), nullptr, G_SPAWN_DO_NOT_REAP_CHILD, nullptr,
-                nullptr, &pid, nullptr, &out, nullptr, nullptr)) {
-            failure = "the recording process did not start";
-            return;
-        }
-        // Its one line says the recording runs.
-        std::string line;
-        char c = 0;
-        while (line.find('\n') == std::string::npos && read(out, &c, 1) == 1)
-            line += c;
-        close(out);
-        const auto start = std::chrono::steady_clock::now();
-        if (line != "recording\n") {
-            failure = "the recording process failed before recording";
-        } else {
-            std::this_thread::sleep_until(start + std::chrono::duration<double>(kRecordSeconds));
-            recorded = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        }
-        kill(pid, SIGKILL);
-        int status = 0;
-        waitpid(pid, &status, 0);
-        g_spawn_close_pid(pid);
-    }
-};
-
-double Duration(const std::string& file, const std::string& stream)
-{
-    return FfprobeNumber(file, "stream=duration", stream);
 }
 
 // The sizes of a stream's packets in file order.
@@ -145,22 +68,6 @@ std::uint64_t MediaBytes(const std::string& file)
     const std::string text(bytes.begin(), bytes.begin() + std::min<std::size_t>(bytes.size(), 256));
     const std::size_t mdat = text.find("mdat");
     return mdat == std::string::npos ? 0 : bytes.size() - (mdat + 4);
-}
-
-// What the stock element makes of the same inputs, for comparison.
-std::string StockRecovery(const KilledRecording& recording, const std::string& out)
-{
-    RunCommand({ "gst-launch-1.0", "-q", "qtmoovrecover", "recovery-input=" + recording.recovery,
-        "broken-input=" + recording.file, "fixed-output=" + out });
-    return out;
-}
-
-void PrintLoss(const char* what, const KilledRecording& recording, const std::string& file)
-{
-    const double video = Duration(file, "v:0");
-    const double audio = Duration(file, "a:0");
-    std::printf("%-40s recorded %.3f s, video %.3f s (lost %.3f s), audio %.3f s (lost %.3f s)\n", what,
-        recording.recorded, video, recording.recorded - video, audio, recording.recorded - audio);
 }
 
 void ExpectCaptureStreams(const std::string& file)
@@ -187,7 +94,7 @@ void ExpectCaptureStreams(const std::string& file)
 TEST(VideodRecover, RecoversAKilledRecordingUpToTheLastWholeSampleOnDisk)
 {
     TempDir dir;
-    KilledRecording recording(dir);
+    KilledRecording recording(dir, RECORDING_PROCESS, kRecordSeconds);
     ASSERT_TRUE(recording.failure.empty()) << recording.failure;
     const std::string out = dir.File("recovered.mp4");
     const Outcome outcome = Recover(recording.file, recording.recovery, out);
@@ -219,7 +126,7 @@ TEST(VideodRecover, RecoversAKilledRecordingUpToTheLastWholeSampleOnDisk)
 TEST(VideodRecover, RebuildsTheIndexFromTheMediaDataWhereTheRecoveryFileFallsBehind)
 {
     TempDir dir;
-    KilledRecording recording(dir);
+    KilledRecording recording(dir, RECORDING_PROCESS, kRecordSeconds);
     ASSERT_TRUE(recording.failure.empty()) << recording.failure;
     const std::string full = dir.File("full.mp4");
     ASSERT_EQ(Recover(recording.file, recording.recovery, full).status, 0);
@@ -278,7 +185,7 @@ TEST(VideodRecover, RebuildsTheIndexFromTheMediaDataWhereTheRecoveryFileFallsBeh
 TEST(VideodRecover, LosesAtMostHalfASecondOfAKilledRecordingWhoseSinkWritesEachBuffer)
 {
     TempDir dir;
-    KilledRecording recording(dir, "0");
+    KilledRecording recording(dir, RECORDING_PROCESS, kRecordSeconds, "0");
     ASSERT_TRUE(recording.failure.empty()) << recording.failure;
     const std::string out = dir.File("recovered.mp4");
     const Outcome outcome = Recover(recording.file, recording.recovery, out);
