@@ -21,6 +21,9 @@ std::uint32_t MaxNalSize(const RecoveryTrack& track)
         std::min<std::uint64_t>(std::max<std::uint64_t>(raw, 1 << 20), 1u << 30));
 }
 
+// More equal samples in one entry than raw audio gives in a chunk means a damaged entry.
+const std::uint32_t kMaxSamplesPerEntry = 1 << 16;
+
 // Durations of samples found in the media data when the entries give none: 29.97 frames per second for
 // video, AAC's 1024 samples per frame for audio.
 std::uint32_t DefaultDuration(const RecoveryTrack& track)
@@ -69,7 +72,7 @@ void IndexRebuilder::PlaceEntries()
     bool first = true;
     for (const RecoveryEntry& entry : _Recovery.Entries()) {
         TrackIndex* index = IndexOf(entry.track_id);
-        if (!index || entry.sample_count == 0 || entry.size == 0)
+        if (!index || entry.sample_count == 0 || entry.sample_count > kMaxSamplesPerEntry || entry.size == 0)
             break;
         if (entry.chunk_offset != chunk || first) {
             if (entry.chunk_offset != position)
