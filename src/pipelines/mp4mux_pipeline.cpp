@@ -38,9 +38,9 @@ const char kTracker[] = "tracker";
 
 } // namespace
 
-MuxPause::MuxPause(Pipeline* pipeline, std::string element_name)
-    : pipeline(pipeline)
-    , element_name(std::move(element_name))
+MuxPause::MuxPause(Pipeline* owner, std::string name)
+    : pipeline(owner)
+    , element_name(std::move(name))
 {
 }
 

@@ -95,6 +95,6 @@ TEST_P(RecordingGraph, RecordsAFileThatStartsAtZeroAndLastsAsLongAsTheRecordingL
 
 INSTANTIATE_TEST_SUITE_P(Inputs, RecordingGraph,
     ::testing::Values(RecordingInput::kNtscCamera, RecordingInput::kTestInput),
-    [](const ::testing::TestParamInfo<RecordingInput>& info) {
-        return std::string(info.param == RecordingInput::kNtscCamera ? "NtscCamera" : "TestInput");
+    [](const ::testing::TestParamInfo<RecordingInput>& input) {
+        return std::string(input.param == RecordingInput::kNtscCamera ? "NtscCamera" : "TestInput");
     });
