@@ -72,10 +72,12 @@ TEST_F(LaunchDescriptions, LinkedAsTheDaemonLinksThemEveryStagePassesBuffers)
     }
     Set(jpeg, "jpeg_encode_source", "listen-to", daemon_at(kOverlayRecordingIndex).GetSinkName().c_str());
 
-    // What a capture does: open the valves and give the muxers files.
+    // What a capture does: open the valves and give the muxers files. The
+    // encoders' valves open only once the live picture runs, as a capture
+    // starts on the unit: the frame a restamping source prerolls with carries
+    // no time yet, and a muxer refuses it.
     const std::string video_file = _Dir.File("video.mp4");
-    for (auto [pipeline, valve] : { std::pair { &h264_video, "video_h264_valve" },
-             { &h264_autolog, "autolog_h264_valve" }, { &mux_video, "video_idr_valve" },
+    for (auto [pipeline, valve] : { std::pair { &mux_video, "video_idr_valve" },
              { &mux_autolog, "autolog_idr_valve" }, { &snapvoice, "snapvoice_idr_valve" } })
         Set(*pipeline, valve, "drop", FALSE);
     Set(mux_video, "video_mp4mux_filesink", "location", video_file.c_str());
@@ -109,6 +111,10 @@ TEST_F(LaunchDescriptions, LinkedAsTheDaemonLinksThemEveryStagePassesBuffers)
     Set(tcp_client, "tcpclient_source_video", "port", port);
     ASSERT_TRUE(tcp_client.Start());
 
+    ASSERT_NO_FATAL_FAILURE(RunUntilCounted({ &display }, 3, 30));
+    for (auto [pipeline, valve] :
+        { std::pair { &h264_video, "video_h264_valve" }, { &h264_autolog, "autolog_h264_valve" } })
+        Set(*pipeline, valve, "drop", FALSE);
     ASSERT_NO_FATAL_FAILURE(RunUntilCounted(graph, 3, 30));
 
     // The video muxer finishes its file on end-of-stream; an independent
