@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "common/glib_ptr.h"
+
 namespace GstTest
 {
 
@@ -19,15 +21,17 @@ inline bool RunProgram(
     for (const std::string& argument : arguments)
         argv.push_back(const_cast<gchar*>(argument.c_str()));
     argv.push_back(nullptr);
-    g_autofree gchar* output = nullptr;
-    g_autofree gchar* errors = nullptr;
+    gchar* raw_output = nullptr;
+    gchar* raw_errors = nullptr;
     gint status = 0;
     const bool ran = g_spawn_sync(nullptr, argv.data(), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr,
-        &output, &errors, &status, nullptr);
+        &raw_output, &raw_errors, &status, nullptr);
+    VideoDaemon::GCharPtr output(raw_output);
+    VideoDaemon::GCharPtr errors(raw_errors);
     if (out != nullptr)
-        *out = output != nullptr ? output : "";
+        *out = output ? output.get() : "";
     if (err != nullptr)
-        *err = errors != nullptr ? errors : "";
+        *err = errors ? errors.get() : "";
     return ran && g_spawn_check_wait_status(status, nullptr);
 }
 

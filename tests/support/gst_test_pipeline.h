@@ -45,11 +45,13 @@ inline std::string ErrorText(GstMessage* message)
 {
     if (message == nullptr || GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR)
         return "";
-    g_autoptr(GError) error = nullptr;
-    g_autofree gchar* debug = nullptr;
-    gst_message_parse_error(message, &error, &debug);
+    GError* raw_error = nullptr;
+    gchar* raw_debug = nullptr;
+    gst_message_parse_error(message, &raw_error, &raw_debug);
+    VideoDaemon::GErrorPtr error(raw_error);
+    VideoDaemon::GCharPtr debug(raw_debug);
     return std::string(GST_OBJECT_NAME(GST_MESSAGE_SRC(message))) + ": " + error->message + " / "
-        + (debug != nullptr ? debug : "");
+        + (debug ? debug.get() : "");
 }
 
 // An element made outside any pipeline, owned by the test.
@@ -74,11 +76,12 @@ public:
     explicit TestPipeline(const std::string& description)
     {
         gst_init(nullptr, nullptr);
-        g_autoptr(GError) error = nullptr;
-        _Pipeline.reset(gst_parse_launch(description.c_str(), &error));
-        if (error != nullptr)
+        GError* raw_error = nullptr;
+        _Pipeline.reset(gst_parse_launch(description.c_str(), &raw_error));
+        VideoDaemon::GErrorPtr error(raw_error);
+        if (error)
             _Error = std::string(error->message) + " in: " + description;
-        _Parsed = _Pipeline != nullptr && error == nullptr;
+        _Parsed = _Pipeline != nullptr && !error;
     }
     ~TestPipeline()
     {
@@ -197,91 +200,134 @@ private:
     GstClockTime _NextPts = 0;
 };
 
+// A pad probe whose callback runs under one lock, on the streaming thread. A subclass sets its state up
+// before Install() and reads it back under Lock(): the lock is what orders the test's thread and the
+// streaming thread (GStreamer's own pad locks are futexes that ThreadSanitizer cannot see).
+class PadProbe
+{
+public:
+    PadProbe(const PadProbe&) = delete;
+    PadProbe& operator=(const PadProbe&) = delete;
+    virtual ~PadProbe() = default;
+
+protected:
+    PadProbe(GstElement* element, const char* padName)
+        : _Pad(gst_element_get_static_pad(element, padName))
+    {
+    }
+
+    void Install(GstPadProbeType types)
+    {
+        {
+            std::lock_guard<std::mutex> lock(_Mutex);
+            _Active = true;
+        }
+        _Id = gst_pad_add_probe(_Pad.get(), types, &PadProbe::OnProbe, this, nullptr);
+    }
+    // Called by the subclass's destructor: no callback runs on its state after this.
+    void Remove()
+    {
+        gst_pad_remove_probe(_Pad.get(), _Id);
+        std::lock_guard<std::mutex> lock(_Mutex);
+        _Active = false;
+    }
+    std::unique_lock<std::mutex> Lock() const { return std::unique_lock<std::mutex>(_Mutex); }
+
+    // Called under the lock for every buffer (or buffer list) that crosses the pad.
+    virtual GstPadProbeReturn Handle(GstPadProbeInfo* info) = 0;
+
+private:
+    static GstPadProbeReturn OnProbe(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer data)
+    {
+        auto* self = static_cast<PadProbe*>(data);
+        std::lock_guard<std::mutex> lock(self->_Mutex);
+        return self->_Active ? self->Handle(info) : GST_PAD_PROBE_OK;
+    }
+
+    GstPtr<GstPad> _Pad;
+    gulong _Id = 0;
+    mutable std::mutex _Mutex;
+    bool _Active = false;
+};
+
 // Calls a function for every buffer that crosses a pad, on the streaming thread, one call at a time.
-class BufferProbe
+class BufferProbe : public PadProbe
 {
 public:
     using Handler = std::function<void(GstBuffer*)>;
 
     BufferProbe(GstElement* element, const char* padName, Handler handler)
-        : _Pad(gst_element_get_static_pad(element, padName))
+        : PadProbe(element, padName)
         , _Handler(std::move(handler))
     {
-        _Id = gst_pad_add_probe(_Pad.get(), GST_PAD_PROBE_TYPE_BUFFER, &BufferProbe::OnBuffer, this, nullptr);
+        Install(GST_PAD_PROBE_TYPE_BUFFER);
     }
-    ~BufferProbe() { gst_pad_remove_probe(_Pad.get(), _Id); }
-    BufferProbe(const BufferProbe&) = delete;
-    BufferProbe& operator=(const BufferProbe&) = delete;
+    ~BufferProbe() override { Remove(); }
+
+    // Runs `read` under the lock the handler runs under: how a test reads what the handler wrote while
+    // buffers may still flow.
+    template <typename Read> auto Locked(Read read) const
+    {
+        std::unique_lock<std::mutex> lock = Lock();
+        return read();
+    }
 
 private:
-    static GstPadProbeReturn OnBuffer(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer data)
+    GstPadProbeReturn Handle(GstPadProbeInfo* info) override
     {
-        auto* self = static_cast<BufferProbe*>(data);
-        std::lock_guard<std::mutex> lock(self->_Mutex);
-        self->_Handler(GST_PAD_PROBE_INFO_BUFFER(info));
+        _Handler(GST_PAD_PROBE_INFO_BUFFER(info));
         return GST_PAD_PROBE_OK;
     }
 
-    GstPtr<GstPad> _Pad;
     Handler _Handler;
-    gulong _Id = 0;
-    std::mutex _Mutex;
 };
 
 // Counts the buffers (and buffer lists) that cross a pad.
-class BufferCount
+class BufferCount : public PadProbe
 {
 public:
     BufferCount(GstElement* element, const char* padName)
-        : _Pad(gst_element_get_static_pad(element, padName))
+        : PadProbe(element, padName)
     {
-        const auto types
-            = static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST);
-        _Id = gst_pad_add_probe(_Pad.get(), types, &BufferCount::OnBuffer, this, nullptr);
+        Install(static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST));
     }
-    ~BufferCount() { gst_pad_remove_probe(_Pad.get(), _Id); }
-    BufferCount(const BufferCount&) = delete;
-    BufferCount& operator=(const BufferCount&) = delete;
+    ~BufferCount() override { Remove(); }
 
-    unsigned Value() const { return _Count.load(); }
+    unsigned Value() const
+    {
+        std::unique_lock<std::mutex> lock = Lock();
+        return _Count;
+    }
 
 private:
-    static GstPadProbeReturn OnBuffer(GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer data)
+    GstPadProbeReturn Handle(GstPadProbeInfo* /*info*/) override
     {
-        ++static_cast<BufferCount*>(data)->_Count;
+        ++_Count;
         return GST_PAD_PROBE_OK;
     }
 
-    GstPtr<GstPad> _Pad;
-    gulong _Id = 0;
-    std::atomic<unsigned> _Count { 0 };
+    unsigned _Count = 0;
 };
 
 // Drops the first buffers that cross a pad, as if the stream had started later.
-class DropFirstBuffers
+class DropFirstBuffers : public PadProbe
 {
 public:
     DropFirstBuffers(GstElement* element, const char* padName, int count)
-        : _Pad(gst_element_get_static_pad(element, padName))
+        : PadProbe(element, padName)
         , _Remaining(count)
     {
-        _Id = gst_pad_add_probe(
-            _Pad.get(), GST_PAD_PROBE_TYPE_BUFFER, &DropFirstBuffers::OnBuffer, this, nullptr);
+        Install(GST_PAD_PROBE_TYPE_BUFFER);
     }
-    ~DropFirstBuffers() { gst_pad_remove_probe(_Pad.get(), _Id); }
-    DropFirstBuffers(const DropFirstBuffers&) = delete;
-    DropFirstBuffers& operator=(const DropFirstBuffers&) = delete;
+    ~DropFirstBuffers() override { Remove(); }
 
 private:
-    static GstPadProbeReturn OnBuffer(GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer data)
+    GstPadProbeReturn Handle(GstPadProbeInfo* /*info*/) override
     {
-        auto* self = static_cast<DropFirstBuffers*>(data);
-        return --self->_Remaining >= 0 ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;
+        return --_Remaining >= 0 ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;
     }
 
-    GstPtr<GstPad> _Pad;
-    std::atomic<int> _Remaining;
-    gulong _Id = 0;
+    int _Remaining;
 };
 
 // A directory of its own under the system's temporary folder, removed with its files.
@@ -290,8 +336,8 @@ class TempDir
 public:
     TempDir()
     {
-        g_autofree gchar* path = g_dir_make_tmp("videod-test-XXXXXX", nullptr);
-        _Path = path != nullptr ? path : "";
+        VideoDaemon::GCharPtr path(g_dir_make_tmp("videod-test-XXXXXX", nullptr));
+        _Path = path ? path.get() : "";
     }
     ~TempDir()
     {
