@@ -5,7 +5,8 @@
 
 #include <cstdlib>
 
-namespace GstTest {
+namespace GstTest
+{
 
 // A death test re-runs the test binary in a fresh process ("threadsafe"),
 // since a plain fork of a process with GStreamer threads may deadlock. Under
@@ -16,4 +17,4 @@ inline void UseFreshProcessDeathTests()
     GTEST_FLAG_SET(death_test_style, std::getenv("VIDEOD_EMULATED") ? "fast" : "threadsafe");
 }
 
-}  // namespace GstTest
+} // namespace GstTest
