@@ -199,25 +199,28 @@ void SnapshotPipeline::OnElementMessage(const char* source_name, GstMessage* mes
 }
 
 // Runs on the main loop (the sink's message through the bus watch, or the
-// guard). The state is cleared under the lock; the storage daemon and the
-// callback are called after it is released, so the callback may start the
-// next snapshot.
+// guard). In order: the callback hears the status while the snapshot still
+// counts as in progress, then the guard and the flag are cleared, then the
+// storage daemon hears that the write has ended. The lock is held only to
+// move the state, never across the callback or the storage call.
 void SnapshotPipeline::Complete(int status)
 {
     completion_callback_t callback;
-    GSourcePtr guard;
     {
         std::lock_guard<std::mutex> lock(_Mutex);
         callback = std::move(_Callback);
         _Callback = nullptr;
+    }
+    if (callback)
+        callback(status);
+    GSourcePtr guard;
+    {
+        std::lock_guard<std::mutex> lock(_Mutex);
         guard = std::move(_Guard);
         _InProgress = false;
     }
-    // The write has ended before the callback hears of it.
     if (_WriteActive && _WriteActivity)
         _WriteActivity(_Location, kSnapshotWrite, false);
-    if (callback)
-        callback(status);
 }
 
 gboolean SnapshotPipeline::OnGuardTimeout(gpointer user_data)

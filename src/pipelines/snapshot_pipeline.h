@@ -44,8 +44,9 @@ public:
     // Starts a snapshot and returns at once: 0 started, -1 invalid arguments,
     // -2 another snapshot in progress (`error` says why). The pipeline owns
     // `callback` from here on; it is called once with the outcome, on the
-    // main loop and without the snapshot lock held (it may start the next
-    // snapshot); a refused request's callback is called at once with 1.
+    // main loop, without the snapshot lock held but while the snapshot still
+    // counts as in progress (a request from it is refused with -2); a refused
+    // request's callback is called at once with 1.
     int TakeSnapshotAsync(const std::string& location, uint32_t width, uint32_t height, uint32_t quality,
         bool writeActive, completion_callback_t callback, std::string& error);
     // A snapshot at the stored quality, with the storage daemon told of the write.

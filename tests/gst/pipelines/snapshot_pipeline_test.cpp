@@ -109,12 +109,21 @@ TEST(SnapshotPipeline, WritesAJpegOfTheRequestedSizeAndReportsSuccess)
     for (const auto& [path, width, height, quality, notify] : requests) {
         std::string error;
         int status = -100;
-        ASSERT_EQ(0,
-            snapshot.TakeSnapshotAsync(
-                path, width, height, quality, notify, [&](int s) { status = s; }, error));
+        // The callback hears first, while the snapshot still counts as in
+        // progress; the storage daemon hears of the write's end after it.
+        bool in_progress_at_callback = false;
+        size_t writes_at_callback = 0;
+        auto callback = [&](int s) {
+            status = s;
+            in_progress_at_callback = snapshot.IsInProgress();
+            writes_at_callback = writes.size();
+        };
+        ASSERT_EQ(0, snapshot.TakeSnapshotAsync(path, width, height, quality, notify, callback, error));
         EXPECT_TRUE(snapshot.IsInProgress());
         ASSERT_TRUE(RunMainLoopUntil([&] { return status != -100; }, 4000)) << path;
         EXPECT_EQ(0, status) << path;
+        EXPECT_TRUE(in_progress_at_callback) << path;
+        EXPECT_EQ(notify ? 1u : writes.size(), writes_at_callback) << path;
         EXPECT_FALSE(snapshot.IsInProgress());
         EXPECT_EQ(path, created.back());
         MediaTest::Picture decoded = MediaTest::DecodeJpeg(MediaTest::ReadFile(path));
