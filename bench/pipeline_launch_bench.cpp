@@ -146,7 +146,8 @@ int main()
     std::printf("recording chain 640x480 29.97 fps, %.1f s recorded (%" G_GUINT64_FORMAT " bytes):\n",
         seconds, bytes);
     std::printf("  recording  %.2f CPU s per recorded s\n", cpu / seconds);
-    std::printf("  idle chain %.2f CPU s per s (the daemon's graph on the test input; valve closed, AAC idle)\n",
+    std::printf(
+        "  idle chain %.2f CPU s per s (the daemon's graph on the test input; valve closed, AAC idle)\n",
         idle_cpu / idle_seconds);
     std::printf("  recording adds %.2f CPU s per recorded s\n", cpu / seconds - idle_cpu / idle_seconds);
     return 0;

@@ -4,7 +4,8 @@
 # turns every *_test.cpp of the calling folder into one GoogleTest executable
 # whose cases become one ctest entry each (`ctest -R Suite.Case` runs one,
 # `-j` spreads them), labelled <label>. Executables named after REALTIME are
-# also labelled "realtime": they encode or play media live against the clock,
+# also labelled "realtime" and run alone (RUN_SERIAL): they encode or play
+# media live against the clock and judge the result by it,
 # which user-mode emulation of the board cannot keep up with. Cases of the
 # executables named after SERIAL share the resource lock "tcp4000" (TCP port
 # 4000) and never run at the same time. The tests run against the stand-in
@@ -53,12 +54,13 @@ function(videod_add_tests)
       add_dependencies(${name} gstvideodhost)
     endif()
     set(labels "${ARG_LABEL}")
+    set(lock "")
     if(name IN_LIST ARG_REALTIME)
       list(APPEND labels realtime)
+      set(lock RUN_SERIAL TRUE)
     endif()
-    set(lock "")
     if(name IN_LIST ARG_SERIAL)
-      set(lock RESOURCE_LOCK tcp4000)
+      list(APPEND lock RESOURCE_LOCK tcp4000)
     endif()
     # Listed when ctest runs, so a build never has to start the test programs
     # (under emulation that takes a while).

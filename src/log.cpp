@@ -7,9 +7,12 @@
 #include <mutex>
 #include <vector>
 
-namespace VideoDaemon {
-namespace Log {
-namespace {
+namespace VideoDaemon
+{
+namespace Log
+{
+namespace
+{
 
 std::mutex hook_mutex;
 Hook hook;
@@ -52,7 +55,7 @@ void WriteV(int priority, const char* format, va_list args)
         hook(priority, line);
 }
 
-}  // namespace
+} // namespace
 
 void Write(int priority, const char* format, ...)
 {
@@ -62,13 +65,13 @@ void Write(int priority, const char* format, ...)
     va_end(args);
 }
 
-#define VIDEOD_LOG_AT(function, priority)       \
-    void function(const char* format, ...)      \
-    {                                           \
-        va_list args;                           \
-        va_start(args, format);                 \
-        WriteV(priority, format, args);         \
-        va_end(args);                           \
+#define VIDEOD_LOG_AT(function, priority)                                                                    \
+    void function(const char* format, ...)                                                                   \
+    {                                                                                                        \
+        va_list args;                                                                                        \
+        va_start(args, format);                                                                              \
+        WriteV(priority, format, args);                                                                      \
+        va_end(args);                                                                                        \
     }
 
 VIDEOD_LOG_AT(Error, kError)
@@ -82,5 +85,5 @@ void SetHook(Hook new_hook)
     hook = std::move(new_hook);
 }
 
-}  // namespace Log
-}  // namespace VideoDaemon
+} // namespace Log
+} // namespace VideoDaemon

@@ -6,8 +6,10 @@
 #include <functional>
 #include <string>
 
-namespace VideoDaemon {
-namespace Log {
+namespace VideoDaemon
+{
+namespace Log
+{
 
 // Syslog priorities the daemon uses.
 enum Priority { kError = LOG_ERR, kWarning = LOG_WARNING, kInfo = LOG_INFO, kDebug = LOG_DEBUG };
@@ -23,5 +25,5 @@ void Debug(const char* format, ...) __attribute__((format(printf, 1, 2)));
 using Hook = std::function<void(int priority, const std::string& line)>;
 void SetHook(Hook hook);
 
-}  // namespace Log
-}  // namespace VideoDaemon
+} // namespace Log
+} // namespace VideoDaemon

@@ -10,7 +10,8 @@
 
 #include "log.h"
 
-class LogCapture {
+class LogCapture
+{
 public:
     LogCapture()
     {
@@ -31,9 +32,8 @@ public:
     bool ContainsText(const std::string& fragment) const
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        return std::any_of(lines_.begin(), lines_.end(), [&](const auto& entry) {
-            return entry.second.find(fragment) != std::string::npos;
-        });
+        return std::any_of(lines_.begin(), lines_.end(),
+            [&](const auto& entry) { return entry.second.find(fragment) != std::string::npos; });
     }
     size_t Count(int priority, const std::string& line) const
     {

@@ -3,10 +3,10 @@
 
 static gboolean PluginInit(GstPlugin* plugin)
 {
-    return RegisterInterpipeElements(plugin) && RegisterImxElements(plugin) &&
-           RegisterUnitElements(plugin) && RegisterImageElements(plugin);
+    return RegisterInterpipeElements(plugin) && RegisterImxElements(plugin) && RegisterUnitElements(plugin)
+        && RegisterImageElements(plugin);
 }
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, videodhost,
-                  "Stand-ins for the board's interpipe, i.MX and unit elements", PluginInit, VERSION,
-                  GST_LICENSE, GST_PACKAGE_NAME, GST_PACKAGE_ORIGIN)
+    "Stand-ins for the board's interpipe, i.MX and unit elements", PluginInit, VERSION, GST_LICENSE,
+    GST_PACKAGE_NAME, GST_PACKAGE_ORIGIN)
