@@ -2,6 +2,8 @@
 // the recovery file's track headers and the rebuilt sample tables.
 #include "recover/recovered_file_writer.h"
 
+#include <gst/gst.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -34,7 +36,7 @@ std::uint64_t Rescale(std::uint64_t value, std::uint32_t to, std::uint32_t from)
 {
     if (from == 0)
         return 0;
-    return static_cast<std::uint64_t>((static_cast<unsigned __int128>(value) * to + from / 2) / from);
+    return gst_util_uint64_scale_round(value, to, from);
 }
 
 } // namespace
