@@ -2,6 +2,7 @@
 #pragma once
 
 #include <glib.h>
+#include <gtest/gtest.h>
 
 #include <map>
 #include <sstream>
@@ -119,6 +120,21 @@ inline bool FfmpegDecodesCleanly(const std::string& file)
     std::string errors;
     return RunProgram({ "ffmpeg", "-v", "error", "-i", file, "-f", "null", "-" }, nullptr, &errors)
         && errors.empty();
+}
+
+// The streams every capture of the unit holds: H.264 Main 640x480 and AAC
+// 48 kHz stereo.
+inline void ExpectCaptureStreamFormats(const std::string& file)
+{
+    auto video = FfprobeEntries(file, "stream=codec_name,profile,width,height", "v:0");
+    EXPECT_EQ(video["codec_name"], "h264");
+    EXPECT_EQ(video["profile"], "Main");
+    EXPECT_EQ(video["width"], "640");
+    EXPECT_EQ(video["height"], "480");
+    auto audio = FfprobeEntries(file, "stream=codec_name,sample_rate,channels", "a:0");
+    EXPECT_EQ(audio["codec_name"], "aac");
+    EXPECT_EQ(audio["sample_rate"], "48000");
+    EXPECT_EQ(audio["channels"], "2");
 }
 
 } // namespace GstTest

@@ -72,15 +72,7 @@ std::uint64_t MediaBytes(const std::string& file)
 
 void ExpectCaptureStreams(const std::string& file)
 {
-    auto video = FfprobeEntries(file, "stream=codec_name,profile,width,height", "v:0");
-    EXPECT_EQ(video["codec_name"], "h264");
-    EXPECT_EQ(video["profile"], "Main");
-    EXPECT_EQ(video["width"], "640");
-    EXPECT_EQ(video["height"], "480");
-    auto audio = FfprobeEntries(file, "stream=codec_name,sample_rate,channels", "a:0");
-    EXPECT_EQ(audio["codec_name"], "aac");
-    EXPECT_EQ(audio["sample_rate"], "48000");
-    EXPECT_EQ(audio["channels"], "2");
+    ExpectCaptureStreamFormats(file);
     const std::vector<Packet> packets = FfprobePackets(file, "v:0");
     ASSERT_FALSE(packets.empty());
     EXPECT_EQ(packets.front().flags.substr(0, 1), "K");
