@@ -53,6 +53,11 @@ CameraDaemonObject::CameraDaemonObject(sd_bus* bus)
     }
 }
 
+VideoDaemon::PeerProperties CameraDaemonObject::Daemon() const
+{
+    return { CAMERA_DAEMON_SERVICE, CAMERA_DAEMON_PATH, CAMERA_DAEMON_INTERFACE, _Bus };
+}
+
 std::string CameraDaemonObject::CameraPath(int32_t index)
 {
     return std::string(CAMERA_OBJECT_PATH_PREFIX) + std::to_string(index);
@@ -80,20 +85,22 @@ int32_t CameraDaemonObject::GetActiveCameraIndex(int32_t& index)
         Error("%s: d-bus is NULL", VIDEOD_SIGNATURE);
         return -ENOTCONN;
     }
-    // Callers report a failed read in their own words.
-    std::string error;
-    const int32_t r = sdbus_utils::GetProperty(_Bus, CAMERA_DAEMON_SERVICE, CAMERA_DAEMON_PATH,
-        CAMERA_DAEMON_INTERFACE, CAMERA_PROP_ACTIVE_CAMERA_INDEX, index, error);
-    return r;
+    return Daemon().Get(
+        CAMERA_PROP_ACTIVE_CAMERA_INDEX, index, VIDEOD_FUNCTION, "CAMERA_PROP_ACTIVE_CAMERA_INDEX");
 }
 
 std::shared_ptr<CameraObject> CameraDaemonObject::GetActiveCamera()
 {
+    // A failed read logs the lookup's own line in place of the read's: one
+    // line per failed lookup (the format takes only the signature).
+    static const char* const kLookupFailed = "%s: d-bus error, failed to get camera idx";
     int32_t index = -1;
-    if (GetActiveCameraIndex(index) < 0) {
-        Error("%s: d-bus error, failed to get camera idx", VIDEOD_SIGNATURE);
+    if (!_Bus) {
+        Error(kLookupFailed, VIDEOD_SIGNATURE);
         return nullptr;
     }
+    if (Daemon().Get(CAMERA_PROP_ACTIVE_CAMERA_INDEX, index, VIDEOD_FUNCTION, nullptr, kLookupFailed) < 0)
+        return nullptr;
     if (index < 0 || _Cameras.empty())
         return nullptr;
     return GetCamera(index);

@@ -12,6 +12,7 @@
 
 #include "camera_object.h"
 #include "dbus-helper/dbus_listener.h"
+#include "peer_properties.h"
 
 namespace Camerad
 {
@@ -26,6 +27,8 @@ public:
     CameraDaemonObject(const CameraDaemonObject&) = delete;
     CameraDaemonObject& operator=(const CameraDaemonObject&) = delete;
 
+    // Reads "ActiveCameraIndex". Returns >= 0, or a negative code with
+    // `index` unchanged and one error line.
     int32_t GetActiveCameraIndex(int32_t& index);
     // The active camera, or empty when there is none or it is unknown.
     std::shared_ptr<CameraObject> GetActiveCamera();
@@ -48,6 +51,8 @@ private:
     static int InterfacesRemoved(sd_bus_message* message, void* userdata, sd_bus_error* error);
     static int PropertiesChanged(sd_bus_message* message, void* userdata, sd_bus_error* error);
     void AddCamera(const std::string& path);
+    // The daemon object's own interface, on the borrowed connection.
+    VideoDaemon::PeerProperties Daemon() const;
 
     sd_bus* _Bus;
     // Subscribes on the borrowed connection.

@@ -2,6 +2,7 @@
 #include <any>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "clients/camera_daemon_object.h"
@@ -122,6 +123,15 @@ TEST_F(CameraClient, WithoutTheCameraDaemonOperationsFailWithTheirMessages)
     EXPECT_TRUE(log.Contains(kError,
         "std::shared_ptr<Camerad::CameraObject> Camerad::CameraDaemonObject::"
         "GetActiveCamera(): d-bus error, failed to get camera idx"));
+    // Read on its own, the index names what failed.
+    log.Clear();
+    int32_t index = 4;
+    EXPECT_LT(daemon.GetActiveCameraIndex(index), 0);
+    EXPECT_EQ(index, 4);
+    ASSERT_EQ(log.Lines().size(), 1u);
+    EXPECT_TRUE(log.ContainsText(kError,
+        "int32_t Camerad::CameraDaemonObject::GetActiveCameraIndex(int32_t&): sdbus_utils::GetProperty "
+        "CAMERA_PROP_ACTIVE_CAMERA_INDEX failed org.freedesktop.DBus.Error.ServiceUnknown"));
 
     CameraObject camera(ClientBus(), kBase + "/Camera0");
     uint32_t tiles = 9;
@@ -143,6 +153,12 @@ TEST_F(CameraClient, WithoutABusNothingIsCalled)
     EXPECT_EQ(index, 3);
     EXPECT_TRUE(log.Contains(
         kError, "int32_t Camerad::CameraDaemonObject::GetActiveCameraIndex(int32_t&): d-bus is NULL"));
+    log.Clear();
+    EXPECT_EQ(daemon.GetActiveCamera(), nullptr);
+    EXPECT_EQ(log.Lines(),
+        (std::vector<std::pair<int, std::string>> { { kError,
+            "std::shared_ptr<Camerad::CameraObject> Camerad::CameraDaemonObject::GetActiveCamera(): d-bus "
+            "error, failed to get camera idx" } }));
     CameraObject camera(nullptr, kBase + "/Camera0");
     EXPECT_TRUE(log.Contains(
         kError, "Camerad::CameraObject::CameraObject(sd_bus*, std::__cxx11::string): Bus ptr is NULL"));
