@@ -35,6 +35,14 @@ public:
         return std::any_of(lines_.begin(), lines_.end(),
             [&](const auto& entry) { return entry.second.find(fragment) != std::string::npos; });
     }
+    // A line at `priority` that holds `fragment`.
+    bool ContainsText(int priority, const std::string& fragment) const
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return std::any_of(lines_.begin(), lines_.end(), [&](const auto& entry) {
+            return entry.first == priority && entry.second.find(fragment) != std::string::npos;
+        });
+    }
     size_t Count(int priority, const std::string& line) const
     {
         std::lock_guard<std::mutex> lock(mutex_);

@@ -2,6 +2,7 @@
 """Simulated system controller: video status, remote-unit credentials, reel, power and cooling objects."""
 
 import argparse
+import re
 
 import dbus
 import dbus.service
@@ -12,6 +13,7 @@ NAME = "com.tarnwell.common.Helm1"
 BASE = "/com/tarnwell/common/Helm1"
 IFACE = "com.tarnwell.common.Helm1.Control"
 REEL_IFACE = "com.tarnwell.common.Helm1.reel"
+COOLING_IFACE = "com.tarnwell.common.Helm1.cooling"
 
 
 class Helm(peerlib.ObjectManager):
@@ -33,6 +35,24 @@ class Helm(peerlib.ObjectManager):
     def EmitKeyPressEvent(self, key, state):
         self.KeyPressEvent(key, state)
 
+    @dbus.service.method(peerlib.SIM_IFACE, in_signature="ss", out_signature="o")
+    def AddObject(self, relative_path, interface):
+        """A child object (an accessory plugged in, say) with one interface and no properties."""
+        path = BASE + "/" + relative_path
+        if not re.fullmatch(r"[A-Za-z0-9_]+(/[A-Za-z0-9_]+)*", relative_path) or path in self.children:
+            raise peerlib.invalid_args("Bad or duplicate object path %s" % relative_path)
+        obj = peerlib.PeerObject(self.conn, path)
+        obj.add_interface(str(interface))
+        self.add_child(obj)
+        return path
+
+    @dbus.service.method(peerlib.SIM_IFACE, in_signature="s", out_signature="")
+    def RemoveObject(self, relative_path):
+        path = BASE + "/" + relative_path
+        if path not in self.children:
+            raise peerlib.invalid_args("No object %s" % relative_path)
+        self.remove_child(path)
+
 
 class Reel(peerlib.PeerObject):
     def __init__(self, conn, distance):
@@ -48,6 +68,36 @@ class Reel(peerlib.PeerObject):
     def ZeroCount(self):
         self.set_value(REEL_IFACE, "Count", 0.0)
         self.distance.set_value(REEL_IFACE + ".distance", "Relative", 0.0)
+
+
+class Cooling(peerlib.PeerObject):
+    """The fan follows the CPU temperature, averaged over "AveragingPeriod" seconds, through the range of
+    its control mode: off below the range's first temperature, full speed from its second on. Each mode
+    keeps its own range; "FanControlRange" shows and changes the current mode's."""
+
+    MODES = {"automatic": [45.0, 75.0], "quiet": [55.0, 85.0], "performance": [35.0, 65.0]}
+
+    def __init__(self, conn):
+        super().__init__(conn, BASE + "/cooling")
+        self.ranges = {mode: list(limits) for mode, limits in self.MODES.items()}
+        self.add_property(COOLING_IFACE, "CPUtempC", "d", 45.0)
+        self.add_property(COOLING_IFACE, "FanSpeed", "u", 0)
+        self.add_property(COOLING_IFACE, "EmitStatusChanges", "b", False)
+        self.add_property(COOLING_IFACE, "FanControlModes", "as", list(self.MODES), writable=False)
+        self.add_property(COOLING_IFACE, "FanControlMode", "s", "automatic", on_set=self.mode_set)
+        self.add_property(COOLING_IFACE, "FanControlRange", "ad", self.ranges["automatic"],
+                          on_set=self.range_set)
+        self.add_property(COOLING_IFACE, "AveragingPeriod", "u", 10)
+
+    def mode_set(self, mode):
+        if mode not in self.ranges:
+            raise peerlib.invalid_args("Unknown fan control mode %s" % mode)
+        self.set_value(COOLING_IFACE, "FanControlRange", self.ranges[str(mode)])
+
+    def range_set(self, limits):
+        if len(limits) != 2 or not limits[0] < limits[1]:
+            raise peerlib.invalid_args("A fan control range is two rising temperatures")
+        self.ranges[str(self.value(COOLING_IFACE, "FanControlMode"))] = [float(t) for t in limits]
 
 
 def child(conn, path, iface, props):
@@ -72,9 +122,7 @@ def main():
         "PowerSource": ("s", "mains"), "SystemPowerLevel": ("i", 100), "BatteryDrainMode": ("u", 0),
         "BatteryVoltages": ("ad", [12.6]), "BatteryChargePercentages": ("ad", [100.0]),
         "BatteryTypes": ("as", ["li-ion"]), "LowBatteryWarnings": ("as", []), "PermittedActions": ("as", [])})
-    cooling = child(conn, "/cooling", "com.tarnwell.common.Helm1.cooling", {
-        "CPUtempC": ("d", 45.0), "FanSpeed": ("u", 0), "EmitStatusChanges": ("b", False)})
-    for obj in (Reel(conn, distance), firmware, distance, power, cooling):
+    for obj in (Reel(conn, distance), firmware, distance, power, Cooling(conn)):
         helm.add_child(obj, announce=False)
     peerlib.run(conn, NAME)
 

@@ -214,6 +214,41 @@ int HelmDaemonDbusHandler::GetFanSpeed(uint32_t& value)
     return Cooling().Get("FanSpeed", value, VIDEOD_FUNCTION);
 }
 
+int HelmDaemonDbusHandler::GetFanControlModes(std::vector<std::string>& value)
+{
+    return Cooling().Get("FanControlModes", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::GetFanControlMode(std::string& value)
+{
+    return Cooling().Get("FanControlMode", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::SetFanControlMode(const std::string& value)
+{
+    return Cooling().Set("FanControlMode", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::GetFanControlRange(std::vector<double>& value)
+{
+    return Cooling().Get("FanControlRange", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::SetFanControlRange(const std::vector<double>& value)
+{
+    return Cooling().Set("FanControlRange", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::GetAveragingPeriod(uint32_t& value)
+{
+    return Cooling().Get("AveragingPeriod", value, VIDEOD_FUNCTION);
+}
+
+int HelmDaemonDbusHandler::SetAveragingPeriod(uint32_t value)
+{
+    return Cooling().Set("AveragingPeriod", value, VIDEOD_FUNCTION);
+}
+
 int HelmDaemonDbusHandler::GetEmitStatusChanges(bool& value)
 {
     return Cooling().Get("EmitStatusChanges", value, VIDEOD_FUNCTION);

@@ -68,9 +68,20 @@ public:
     static int GetReelDistanceRelative(double& distance);
     static int GetReelFirmwareVersion(std::string& version);
 
-    // Cooling.
+    // Cooling. The fan follows the CPU temperature, averaged over the
+    // averaging period (seconds), through the range of the fan control mode:
+    // off below the range's first temperature (degrees C), full speed from
+    // its second. The modes are named by the controller; each keeps its own
+    // range, and the range read or written is the current mode's.
     static int GetCPUtempC(double& celsius);
     static int GetFanSpeed(uint32_t& speed);
+    static int GetFanControlModes(std::vector<std::string>& modes);
+    static int GetFanControlMode(std::string& mode);
+    static int SetFanControlMode(const std::string& mode);
+    static int GetFanControlRange(std::vector<double>& celsius);
+    static int SetFanControlRange(const std::vector<double>& celsius);
+    static int GetAveragingPeriod(uint32_t& seconds);
+    static int SetAveragingPeriod(uint32_t seconds);
     static int GetEmitStatusChanges(bool& enabled);
     static int SetEmitStatusChanges(bool enabled);
 

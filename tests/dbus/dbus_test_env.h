@@ -111,6 +111,8 @@ public:
     {
         while (!_Peers.empty())
             StopPeer(_Peers.begin()->first);
+        for (const auto& program : _Programs)
+            StopProcess(program.second, true);
         _Slots.clear();
         _Queue.clear();
         _Bus.reset();
@@ -181,6 +183,24 @@ protected:
         StopProcess(pid, true);
         return WaitForName(PeerBusNames().at(peer), false);
     }
+
+    // Starts a program in the background, its standard output and error to the temp dir's "<name>.log";
+    // it is stopped with its process group (SIGTERM, then SIGKILL) at teardown.
+    bool StartProgram(const std::string& name, const std::vector<std::string>& argv)
+    {
+        if (_Programs.count(name) || _Peers.count(name)) {
+            _Error = "program " + name + " already started";
+            return false;
+        }
+        const pid_t pid = Spawn(argv, PeerLogPath(name), nullptr);
+        if (pid < 0)
+            return false;
+        _Programs[name] = pid;
+        return true;
+    }
+
+    // What a program or a peer wrote on its standard output and error so far.
+    std::string ProgramLog(const std::string& name) const { return ReadFile(PeerLogPath(name)); }
 
     // What a peer wrote on its standard output and error so far.
     std::string PeerLog(const std::string& peer) const { return ReadFile(PeerLogPath(peer)); }
@@ -274,6 +294,25 @@ protected:
         if (_DaemonPid > 0)
             StopProcess(_DaemonPid, false);
         _DaemonPid = -1;
+    }
+
+    // Replaces the bus daemon by one that refuses each connection's match rules beyond `limit` (AddMatch
+    // fails with LimitsExceeded), as a bus short of resources does: signal subscriptions fail while calls
+    // still work. Call it before starting peers; false (reason in LastError()) when the bus does not start.
+    bool RestartBusWithMatchRuleLimit(int limit)
+    {
+        _Bus.reset();
+        StopBus();
+        const std::string config = _TempDir + "/limited-bus.conf";
+        std::ofstream(config)
+            << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+               " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+               "<busconfig>\n"
+               "  <include>/usr/share/dbus-1/session.conf</include>\n"
+               "  <limit name=\"max_match_rules_per_connection\">"
+            << limit << "</limit>\n</busconfig>\n";
+        StartBus({ "--config-file=" + config }, "limited-bus");
+        return _Bus != nullptr;
     }
 
     // Runs body while the session bus address points at nothing, as on a unit whose bus is down.
@@ -402,15 +441,17 @@ private:
         return pid;
     }
 
-    void StartBus()
+    // A bus daemon with `config` (default: the session bus's) on the socket `name` of the temp dir.
+    void StartBus(const std::vector<std::string>& config = { "--session" }, const std::string& name = "bus")
     {
         int fds[2];
         if (pipe2(fds, O_CLOEXEC) < 0)
             return;
         // The daemon stays our child (so it dies with us); the address it prints says it is ready.
-        _DaemonPid = Spawn({ "dbus-daemon", "--session", "--nofork", "--print-address=1",
-                               "--address=unix:path=" + _TempDir + "/bus" },
-            _TempDir + "/dbus-daemon.log", &fds[1]);
+        _DaemonPid
+            = Spawn(Join(Join({ "dbus-daemon" }, config),
+                        { "--nofork", "--print-address=1", "--address=unix:path=" + _TempDir + "/" + name }),
+                _TempDir + "/" + name + "-daemon.log", &fds[1]);
         close(fds[1]);
         std::string text;
         if (_DaemonPid > 0)
@@ -436,6 +477,7 @@ private:
     std::vector<SdBusSlotPtr> _Slots;
     std::deque<SdBusMessagePtr> _Queue;
     std::map<std::string, pid_t> _Peers;
+    std::map<std::string, pid_t> _Programs;
 };
 
 } // namespace VideodTest

@@ -1,10 +1,12 @@
 // System controller client against the simulated controller on a private bus.
 #include <algorithm>
 #include <any>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "clients/helm_daemon_dbus_handler.h"
+#include "dbus/bus_monitor.h"
 #include "dbus/dbus_test_env.h"
 #include "log_capture.h"
 
@@ -18,6 +20,17 @@ namespace
 const std::string kService = "com.tarnwell.common.Helm1";
 const std::string kPath = "/com/tarnwell/common/Helm1";
 const std::string kControl = "com.tarnwell.common.Helm1.Control";
+
+// The value of `key` in a match rule ("type='signal',path='/a',...": "/a"); empty when absent.
+std::string RuleField(const std::string& rule, const std::string& key)
+{
+    const std::string text = "," + rule, opening = "," + key + "='";
+    const size_t at = text.find(opening);
+    if (at == std::string::npos)
+        return "";
+    const size_t start = at + opening.size();
+    return text.substr(start, text.find('\'', start) - start);
+}
 
 class HelmClient : public VideodTest::DbusTestEnv
 {
@@ -67,6 +80,47 @@ TEST_F(HelmClient, ReadsAndWritesTheStatusCredentialsReelPowerAndCoolingValues)
     EXPECT_EQ(Read(&H::GetBatteryTypes).size(), 1u);
     SetChild("cooling", "CPUtempC", { "d", "61.5" });
     EXPECT_DOUBLE_EQ(Read(&H::GetCPUtempC), 61.5);
+    SetChild("cooling", "FanSpeed", { "u", "2400" });
+    EXPECT_EQ(Read(&H::GetFanSpeed), 2400u);
+}
+
+// Each fan control mode keeps its own temperature range; the averaging period and the status change
+// switch are plain values.
+TEST_F(HelmClient, ReadsAndWritesTheFanControlModesTheirRangesAndTheAveragingPeriod)
+{
+    using H = HelmDaemonDbusHandler;
+    StartHelm();
+    const std::vector<std::string> modes = Read(&H::GetFanControlModes);
+    EXPECT_EQ(modes, (std::vector<std::string> { "automatic", "quiet", "performance" }));
+    EXPECT_EQ(Read(&H::GetFanControlMode), "automatic");
+    EXPECT_EQ(Read(&H::GetFanControlRange), (std::vector<double> { 45.0, 75.0 }));
+
+    ASSERT_GE(H::SetFanControlMode("quiet"), 0);
+    EXPECT_EQ(Read(&H::GetFanControlMode), "quiet");
+    EXPECT_EQ(Read(&H::GetFanControlRange), (std::vector<double> { 55.0, 85.0 }));
+    ASSERT_GE(H::SetFanControlRange({ 50.0, 80.5 }), 0);
+    ASSERT_GE(H::SetFanControlMode("automatic"), 0);
+    EXPECT_EQ(Read(&H::GetFanControlRange), (std::vector<double> { 45.0, 75.0 }));
+    ASSERT_GE(H::SetFanControlMode("quiet"), 0);
+    EXPECT_EQ(Read(&H::GetFanControlRange), (std::vector<double> { 50.0, 80.5 }));
+
+    // Refused by the controller, and nothing changes.
+    LogCapture log;
+    EXPECT_LT(H::SetFanControlMode("turbo"), 0);
+    EXPECT_LT(H::SetFanControlRange({ 80.0, 40.0 }), 0);
+    EXPECT_TRUE(log.ContainsText(VideoDaemon::Log::kError,
+        "static int Helmd::HelmDaemonDbusHandler::SetFanControlMode(const string&): sdbus_utils::SetProperty "
+        "FanControlMode failed org.freedesktop.DBus.Error.InvalidArgs"));
+    EXPECT_EQ(Read(&H::GetFanControlMode), "quiet");
+    EXPECT_EQ(Read(&H::GetFanControlRange), (std::vector<double> { 50.0, 80.5 }));
+
+    EXPECT_EQ(Read(&H::GetAveragingPeriod), 10u);
+    ASSERT_GE(H::SetAveragingPeriod(30), 0);
+    EXPECT_EQ(Read(&H::GetAveragingPeriod), 30u);
+    for (bool enabled : { true, false }) {
+        ASSERT_GE(H::SetEmitStatusChanges(enabled), 0);
+        EXPECT_EQ(Read(&H::GetEmitStatusChanges, !enabled), enabled);
+    }
 }
 
 TEST_F(HelmClient, ForwardsVideoStatusAndPropertyChangesOfEachObject)
@@ -105,32 +159,157 @@ TEST_F(HelmClient, ForwardsVideoStatusAndPropertyChangesOfEachObject)
     EXPECT_EQ(std::any_cast<std::string>(power.at("PowerSource").second), "battery");
 }
 
-TEST_F(HelmClient, WithoutTheControllerReadsFailWithTheSpecifiedMessage)
+// Each failed operation logs one line at error priority: its signature, then what failed (the main
+// object's properties by their constant's name, the other objects' by the property itself), then the bus
+// error. Values read are left as they were.
+TEST_F(HelmClient, WithoutTheControllerEachOperationFailsWithOneErrorLine)
 {
-    LogCapture log;
+    using H = HelmDaemonDbusHandler;
+    const std::string kSig = "static int Helmd::HelmDaemonDbusHandler::";
+    const std::string kUnknown = " failed org.freedesktop.DBus.Error.ServiceUnknown";
     int32_t status = 5;
-    EXPECT_LT(HelmDaemonDbusHandler::GetPropVideoStatus(status), 0);
-    EXPECT_EQ(status, 5);
-    EXPECT_TRUE(log.ContainsText("static int Helmd::HelmDaemonDbusHandler::GetPropVideoStatus(int32_t&): "
-                                 "sdbus_utils::GetProperty HELM_DAEMON_PROP_VIDEO_STATUS failed "
-                                 "org.freedesktop.DBus.Error.ServiceUnknown"));
-    std::string ip = "unchanged";
-    EXPECT_LT(HelmDaemonDbusHandler::GetRemoteIP(ip), 0);
-    EXPECT_EQ(ip, "unchanged");
+    std::string text = "unchanged";
+    double value = 2.5;
+    uint32_t period = 7;
+    std::vector<double> range { 1.0 };
     TypedPropertyMap reel;
-    EXPECT_LT(HelmDaemonDbusHandler::GetReelProperties(reel), 0);
-    // The other objects' operations name the property itself.
-    EXPECT_LT(HelmDaemonDbusHandler::SetBatteryDrainMode(2), 0);
-    EXPECT_TRUE(log.ContainsText("static int Helmd::HelmDaemonDbusHandler::SetBatteryDrainMode(uint32_t): "
-                                 "sdbus_utils::SetProperty BatteryDrainMode failed "
-                                 "org.freedesktop.DBus.Error.ServiceUnknown"));
-    std::string serial = "unchanged";
-    EXPECT_LT(HelmDaemonDbusHandler::GetReelSerialNumber(serial), 0);
-    EXPECT_EQ(serial, "unchanged");
-    EXPECT_TRUE(log.ContainsText(
-        "static int Helmd::HelmDaemonDbusHandler::GetReelSerialNumber(std::__cxx11::string&): "
-        "sdbus_utils::GetProperty SerialNumber failed "
-        "org.freedesktop.DBus.Error.ServiceUnknown"));
+    const std::pair<std::function<int()>, std::string> rows[] = {
+        { [&] { return H::GetPropVideoStatus(status); },
+            kSig + "GetPropVideoStatus(int32_t&): sdbus_utils::GetProperty HELM_DAEMON_PROP_VIDEO_STATUS"
+                + kUnknown },
+        { [&] { return H::GetRemoteIP(text); },
+            kSig + "GetRemoteIP(std::__cxx11::string&): sdbus_utils::GetProperty HELM_DAEMON_PROP_REMOTE_IP"
+                + kUnknown },
+        { [&] { return H::GetRemoteDbusAddr(text); },
+            kSig
+                + "GetRemoteDbusAddr(std::__cxx11::string&): sdbus_utils::GetProperty "
+                  "HELM_DAEMON_PROP_REMOTE_DBUS_ADDR"
+                + kUnknown },
+        { [&] { return H::GetReelProperties(reel); },
+            kSig + "GetReelProperties(TypedPropertyMap&): sdbus_utils::GetAllProperties" + kUnknown },
+        { [&] { return H::GetReelSerialNumber(text); },
+            kSig + "GetReelSerialNumber(std::__cxx11::string&): sdbus_utils::GetProperty SerialNumber"
+                + kUnknown },
+        { [&] { return H::SetBatteryDrainMode(2); },
+            kSig + "SetBatteryDrainMode(uint32_t): sdbus_utils::SetProperty BatteryDrainMode" + kUnknown },
+        { [&] { return H::GetCPUtempC(value); },
+            kSig + "GetCPUtempC(double&): sdbus_utils::GetProperty CPUtempC" + kUnknown },
+        { [&] { return H::GetFanControlMode(text); },
+            kSig + "GetFanControlMode(std::__cxx11::string&): sdbus_utils::GetProperty FanControlMode"
+                + kUnknown },
+        { [&] { return H::GetFanControlRange(range); },
+            kSig + "GetFanControlRange(std::vector<double>&): sdbus_utils::GetProperty FanControlRange"
+                + kUnknown },
+        { [&] { return H::GetAveragingPeriod(period); },
+            kSig + "GetAveragingPeriod(uint32_t&): sdbus_utils::GetProperty AveragingPeriod" + kUnknown },
+        { [&] { return H::ZeroReelCount(); },
+            kSig + "ZeroReelCount():sd_bus_call_method call failed (r = -" },
+    };
+    for (const auto& [operation, line] : rows) {
+        LogCapture log;
+        EXPECT_LT(operation(), 0) << line;
+        ASSERT_EQ(log.Lines().size(), 1u) << line;
+        EXPECT_EQ(log.Lines().front().first, VideoDaemon::Log::kError) << line;
+        EXPECT_EQ(log.Lines().front().second.rfind(line, 0), 0u) << log.Lines().front().second;
+    }
+    EXPECT_EQ(status, 5);
+    EXPECT_EQ(text, "unchanged");
+    EXPECT_EQ(value, 2.5);
+    EXPECT_EQ(period, 7u);
+    EXPECT_EQ(range, std::vector<double> { 1.0 });
+    EXPECT_TRUE(reel.empty());
+}
+
+// The bus grants the first subscription only: every other one is logged by its signal's name, in the
+// order they are made, then the client gives up its connection under a message that names another client.
+TEST_F(HelmClient, SubscriptionsTheBusRefusesAreLoggedInOrderAndTheConnectionLetGo)
+{
+    ASSERT_TRUE(RestartBusWithMatchRuleLimit(1)) << LastError();
+    LogCapture log;
+    HelmDaemonDbusHandler client;
+    EXPECT_LT(client.Listen(), 0);
+    EXPECT_FALSE(client.IsConnected());
+    const std::vector<std::string> refused { "KeyPressEvent", "PropertiesChanged", "PropertiesChanged",
+        "PropertiesChanged", "PropertiesChanged", "PropertiesChanged", "PropertiesChanged", "InterfacesAdded",
+        "InterfacesRemoved" };
+    const auto lines = log.Lines();
+    ASSERT_EQ(lines.size(), refused.size() + 1);
+    for (size_t i = 0; i < refused.size(); ++i) {
+        EXPECT_EQ(lines[i].first, VideoDaemon::Log::kError);
+        EXPECT_EQ(lines[i].second.rfind("Failed to register " + refused[i] + " signal, ", 0), 0u)
+            << lines[i].second;
+        EXPECT_GT(lines[i].second.size(), ("Failed to register " + refused[i] + " signal, ").size());
+    }
+    EXPECT_EQ(lines.back(),
+        std::make_pair(
+            int(VideoDaemon::Log::kError), std::string("Storage: Failed to init signal listeners")));
+}
+
+// Seen on the bus: the client's own AddMatch calls, one per signal, in this order.
+TEST_F(HelmClient, SubscribesToTheControllersTenSignalsInOrder)
+{
+    StartHelm();
+    VideodTest::BusMonitor monitor(
+        { "type='method_call',interface='org.freedesktop.DBus',member='AddMatch'" });
+    ASSERT_TRUE(monitor.IsMonitoring());
+    HelmDaemonDbusHandler client;
+    ASSERT_EQ(client.Listen(), 0);
+    const char* unique = nullptr;
+    ASSERT_GE(sd_bus_get_unique_name(client.Bus(), &unique), 0);
+
+    const std::string properties = "org.freedesktop.DBus.Properties PropertiesChanged";
+    const std::vector<std::string> expected {
+        kPath + " " + kControl + " VideoStatusChanged",
+        kPath + " " + kControl + " KeyPressEvent",
+        kPath + "/reel " + properties,
+        kPath + "/reel/firmware " + properties,
+        kPath + "/reel/distance " + properties,
+        kPath + "/power " + properties,
+        kPath + "/cooling " + properties,
+        kPath + " " + properties,
+        kPath + " org.freedesktop.DBus.ObjectManager InterfacesAdded",
+        kPath + " org.freedesktop.DBus.ObjectManager InterfacesRemoved",
+    };
+    std::vector<std::string> seen;
+    while (seen.size() < expected.size()) {
+        VideodTest::SdBusMessagePtr call = monitor.NextCall("AddMatch");
+        ASSERT_TRUE(call) << seen.size();
+        if (std::string(sd_bus_message_get_sender(call.get())) != unique)
+            continue;
+        const char* rule = nullptr;
+        ASSERT_GE(sd_bus_message_read(call.get(), "s", &rule), 0);
+        EXPECT_NE(std::string(rule).find("sender='" + kService + "'"), std::string::npos) << rule;
+        seen.push_back(
+            RuleField(rule, "path") + " " + RuleField(rule, "interface") + " " + RuleField(rule, "member"));
+    }
+    EXPECT_EQ(seen, expected);
+}
+
+// Child objects coming and going reach the object manager signals with their paths.
+TEST_F(HelmClient, ForwardsChildObjectsAddedAndRemoved)
+{
+    StartHelm();
+    HelmDaemonDbusHandler client;
+    ASSERT_EQ(client.Listen(), 0);
+    std::vector<std::string> added, removed;
+    client._InterfacesAdded.connect([&](const std::string& path) { added.push_back(path); });
+    client._InterfacesRemoved.connect([&](const std::string& path) { removed.push_back(path); });
+
+    const std::string sim = "com.tarnwell.host.Simulation";
+    std::string out;
+    ASSERT_EQ(
+        Call(kService, kPath, sim, "AddObject", { "ss", "reel2", "com.tarnwell.common.Helm1.reel" }, &out),
+        0);
+    EXPECT_EQ(out, "o \"" + kPath + "/reel2\"\n");
+    ASSERT_TRUE(RunMainLoopUntil([&] { return !added.empty(); }));
+    ASSERT_EQ(Call(kService, kPath, sim, "RemoveObject", { "s", "reel/distance" }), 0);
+    ASSERT_TRUE(RunMainLoopUntil([&] { return !removed.empty(); }));
+    EXPECT_EQ(added, std::vector<std::string> { kPath + "/reel2" });
+    EXPECT_EQ(removed, std::vector<std::string> { kPath + "/reel/distance" });
+    // Gone from the controller's objects too.
+    EXPECT_EQ(Get(kService, kPath + "/reel/distance", kService + ".reel.distance", "Relative"), "error");
+    EXPECT_NE(Call(kService, kPath, sim, "RemoveObject", { "s", "reel/distance" }), 0);
+    EXPECT_NE(Call(kService, kPath, sim, "AddObject", { "ss", "reel2", "x.y" }), 0);
 }
 
 TEST_F(HelmClient, ListenWithoutABusLogsTheReason)

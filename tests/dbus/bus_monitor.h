@@ -1,0 +1,93 @@
+// Test helper: a monitor of the session bus, which sees the calls between other connections as the bus
+// daemon routes them.
+#pragma once
+
+#include <systemd/sd-bus.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "dbus-helper/sd_bus_ptr.h"
+
+namespace VideodTest
+{
+
+class BusMonitor
+{
+public:
+    // Becomes a monitor (org.freedesktop.DBus.Monitoring.BecomeMonitor) of the bus named by
+    // DBUS_SESSION_BUS_ADDRESS for the messages matching any of `rules`.
+    explicit BusMonitor(const std::vector<std::string>& rules)
+    {
+        const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+        sd_bus* raw = nullptr;
+        if (!address || sd_bus_new(&raw) < 0)
+            return;
+        DbusHelper::SdBusPtr bus(raw);
+        if (sd_bus_set_address(raw, address) < 0 || sd_bus_set_monitor(raw, 1) < 0
+            || sd_bus_set_bus_client(raw, 1) < 0 || sd_bus_start(raw) < 0)
+            return;
+        sd_bus_message* call = nullptr;
+        if (sd_bus_message_new_method_call(raw, &call, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                "org.freedesktop.DBus.Monitoring", "BecomeMonitor")
+            < 0)
+            return;
+        DbusHelper::SdBusMessagePtr message(call);
+        if (sd_bus_message_open_container(call, 'a', "s") < 0)
+            return;
+        for (const std::string& rule : rules) {
+            if (sd_bus_message_append(call, "s", rule.c_str()) < 0)
+                return;
+        }
+        if (sd_bus_message_close_container(call) < 0 || sd_bus_message_append(call, "u", 0u) < 0)
+            return;
+        DbusHelper::SdBusError error;
+        if (sd_bus_call(raw, call, 0, error.Get(), nullptr) < 0)
+            return;
+        _Bus = std::move(bus);
+    }
+
+    bool IsMonitoring() const { return _Bus != nullptr; }
+
+    // The next monitored message, waiting at most timeoutMs; empty on time-out. The bus's own
+    // notices to the monitor (the loss of its name) are passed over.
+    DbusHelper::SdBusMessagePtr Next(int timeoutMs = 10000)
+    {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        while (_Bus) {
+            sd_bus_message* raw = nullptr;
+            const int r = sd_bus_process(_Bus.get(), &raw);
+            if (r < 0)
+                return nullptr;
+            DbusHelper::SdBusMessagePtr message(raw);
+            if (message && !sd_bus_message_is_signal(message.get(), "org.freedesktop.DBus", nullptr))
+                return message;
+            if (r > 0)
+                continue;
+            const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
+                deadline - std::chrono::steady_clock::now())
+                                  .count();
+            if (left <= 0)
+                return nullptr;
+            sd_bus_wait(_Bus.get(), static_cast<uint64_t>(left));
+        }
+        return nullptr;
+    }
+
+    // The next monitored method call whose member is `member`, skipping the others.
+    DbusHelper::SdBusMessagePtr NextCall(const std::string& member, int timeoutMs = 10000)
+    {
+        for (;;) {
+            DbusHelper::SdBusMessagePtr message = Next(timeoutMs);
+            if (!message || sd_bus_message_is_method_call(message.get(), nullptr, member.c_str()) > 0)
+                return message;
+        }
+    }
+
+private:
+    DbusHelper::SdBusPtr _Bus;
+};
+
+} // namespace VideodTest
