@@ -1,6 +1,8 @@
 // Settings client against the simulated settings daemon on a private bus.
 #include <any>
+#include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "clients/settings_daemon_dbus_handler.h"
@@ -35,13 +37,15 @@ protected:
         return Get(kService, kBase + "/" + section, kService, key);
     }
 
-    // Writes typedValue with busctl, then expects the client to read back expected.
+    // Writes typedValue with busctl, then expects the client to read back expected into a variable that
+    // held `initial` (which differs from it, so a read that stores nothing fails).
     template <typename T>
     void ExpectRead(const std::string& section, const std::string& key,
-        const std::vector<std::string>& typedValue, const T& expected)
+        const std::vector<std::string>& typedValue, const T& expected, const T& initial)
     {
+        ASSERT_NE(initial, expected) << key;
         ASSERT_EQ(Set(kService, kBase + "/" + section, kService, key, typedValue), 0) << key;
-        T value {};
+        T value = initial;
         EXPECT_GE(SettingsDaemonDbusHandler::GetSetting(section, key, value), 0) << key;
         EXPECT_EQ(value, expected) << key;
     }
@@ -63,15 +67,17 @@ class SettingsClientWithoutDaemon : public VideodTest::DbusTestEnv
 
 TEST_F(SettingsClient, ReadsAndWritesEveryValueTypeTheDaemonUses)
 {
-    ExpectRead("audio", "micEnabled", { "b", "false" }, false);
-    ExpectRead("capture", "brightness", { "i", "12" }, 12);
-    ExpectRead("capture", "jpegImageQuality", { "u", "42" }, 42u);
-    ExpectRead("video", "maximumFilesize", { "t", "6000000000" }, 6000000000ull);
-    ExpectRead("video", "sharpenAmount", { "d", "0.75" }, 0.75);
-    ExpectRead("video", "dslHysteresis", { "d", "0.25" }, 0.25f);
-    ExpectRead("video", "deinterlaceMethod", { "s", "high-motion" }, std::string("high-motion"));
+    ExpectRead("audio", "micEnabled", { "b", "true" }, true, false);
+    ExpectRead("audio", "micEnabled", { "b", "false" }, false, true);
+    ExpectRead("capture", "brightness", { "i", "12" }, 12, 0);
+    ExpectRead("capture", "jpegImageQuality", { "u", "42" }, 42u, 0u);
+    ExpectRead("video", "maximumFilesize", { "t", "6000000000" }, 6000000000ull, 0ull);
+    ExpectRead("video", "sharpenAmount", { "d", "0.75" }, 0.75, 0.0);
+    ExpectRead("video", "dslHysteresis", { "d", "0.25" }, 0.25f, 0.0f);
     ExpectRead(
-        "video", "zoomLevelsDsl", { "ad", "3", "1.5", "1", "8" }, std::vector<float> { 1.5f, 1.0f, 8.0f });
+        "video", "deinterlaceMethod", { "s", "high-motion" }, std::string("high-motion"), std::string());
+    ExpectRead("video", "zoomLevelsDsl", { "ad", "3", "1.5", "1", "8" },
+        std::vector<float> { 1.5f, 1.0f, 8.0f }, std::vector<float>());
 
     for (bool value : { true, false }) {
         ASSERT_EQ(SettingsDaemonDbusHandler::SetSetting("video", "rotationEnabled", value), 0);
@@ -131,11 +137,49 @@ TEST_F(SettingsClient, RoutesEachSectionsChangeToTheGeneralSignalThenToItsOwn)
         if (section == "video")
             general_video = map;
     });
+    // Consumers connect to the members themselves.
+    using Signal = SettingsDaemonDbusHandler::SectionChangedSignal SettingsDaemonDbusHandler::*;
+    using H = SettingsDaemonDbusHandler;
+    const std::pair<std::string, Signal> members[] = {
+        { "boot", &H::_BootSettingsChanged },
+        { "system", &H::_SystemSettingsChanged },
+        { "audio", &H::_AudioSettingsChanged },
+        { "keyBeep", &H::_KeyBeepSettingsChanged },
+        { "display", &H::_DisplaySettingsChanged },
+        { "capture", &H::_CaptureSettingsChanged },
+        { "jobs", &H::_JobsSettingsChanged },
+        { "sync", &H::_SyncSettingsChanged },
+        { "sonde", &H::_SondeSettingsChanged },
+        { "reel", &H::_ReelSettingsChanged },
+        { "camera", &H::_CameraSettingsChanged },
+        { "overlay", &H::_OverlaySettingsChanged },
+        { "video", &H::_VideoSettingsChanged },
+        { "videoRecording", &H::_VideoRecordingSettingsChanged },
+        { "autologRecording", &H::_AutologRecordingSettingsChanged },
+        { "snapVoiceRecording", &H::_SnapVoiceRecordingSettingsChanged },
+        { "storage", &H::_StorageSettingsChanged },
+        { "development", &H::_DevelopmentSettingsChanged },
+        { "bluetooth", &H::_BluetoothSettingsChanged },
+        { "device", &H::_DeviceSettingsChanged },
+        { "network", &H::_NetworkSettingsChanged },
+        { "motionDetection", &H::_MotionDetectionSettingsChanged },
+        { "contacts", &H::_ContactsSettingsChanged },
+        { "remoteCamera", &H::_RemoteCameraSettingsChanged },
+        { "remoteDevices", &H::_RemoteDevicesSettingsChanged },
+        { "shutdown", &H::_ShutdownSettingsChanged },
+        { "time", &H::_TimeSettingsChanged },
+        { "gps", &H::_GpsSettingsChanged },
+        { "cooling", &H::_CoolingSettingsChanged },
+    };
     const std::vector<std::string>& sections = VideodTest::SettingsSections();
-    for (const std::string& section : sections) {
-        SettingsDaemonDbusHandler::SectionChangedSignal* signal = client.SectionSignal(section);
-        ASSERT_NE(signal, nullptr) << section;
-        signal->connect([&order, section](const TypedPropertyMap&) { order.push_back(section); });
+    ASSERT_EQ(std::size(members), sections.size());
+    for (size_t i = 0; i < sections.size(); ++i) {
+        const auto& [section, member] = members[i];
+        ASSERT_EQ(section, sections[i]);
+        EXPECT_EQ(client.SectionSignal(section), &(client.*member)) << section;
+        (client.*member).connect([&order, section = section](const TypedPropertyMap&) {
+            order.push_back(section);
+        });
     }
     client._VideoSettingsChanged.connect([&](const TypedPropertyMap& map) { video = map; });
     EXPECT_EQ(client.SectionSignal("lighting"), nullptr);
@@ -199,6 +243,68 @@ TEST_F(SettingsClient, AChangeWithoutAnyPathIsRejected)
     EXPECT_EQ(SettingsDaemonDbusHandler::PropertiesChanged(change.get(), &client, nullptr), -1);
     EXPECT_TRUE(log.Contains(kError, kHandlerSignature + ": Failed to find / in path"));
     EXPECT_EQ(signals, 0);
+}
+
+// A change whose body cannot be read is rejected before any signal, with the handler's own line.
+TEST_F(SettingsClient, AChangeWithAnUnreadableBodyIsRejected)
+{
+    SettingsDaemonDbusHandler client(nullptr);
+    int signals = 0;
+    client._SettingsChanged.connect([&](const std::string&, const TypedPropertyMap&) { ++signals; });
+    client._VideoSettingsChanged.connect([&](const TypedPropertyMap&) { ++signals; });
+    // A change of the video section whose body is `types` with the given arguments.
+    auto change = [&](const char* types, auto... values) {
+        sd_bus_message* raw = nullptr;
+        EXPECT_GE(sd_bus_message_new_signal(Bus(), &raw, (kBase + "/video").c_str(),
+                      "org.freedesktop.DBus.Properties", "PropertiesChanged"),
+            0);
+        VideodTest::SdBusMessagePtr message(raw);
+        EXPECT_GE(sd_bus_message_append(message.get(), types, values...), 0);
+        EXPECT_GE(sd_bus_message_seal(message.get(), 1, 0), 0);
+        return message;
+    };
+
+    // No interface name first.
+    {
+        LogCapture log;
+        VideodTest::SdBusMessagePtr message = change("u", 5u);
+        EXPECT_EQ(SettingsDaemonDbusHandler::PropertiesChanged(message.get(), &client, nullptr), -1);
+        EXPECT_EQ(log.Lines(),
+            (std::vector<std::pair<int, std::string>> {
+                { kError, kHandlerSignature + ": Failed to skip interface string" } }));
+    }
+    // An interface name, then no property dictionary: the parse's own code is in the line.
+    {
+        VideodTest::SdBusMessagePtr probe = change("si", kService, 3);
+        ASSERT_GE(sd_bus_message_skip(probe.get(), "s"), 0);
+        TypedPropertyMap ignored;
+        const int parsed = sdbus_utils::ParsePropertiesWithType(probe.get(), ignored);
+        ASSERT_LT(parsed, 0);
+        LogCapture log;
+        VideodTest::SdBusMessagePtr message = change("si", kService, 3);
+        EXPECT_EQ(SettingsDaemonDbusHandler::PropertiesChanged(message.get(), &client, nullptr), -1);
+        EXPECT_EQ(log.Lines(),
+            (std::vector<std::pair<int, std::string>> { { kError,
+                kHandlerSignature + ": ParsePropertiesWithType failed:" + std::to_string(parsed) } }));
+    }
+    EXPECT_EQ(signals, 0);
+}
+
+// The bus refuses the subscription: the failed registration, then a line that names another client
+// (kept as the system has always written it), and the connection is let go.
+TEST_F(SettingsClientWithoutDaemon, ASubscriptionTheBusRefusesIsLoggedAndTheConnectionLetGo)
+{
+    ASSERT_TRUE(RestartBusWithMatchRuleLimit(0)) << LastError();
+    LogCapture log;
+    SettingsDaemonDbusHandler client(nullptr);
+    EXPECT_LT(client.Listen(), 0);
+    EXPECT_FALSE(client.IsConnected());
+    EXPECT_EQ(log.Lines(),
+        (std::vector<std::pair<int, std::string>> {
+            { kError,
+                "int32_t Settingsd::SettingsDaemonDbusHandler::Listen(): Failed to register "
+                "PropertiesChanged signal" },
+            { kError, "LibDbusHelper::Storage: Failed to init signal listeners" } }));
 }
 
 TEST_F(SettingsClientWithoutDaemon, ReadsWritesAndResetsFailWithTheBusError)
