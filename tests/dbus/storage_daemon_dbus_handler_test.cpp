@@ -1,9 +1,12 @@
 // Storage client against the simulated storage daemon; device lookup rules for file paths.
 #include <filesystem>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "clients/storage_daemon_dbus_handler.h"
+#include "dbus/bus_monitor.h"
 #include "dbus/dbus_test_env.h"
 #include "log_capture.h"
 
@@ -146,33 +149,126 @@ TEST_F(StorageClient, FindsTheDeviceWithTheLongestMountedMountPointHoldingTheFil
     EXPECT_EQ(device, kBase + "/sd");
 }
 
-TEST_F(StorageClient, WithoutTheStorageDaemonEveryOperationFailsWithItsMessage)
+// Each failed operation logs one line at error priority. The property operations give their signature,
+// the property's constant and the bus error; the free-space and id reads name the read-only property, as
+// they always have. Values read are left as they were.
+TEST_F(StorageClient, WithoutTheStorageDaemonEachOperationFailsWithOneErrorLine)
 {
+    using H = StorageDaemonDbusHandler;
+    const std::string sd = kBase + "/sd";
+    const std::string kSig = "static int32_t Storaged::StorageDaemonDbusHandler::";
+    const std::string kGet = "): sdbus_utils::GetProperty ";
+    const std::string kUnknown = " failed org.freedesktop.DBus.Error.ServiceUnknown";
+    std::string text = "unchanged";
+    std::vector<std::string> list { "unchanged" };
+    bool flag = true;
+    int32_t number = 9;
+    uint64_t free_space = 11;
+    const std::pair<std::function<int32_t()>, std::string> rows[] = {
+        { [&] { return H::GetPrimaryDevice(text); },
+            kSig + "GetPrimaryDevice(std::__cxx11::string&" + kGet + "PROP_PRIMARY_DEVICE" + kUnknown },
+        { [&] { return H::GetAvailableDevices(list); },
+            kSig + "GetAvailableDevices(std::vector<std::__cxx11::basic_string<char> >&" + kGet
+                + "PROP_AVAILABLE_DEVICES" + kUnknown },
+        { [&] { return H::GetReadOnly(sd, flag); },
+            kSig + "GetReadOnly(const string&, bool&" + kGet + "PROP_READ_ONLY" + kUnknown },
+        { [&] { return H::GetBus(sd, text); },
+            kSig + "GetBus(const string&, std::__cxx11::string&" + kGet + "PROP_BUS" + kUnknown },
+        { [&] { return H::GetSocket(sd, number); },
+            kSig + "GetSocket(const string&, int32_t&" + kGet + "PROP_SOCKET" + kUnknown },
+        { [&] { return H::GetMountPoint(sd, text); },
+            kSig + "GetMountPoint(const string&, std::__cxx11::string&" + kGet + "PROP_MOUNTPOINT"
+                + kUnknown },
+        { [&] { return H::GetDevicePath(sd, text); },
+            kSig + "GetDevicePath(const string&, std::__cxx11::string&" + kGet + "PROP_DEVICE_PATH"
+                + kUnknown },
+        { [&] { return H::GetStorageSpaceBelowWarningThreshold(sd, flag); },
+            kSig + "GetStorageSpaceBelowWarningThreshold(const string&, bool&" + kGet
+                + "PROP_STORAGE_IS_BELOW_WARNING_LEVEL" + kUnknown },
+        { [&] { return H::GetStorageSpaceBelowMinimumThreshold(sd, flag); },
+            kSig + "GetStorageSpaceBelowMinimumThreshold(const string&, bool&" + kGet
+                + "PROP_STORAGE_IS_BELOW_MINIMUM_LEVEL" + kUnknown },
+        { [&] { return H::GetMounted(sd, flag); },
+            kSig + "GetMounted(const string&, bool&" + kGet + "PROP_IS_MOUNTED" + kUnknown },
+        { [&] { return H::GetKnownPrimary(sd, flag); },
+            kSig + "GetKnownPrimary(const string&, bool&" + kGet + "PROP_KNOWN_PRIMARY" + kUnknown },
+        { [&] { return H::SetKnownPrimary(sd, false); },
+            kSig + "SetKnownPrimary(const string&, bool): sdbus_utils::SetProperty PROP_KNOWN_PRIMARY"
+                + kUnknown },
+        { [&] { return H::GetFreeSpace(sd, free_space); },
+            kSig + "GetFreeSpace(const string&, uint64_t&" + kGet + "PROP_READ_ONLY" + kUnknown },
+        { [&] { return H::GetId(sd, text); },
+            kSig + "GetId(const string&, std::__cxx11::string&" + kGet + "PROP_READ_ONLY" + kUnknown },
+        { [&] { return H::GetIsSafeToRemove(sd, flag); },
+            kSig + "GetIsSafeToRemove(const string&, bool&" + kGet + "PROP_IS_SAFE_TO_REMOVE" + kUnknown },
+        { [&] { return H::SetWriteActive(sd, 1, true); }, "SetWriteActive: sd_bus_call_method failed r = -" },
+        { [&] { return H::StartStorageFormat(sd); }, "StartStorageFormat: sd_bus_call_method failed r = -" },
+        { [&] { return H::GetStorageObjectPaths(list); }, "Storage.GetStorageObjectPaths() failed -" },
+        { [&] { return H::GetStorageDeviceForFile(_Sd + "/video.mp4", text); },
+            "Storage.GetStorageObjectPaths() failed -" },
+    };
+    for (const auto& [operation, line] : rows) {
+        LogCapture log;
+        EXPECT_LT(operation(), 0) << line;
+        ASSERT_EQ(log.Lines().size(), 1u) << line;
+        EXPECT_EQ(log.Lines().front().first, VideoDaemon::Log::kError) << line;
+        EXPECT_EQ(log.Lines().front().second.rfind(line, 0), 0u) << log.Lines().front().second;
+    }
+    EXPECT_EQ(text, "unchanged");
+    EXPECT_EQ(list, std::vector<std::string> { "unchanged" });
+    EXPECT_TRUE(flag);
+    EXPECT_EQ(number, 9);
+    EXPECT_EQ(free_space, 11u);
+}
+
+// Each device method call opens a connection of its own, used for that call only and closed when it
+// returns: the calls come from unique names other than the one the property reads share, and those names
+// are gone afterwards.
+TEST_F(StorageClient, EachDeviceMethodCallUsesItsOwnShortLivedConnection)
+{
+    StartStorage();
+    VideodTest::BusMonitor monitor({ "type='method_call',interface='org.freedesktop.DBus.Properties'",
+        "type='method_call',interface='" + std::string(kDevice) + "'" });
+    ASSERT_TRUE(monitor.IsMonitoring());
+    const std::string usb = kBase + "/usb";
+    bool safe = false;
+    ASSERT_GE(StorageDaemonDbusHandler::GetIsSafeToRemove(usb, safe), 0);
+    VideodTest::SdBusMessagePtr read = monitor.NextCall("Get");
+    ASSERT_TRUE(read);
+    const std::string shared = sd_bus_message_get_sender(read.get());
+
+    const std::pair<const char*, std::function<int32_t()>> calls[] = {
+        { "SetWriteActive", [&] { return StorageDaemonDbusHandler::SetWriteActive(usb, 3, true); } },
+        { "SetWriteActive", [&] { return StorageDaemonDbusHandler::SetWriteActive(usb, 3, false); } },
+        { "StartFormat", [&] { return StorageDaemonDbusHandler::StartStorageFormat(usb); } },
+    };
+    std::vector<std::string> senders;
+    for (const auto& [member, call] : calls) {
+        ASSERT_EQ(call(), 0) << member;
+        VideodTest::SdBusMessagePtr seen = monitor.NextCall(member);
+        ASSERT_TRUE(seen) << member;
+        const std::string sender = sd_bus_message_get_sender(seen.get());
+        EXPECT_NE(sender, shared) << member;
+        EXPECT_TRUE(WaitForName(sender, false)) << member << " connection " << sender << " still open";
+        senders.push_back(sender);
+    }
+    EXPECT_NE(senders[0], senders[1]);
+    EXPECT_NE(senders[1], senders[2]);
+    EXPECT_TRUE(NameHasOwner(shared));
+}
+
+// The bus refuses the subscriptions: one line that names the library, and the connection is let go.
+TEST_F(StorageClient, SubscriptionsTheBusRefusesAreLoggedAndTheConnectionLetGo)
+{
+    ASSERT_TRUE(RestartBusWithMatchRuleLimit(0)) << LastError();
+    StartStorage();
     LogCapture log;
-    std::string primary = "unchanged";
-    EXPECT_LT(StorageDaemonDbusHandler::GetPrimaryDevice(primary), 0);
-    EXPECT_EQ(primary, "unchanged");
-    EXPECT_TRUE(
-        log.ContainsText("static int32_t Storaged::StorageDaemonDbusHandler::GetPrimaryDevice(std::__cxx11::"
-                         "string&): sdbus_utils::GetProperty PROP_PRIMARY_DEVICE failed "
-                         "org.freedesktop.DBus.Error.ServiceUnknown"));
-    uint64_t free_space = 0;
-    EXPECT_LT(StorageDaemonDbusHandler::GetFreeSpace(kBase + "/sd", free_space), 0);
-    EXPECT_TRUE(
-        log.ContainsText("GetFreeSpace(const string&, uint64_t&): sdbus_utils::GetProperty PROP_READ_ONLY "
-                         "failed "));
-    bool known = false;
-    EXPECT_LT(StorageDaemonDbusHandler::SetKnownPrimary(kBase + "/sd", true), 0);
-    EXPECT_LT(StorageDaemonDbusHandler::GetKnownPrimary(kBase + "/sd", known), 0);
-    EXPECT_TRUE(log.ContainsText(": sdbus_utils::SetProperty PROP_KNOWN_PRIMARY failed "));
-    EXPECT_TRUE(log.ContainsText(": sdbus_utils::GetProperty PROP_KNOWN_PRIMARY failed "));
-
-    EXPECT_LT(StorageDaemonDbusHandler::SetWriteActive(kBase + "/sd", 1, true), 0);
-    EXPECT_TRUE(log.ContainsText("SetWriteActive: sd_bus_call_method failed r = -"));
-
-    std::string device;
-    EXPECT_LT(StorageDaemonDbusHandler::GetStorageDeviceForFile(_Sd + "/video.mp4", device), 0);
-    EXPECT_TRUE(log.ContainsText("Storage.GetStorageObjectPaths() failed -"));
+    StorageDaemonDbusHandler client;
+    EXPECT_LT(client.Listen(), 0);
+    EXPECT_FALSE(client.IsConnected());
+    EXPECT_EQ(log.Lines(),
+        (std::vector<std::pair<int, std::string>> {
+            { VideoDaemon::Log::kError, "LibDbusHelper::Storage: Failed to init signal listeners" } }));
 }
 
 TEST_F(StorageClient, ListenerReportsDevicesComingAndGoing)
