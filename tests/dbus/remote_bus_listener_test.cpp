@@ -5,9 +5,11 @@
 #include <chrono>
 #include <cstdio>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "clients/dbus_listener.h"
+#include "clients/helm_daemon_dbus_handler.h"
 #include "common/glib_ptr.h"
 #include "dbus-helper/dbus_connector.h"
 #include "dbus/dbus_test_env.h"
@@ -73,34 +75,33 @@ std::chrono::milliseconds MainLoopCpuTime(guint ms)
     return std::chrono::duration_cast<std::chrono::milliseconds>(cpu() - start);
 }
 
-// Stands in for the other unit: `ssh` is a script that records its arguments
-// and runs the remote command here, and the "remote" user bus is a second
-// private dbus-daemon on the abstract socket "/tmp/dbus-<identifier>".
+// Stands in for the other unit: `ssh` is host/peers/remote-unit/ssh, which records its arguments and
+// runs the remote command here, and the "remote" user bus is a second private dbus-daemon on the abstract
+// socket "/tmp/dbus-<identifier>".
 class RemoteBusListener : public VideodTest::DbusTestEnv
 {
 protected:
     void SetUp() override
     {
         DbusTestEnv::SetUp();
+        // The test's own folder comes first, for a bridge that hangs.
         const std::string bin = TempDir() + "/bin";
         mkdir(bin.c_str(), 0755);
-        std::ofstream ssh(bin + "/ssh");
-        ssh << "#!/bin/sh\n"
-               "printf '%s\\n' \"$@\" > \""
-            << TempDir()
-            << "/ssh-args\"\n"
-               "while [ \"$1\" != -- ]; do shift; done\n"
-               "shift 2\n"
-               "eval \"exec $*\"\n";
-        ssh.close();
-        chmod((bin + "/ssh").c_str(), 0755);
         _Path = std::getenv("PATH") ? std::getenv("PATH") : "/usr/bin:/bin";
-        setenv("PATH", (bin + ":" + _Path).c_str(), 1);
+        setenv("PATH", (bin + ":" + StandInFolder() + ":" + _Path).c_str(), 1);
+        setenv("VIDEOD_SSH_ARGS", (TempDir() + "/ssh-args").c_str(), 1);
+    }
+
+    static std::string StandInFolder()
+    {
+        const char* source = std::getenv("VIDEOD_SOURCE_DIR");
+        return std::string(source ? source : ".") + "/host/peers/remote-unit";
     }
 
     void TearDown() override
     {
         setenv("PATH", _Path.c_str(), 1);
+        unsetenv("VIDEOD_SSH_ARGS");
         StopRemoteBuses();
     }
 
@@ -226,6 +227,57 @@ TEST_F(RemoteBusListener, RestartingWithAnotherRemoteAddressClosesThePreviousCon
     ASSERT_EQ(listener.Start("remote-unit", second), 0);
     EXPECT_EQ(BusId(listener.RemoteBus()), second_id);
     EXPECT_TRUE(RunMainLoopUntil([&] { return clients() == 1; })) << clients();
+}
+
+// The bus refuses the subscription: the start still succeeds, with one error line naming the match.
+TEST_F(RemoteBusListener, ARefusedSubscriptionIsLoggedWithItsFourParts)
+{
+    ASSERT_TRUE(RestartBusWithMatchRuleLimit(0)) << LastError();
+    LogCapture log;
+    Listener listener;
+    EXPECT_EQ(listener.Start("", ""), 0);
+    EXPECT_NE(listener.LocalBus(), nullptr);
+    EXPECT_EQ(log.Lines(),
+        (std::vector<std::pair<int, std::string>> {
+            { kError, "DbusListener, failed register ::com.tarnwell.common.Camd1.Camera:RawMotionData" } }));
+}
+
+// run-peers --remote-unit stands in for a remote unit: the system controller's credentials name a second
+// bus, reached through the same ssh stand-in, where the remote unit's camera daemon runs.
+TEST_F(RemoteBusListener, ReachesTheRemoteUnitThatRunPeersStandsIn)
+{
+    const std::string run_peers = std::string(std::getenv("VIDEOD_SOURCE_DIR")) + "/host/peers/run-peers";
+    ASSERT_TRUE(StartProgram("run-peers", { run_peers, "--remote-unit", "helm" })) << LastError();
+    ASSERT_TRUE(RunMainLoopUntil([&] {
+        return ProgramLog("run-peers").find("run-peers: ready") != std::string::npos;
+    })) << ProgramLog("run-peers");
+    const std::string printed = ProgramLog("run-peers");
+    EXPECT_NE(printed.find("PATH=" + StandInFolder() + ":"), std::string::npos) << printed;
+
+    std::string host = "unread", identifier = "unread";
+    ASSERT_GE(Helmd::HelmDaemonDbusHandler::GetRemoteIP(host), 0);
+    ASSERT_GE(Helmd::HelmDaemonDbusHandler::GetRemoteDbusAddr(identifier), 0);
+    EXPECT_EQ(host, "127.0.0.1");
+    EXPECT_NE(printed.find("VIDEOD_REMOTE_BUS_ADDRESS=unix:abstract=/tmp/dbus-" + identifier + "\n"),
+        std::string::npos)
+        << printed;
+
+    Listener listener;
+    ASSERT_EQ(listener.Start(host, identifier), 0);
+    ASSERT_NE(listener.RemoteBus(), nullptr);
+    EXPECT_EQ(ReadFile(TempDir() + "/ssh-args"),
+        "-xT\n-oBatchMode=yes\n--\n127.0.0.1\nsystemd-stdio-bridge --bus-path=unix:abstract=/tmp/dbus-"
+            + identifier + "\n");
+    // The remote unit's camera daemon answers there, and only there.
+    int32_t index = -1;
+    std::string error;
+    EXPECT_GE(
+        sdbus_utils::GetProperty(listener.RemoteBus(), "com.tarnwell.common.Camd1",
+            "/com/tarnwell/common/Camd1", "com.tarnwell.common.Camd1", "ActiveCameraIndex", index, error),
+        0)
+        << error;
+    EXPECT_EQ(index, 0);
+    EXPECT_FALSE(NameHasOwner("com.tarnwell.common.Camd1"));
 }
 
 TEST_F(RemoteBusListener, AnUnreachableRemoteBusFailsTheStart)
