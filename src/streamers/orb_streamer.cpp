@@ -9,13 +9,13 @@
 #include <systemd/sd-bus.h>
 
 #include <algorithm>
-#include <array>
 #include <utility>
 
 #include "common/function_signature.h"
 #include "dbus-helper/sd_bus_ptr.h"
 #include "log.h"
 #include "pipelines/display_pipeline.h"
+#include "pipelines/tcp_client_pipeline.h"
 
 namespace VideoDaemon
 {
@@ -100,13 +100,18 @@ bool IsLaunchedOnDemand(int index)
 } // namespace
 
 OrbStreamer::OrbStreamer()
-    : OrbStreamer(DebugMetrics {})
+    : OrbStreamer(DebugMetrics {}, kCameraStandardPath)
 {
 }
 
-OrbStreamer::OrbStreamer(DebugMetrics metrics)
+OrbStreamer::OrbStreamer(DebugMetrics metrics, std::string camera_standard_path)
     : _Metrics(metrics)
+    , _CameraStandardPath(std::move(camera_standard_path))
 {
+    _Motion.signal_update_interval_changed.connect([this](uint32_t) {
+        if (_PeriodicTimer)
+            ArmPeriodicTimer();
+    });
     if (_Metrics.fps_probes) {
         Log::Warning("%s", kLongDashes);
         Log::Warning("Activating FPS probes [This should be active only in DEBUG system]");
@@ -129,7 +134,19 @@ OrbStreamer::~OrbStreamer()
 int OrbStreamer::Start()
 {
     InitializePipelines();
-    return StartVideoPipelines();
+    ConnectToPeers();
+    const int result = StartInputs();
+    ArmPeriodicTimer();
+    return result;
+}
+
+void OrbStreamer::ConnectToPeers()
+{
+    // The clients work on the user bus whenever their peer is there; a peer
+    // that is absent only costs its calls' failures.
+    _Helm = std::make_unique<Helmd::HelmDaemonDbusHandler>();
+    _Helm->Listen();
+    RegisterStorageWritesInactive();
 }
 
 Pipeline* OrbStreamer::GetPipeline(int index) const
@@ -181,6 +198,16 @@ void OrbStreamer::InitializePipelines()
     for (int index : { kNtscCameraIndex, kPalCameraIndex, kTcpClientIndex })
         _Pipelines[static_cast<size_t>(index)]->signal_state_changed.connect(
             sigc::mem_fun(*this, &OrbStreamer::OnInputStateChanged));
+    _Pipelines[kMp4muxVideoIndex]->signal_eos.connect(sigc::mem_fun(*this, &OrbStreamer::HandleRecordingEos));
+    _Pipelines[kSnapvoiceIndex]->signal_eos.connect(sigc::mem_fun(*this, &OrbStreamer::HandleSnapvoiceEos));
+    _Pipelines[kMp4muxAutologIndex]->signal_eos.connect(sigc::mem_fun(*this, &OrbStreamer::HandleAutologEos));
+    auto& tcp_client = PipelineAt<TcpClientPipeline>(kTcpClientIndex);
+    tcp_client.signal_connection_acquired.connect(sigc::mem_fun(*this, &OrbStreamer::ShowTcpStream));
+    tcp_client.signal_connection_lost.connect(sigc::mem_fun(*this, &OrbStreamer::ShowBlankFrame));
+    PipelineAt<SnapshotPipeline>(kSnapshotIndex).SetWriteActivityHandler(&OrbStreamer::SetStorageWriteActive);
+    PipelineAt<SnapshotPipeline>(kSnapshotIndex)
+        .signal_snapshot_created.connect(
+            [this](const std::string& file) { signal_snapshot_created.emit(file); });
 
     Log::Info("%s", kShortDashes);
     Log::Info(" Connect pipelines ");
@@ -199,8 +226,15 @@ void OrbStreamer::ListenToInput(int input)
 {
     Log::Info("listening to input %d", input);
     Pipeline* producer = GetPipeline(PipelineGraph::InputIndex(input));
-    for (int index : PipelineGraph::InputListeners())
-        _Pipelines[static_cast<size_t>(index)]->ListenTo(producer, "", "");
+    for (int index : PipelineGraph::InputListeners()) {
+        Pipeline& listener = *_Pipelines[static_cast<size_t>(index)];
+        // A relaunched input is a new node under the old name, and naming the
+        // same node again changes nothing: let go of it first.
+        const auto current = listener.GetListeningTo().find(listener.GetSourceName());
+        if (current != listener.GetListeningTo().end() && current->second == producer)
+            listener.ListenTo(nullptr, "", "");
+        listener.ListenTo(producer, "", "");
+    }
 }
 
 int OrbStreamer::StartVideoPipelines()

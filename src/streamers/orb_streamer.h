@@ -12,8 +12,12 @@
 #include <string>
 #include <vector>
 
+#include "clients/helm_daemon_dbus_handler.h"
 #include "common/glib_ptr.h"
 #include "pipelines/pipeline.h"
+#include "pipelines/playback_pipeline.h"
+#include "pipelines/snapshot_pipeline.h"
+#include "streamers/motion_handler.h"
 #include "streamers/orb_state.h"
 #include "streamers/pipeline_graph.h"
 #include "streamers/streamer.h"
@@ -53,11 +57,27 @@ public:
     sigc::signal<void, std::string> signal_metrics_underrun;
     sigc::signal<void, std::string> signal_metrics_running;
 
+    // The three capture kinds, each with its own muxer, state entry and
+    // storage write type.
+    enum CaptureKind : int { kVideoCapture = 0, kSnapVoiceCapture = 1, kAutoLogCapture = 2 };
+
+    // Where the analogue video decoder reports the standard it detected.
+    static constexpr const char* kCameraStandardPath = "/sys/bus/i2c/devices/2-005c/standard";
+    // Reported growth steps, and the margin before the size limit that
+    // counts as near it (2100 KiB).
+    static constexpr uint64_t kGrowthStep = 1048576;
+    static constexpr uint64_t kNearLimitMargin = 2150400;
+    // The live stream server's address.
+    static constexpr const char* kLiveStreamHost = "0.0.0.0";
+    static constexpr int kLiveStreamPort = 4000;
+
     OrbStreamer();
-    explicit OrbStreamer(DebugMetrics metrics);
+    explicit OrbStreamer(DebugMetrics metrics, std::string camera_standard_path = kCameraStandardPath);
     ~OrbStreamer() override;
 
-    // Initialises the pipelines and starts the always-on part of the graph.
+    // Initialises the pipelines, connects to the peer daemons, selects the
+    // input and starts the graph and the live stream server; the result of
+    // StartInputs.
     int Start() override;
 
     // Creates the pipelines in index order, binds their error slots,
@@ -77,11 +97,114 @@ public:
     // result.
     int DisplayDResetCscParams();
 
+    // Inputs.
+    // Detects the standard, selects the input, starts the video pipelines
+    // and the live stream server; the results OR-ed.
+    int StartInputs();
+    // Tears the other inputs down and launches and links `input`; 0.
+    int SetInput(int input);
+    // 1 NTSC, 2 PAL, 0 no camera picture or an unknown standard.
+    int GetCameraStandard();
+    int GetInput() const { return _Input; }
+    int StartTcpClient();
+    int StopTcpClient();
+    int RestartTcpClient();
+    void ShowTcpStream();
+    void ShowBlankFrame();
+    // The remote unit the TCP client connects to on its next start.
+    void SetRemote(const std::string& host, int port);
+    // Live picture (true) or the static image (false) on the live stream.
+    void SetTcpLiveStreamEnabled(bool on);
+    bool GetTcpLiveStreamEnabled();
+
+    // Captures: 0 on success, negative on failure.
+    int StartRecording(const std::string& videoPath, const std::string& recoveryPath,
+        const std::string& snapshotPath, uint32_t width, uint32_t height, uint32_t quality);
+    int StartSnapVoice(const std::string& snapvoicePath, const std::string& recoveryPath,
+        const std::string& snapshotPath, uint32_t width, uint32_t height, uint32_t quality);
+    int StartAutoLog(const std::string& videoPath, const std::string& recoveryPath,
+        const std::string& snapshotPath, uint32_t width, uint32_t height, uint32_t quality);
+    int StopRecording();
+    int StopSnapVoice();
+    int StopAutoLog();
+    int PauseRecording();
+    int PauseSnapVoice();
+    int PauseAutoLog();
+    int ResumeRecording();
+    int ResumeSnapVoice();
+    int ResumeAutoLog();
+    // Run when a muxer has finished its file after a stop.
+    void HandleRecordingEos();
+    void HandleSnapvoiceEos();
+    void HandleAutologEos();
+    // A still picture ("Snapshot") or a capture's thumbnail at `path`; 0
+    // when requested, -1 when refused. `callback` gets the outcome.
+    int Snapshot(const std::string& name, const std::string& path, uint32_t width, uint32_t height,
+        uint32_t quality, SnapshotPipeline::completion_callback_t callback);
+    // The file a kind is writing, the one it wrote last and its moov
+    // recovery file.
+    std::string GetCaptureFile(CaptureKind kind) const;
+    std::string GetPreviousCaptureFile(CaptureKind kind) const;
+    std::string GetCaptureRecoveryFile(CaptureKind kind) const;
+
+    // Playback.
+    int StartPlayback(const std::string& filename, double rate);
+    int StopPlayback(bool exit);
+    int PausePlayback();
+    int ResumePlayback();
+    int SeekPlayback(int32_t offsetMs);
+    // The playback pipeline's last report; -1 without a playback pipeline.
+    int GetPlaybackProgress(
+        bool& active, bool& eos, bool& error, double& rate, int64_t& position, int64_t& duration);
+
+    // Storage watch.
+    // One pass over the three kinds' files, reporting growth.
+    void PeriodicFileWatcher();
+    void SetMaximumFilesize(uint64_t bytes) { _MaximumFilesize = bytes; }
+    uint64_t GetMaximumFilesize() const { return _MaximumFilesize; }
+    // Marks every kind's writes inactive on every mounted storage device.
+    void RegisterStorageWritesInactive();
+    MotionHandler& Motion() { return _Motion; }
+
     OrbState& State() { return _State; }
     // The pipeline at `index` (PipelineIndex); null before InitializePipelines.
     Pipeline* GetPipeline(int index) const;
 
 private:
+public:
+    struct CaptureRules;
+
+private:
+    // Connects to the system controller and the storage daemon.
+    void ConnectToPeers();
+    int StartLiveStreamServer();
+    // The connection check; false once the client is connected.
+    bool OnTcpConnectionCheck();
+    static gboolean OnTcpConnectionTimer(gpointer user_data);
+    int StartCapture(const CaptureRules& rules, const std::string& path, const std::string& recoveryPath,
+        const std::string& snapshotPath, uint32_t width, uint32_t height, uint32_t quality);
+    int StopCapture(const CaptureRules& rules, FunctionSignature caller);
+    int PauseCapture(const CaptureRules& rules, FunctionSignature caller);
+    int ResumeCapture(const CaptureRules& rules, FunctionSignature caller);
+    void StartCapturePipelines(
+        const CaptureRules& rules, const std::string& path, const std::string& recoveryPath);
+    void StopCapturePipelines(const CaptureRules& rules);
+    void ResumeCapturePipelines(const CaptureRules& rules);
+    // Ends what a paused or failed capture left running before it starts
+    // again.
+    void FinishInterruptedCapture(const CaptureRules& rules);
+    void HandleEos(const CaptureRules& rules);
+    void OnSnapVoiceThumbnail();
+    // Whether capture `kind` is active (state 1): only an active capture
+    // keeps the shared encoder valve and the AAC encoder in use.
+    bool IsCaptureActive(CaptureKind kind);
+    // Tells the storage daemon whether the device holding `file` is being
+    // written with `type`.
+    static void SetStorageWriteActive(const std::string& file, uint8_t type, bool active);
+    void OnPlaybackProgress(bool error, bool eos, double rate, int64_t position, int64_t duration);
+    // (Re)arms the periodic timer on the motion handler's interval.
+    void ArmPeriodicTimer();
+    static gboolean OnPeriodicTimer(gpointer user_data);
     // Puts `pipeline` at `index`, its error slot bound with that index and
     // its queue notifications passed on when asked for; used at creation and
     // when the playback pipeline is rebuilt.
@@ -102,6 +225,22 @@ private:
     // Indexes whose frame rates the metrics report.
     std::set<int> _ProbedPipelines;
     GSourcePtr _FpsTimer;
+
+    const std::string _CameraStandardPath;
+    // The selected input, as the switching logic reads it.
+    int _Input = 0;
+    std::string _RemoteHost;
+    int _RemotePort = 0;
+    // Runs the TCP client's connection check until it is connected.
+    GSourcePtr _TcpConnectionCheck;
+    // The system controller; none until the streamer connects to the peers.
+    std::unique_ptr<Helmd::HelmDaemonDbusHandler> _Helm;
+
+    // The last reported file size per capture kind.
+    std::array<uint64_t, 3> _ReportedSize {};
+    uint64_t _MaximumFilesize = 0;
+    MotionHandler _Motion;
+    GSourcePtr _PeriodicTimer;
 };
 
 template <typename T> T& OrbStreamer::PipelineAt(int index) const

@@ -4,6 +4,7 @@
 #include <glib.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <sstream>
 #include <string>
@@ -112,6 +113,19 @@ inline std::vector<Packet> FfprobePackets(const std::string& file, const std::st
         packets.push_back({ g_ascii_strtod(line.substr(0, comma).c_str(), nullptr), line.substr(comma + 1) });
     }
     return packets;
+}
+
+// Largest distance (seconds) between consecutive presentation times of the packets.
+inline double LargestGap(const std::vector<Packet>& packets)
+{
+    std::vector<double> times;
+    for (const Packet& packet : packets)
+        times.push_back(packet.pts);
+    std::sort(times.begin(), times.end());
+    double gap = 0;
+    for (size_t at = 1; at < times.size(); ++at)
+        gap = std::max(gap, times[at] - times[at - 1]);
+    return gap;
 }
 
 // True when ffmpeg decodes the whole file without a complaint.

@@ -39,19 +39,6 @@ bool CloseWithEos(RecordingChain& chain)
     return ok;
 }
 
-// Largest distance between consecutive presentation times of a stream.
-double LargestGap(const std::vector<Packet>& packets)
-{
-    std::vector<double> times;
-    for (const Packet& packet : packets)
-        times.push_back(packet.pts);
-    std::sort(times.begin(), times.end());
-    double gap = 0;
-    for (size_t i = 1; i < times.size(); ++i)
-        gap = std::max(gap, times[i] - times[i - 1]);
-    return gap;
-}
-
 template <typename T>
 T PropertyOf(VideoDaemon::Pipeline& pipeline, const std::string& element, const char* name)
 {

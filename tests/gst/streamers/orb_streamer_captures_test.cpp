@@ -1,0 +1,245 @@
+// The streamer's captures on the simulated camera: recording, SnapVoice and autolog with their thumbnails,
+// the shared encoder valve and AAC encoder, the EOS handlers, the storage daemon told of the writes, and
+// bad requests that leave the live picture and the other captures alone.
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "dbus/dbus_test_env.h"
+#include "pipelines/h264_encode_pipeline.h"
+#include "pipelines/mp4mux_pipeline.h"
+#include "streamer_harness.h"
+#include "support/ffprobe.h"
+
+using namespace StreamerHarness;
+using namespace GstTest;
+
+namespace
+{
+
+const char kDevice[] = "/com/tarnwell/common/StorageDaemon1/sd";
+const char kSimulation[] = "com.tarnwell.host.Simulation";
+
+class OrbStreamerCaptures : public VideodTest::DbusTestEnv, public StreamerFixture
+{
+protected:
+    void SetUp() override
+    {
+        DbusTestEnv::SetUp();
+        dir = TempDir() + "/media";
+        std::filesystem::create_directories(dir);
+        streamer.InitializePipelines();
+        streamer.SetInput(1);
+        streamer.StartVideoPipelines();
+        ASSERT_TRUE(AllPlaying({ kNtscCameraIndex, kGpuIndex, kOverlayRecordingIndex, kH264VideoIndex }));
+        // The GPU's restamping source leaves its preroll frame without a
+        // time; captures start once the live frames have replaced it, as
+        // the daemon's clients come long after start-up.
+        Run(1000);
+    }
+
+    std::string Path(const std::string& name) const { return dir + "/" + name; }
+
+    // Lets the graph run for `ms` on the main loop.
+    static void Run(int ms)
+    {
+        const gint64 end = g_get_monotonic_time() + ms * 1000;
+        RunMainLoopUntil([&] { return g_get_monotonic_time() >= end; }, ms + 1000);
+    }
+
+    int State(const char* name) { return streamer.State().Get(name); }
+
+    // Whether the valve in front of the "video" encoder drops.
+    bool VideoValveDrops()
+    {
+        gboolean drop = FALSE;
+        EXPECT_TRUE(At(kH264VideoIndex).GetElementProperty(VIDEOD_FUNCTION, "video_h264_valve", "drop", drop));
+        return drop;
+    }
+
+    ::testing::AssertionResult MuxerFinished(int index)
+    {
+        if (RunMainLoopUntil([&] { return At(index).GetState() == GST_STATE_NULL; }, 10000))
+            return ::testing::AssertionSuccess();
+        return ::testing::AssertionFailure() << "muxer " << index << " still "
+                                             << gst_element_state_get_name(At(index).GetState());
+    }
+
+    bool Announced(const std::vector<std::string>& names) const
+    {
+        for (const Announcement& announcement : announced)
+            if (announcement.first == names)
+                return true;
+        return false;
+    }
+
+    // Waits until no snapshot or thumbnail is in progress.
+    bool ThumbnailDone()
+    {
+        auto& snapshot = static_cast<SnapshotPipeline&>(At(kSnapshotIndex));
+        return RunMainLoopUntil([&] { return !snapshot.IsInProgress(); }, 6000);
+    }
+
+    std::string dir;
+};
+
+TEST_F(OrbStreamerCaptures, ARecordingPausedAndResumedIsOneFileWithoutTheGapAndAThumbnailOfTheAskedSize)
+{
+    ASSERT_EQ(0,
+        streamer.StartRecording(Path("rec.mp4"), Path("rec.mrf"), Path("rec.jpg"), 320, 240, 80));
+    EXPECT_EQ(1, State("RecordingState"));
+    EXPECT_TRUE(Announced({ "RecordingState", "ActiveCaptures" }));
+    EXPECT_EQ(Path("rec.mp4"), streamer.GetCaptureFile(OrbStreamer::kVideoCapture));
+    EXPECT_EQ(Path("rec.mrf"), streamer.GetCaptureRecoveryFile(OrbStreamer::kVideoCapture));
+    EXPECT_FALSE(VideoValveDrops());
+    Run(2500);
+
+    ASSERT_EQ(0, streamer.PauseRecording());
+    EXPECT_EQ(2, State("RecordingState"));
+    EXPECT_EQ(-1, streamer.PauseRecording());
+    EXPECT_TRUE(log.Contains(LOG_INFO, "int VideoDaemon::OrbStreamer::PauseRecording(): not ACTIVE"));
+    Run(2000);
+    ASSERT_EQ(0, streamer.ResumeRecording());
+    EXPECT_EQ(-1, streamer.ResumeRecording());
+    EXPECT_TRUE(log.Contains(LOG_INFO, "int VideoDaemon::OrbStreamer::ResumeRecording(): not PAUSED"));
+    Run(2500);
+
+    ASSERT_EQ(0, streamer.StopRecording());
+    EXPECT_EQ(0, State("RecordingState"));
+    EXPECT_TRUE(Announced({ "RecordingState", "InactiveCaptures" }));
+    EXPECT_TRUE(VideoValveDrops());
+    EXPECT_EQ(GST_STATE_NULL, At(kAacEncodeIndex).GetState());
+    ASSERT_TRUE(MuxerFinished(kMp4muxVideoIndex));
+    EXPECT_TRUE(log.Contains(LOG_INFO, "HandleRecordingEos: Handling EOS..."));
+    EXPECT_EQ(Path("rec.mp4"), streamer.GetPreviousCaptureFile(OrbStreamer::kVideoCapture));
+    EXPECT_EQ("", streamer.GetCaptureRecoveryFile(OrbStreamer::kVideoCapture));
+
+    ExpectCaptureStreamFormats(Path("rec.mp4"));
+    // Five seconds recorded; the two paused ones are not in the file.
+    EXPECT_NEAR(5.0, FfprobeNumber(Path("rec.mp4"), "format=duration"), 0.6);
+    const std::vector<Packet> video = FfprobePackets(Path("rec.mp4"), "v:0");
+    ASSERT_FALSE(video.empty());
+    EXPECT_EQ("K_", video.front().flags);
+    EXPECT_LT(LargestGap(video), 0.2);
+    EXPECT_LT(LargestGap(FfprobePackets(Path("rec.mp4"), "a:0")), 0.2);
+    EXPECT_EQ((std::map<std::string, std::string> { { "width", "320" }, { "height", "240" } }),
+        FfprobeEntries(Path("rec.jpg"), "stream=width,height", "v:0"));
+
+    // Stopping an inactive recording does nothing.
+    EXPECT_EQ(0, streamer.StopRecording());
+    EXPECT_EQ(0, streamer.StopAutoLog());
+    EXPECT_TRUE(log.Contains(LOG_INFO, "int VideoDaemon::OrbStreamer::StopAutoLog(): not recording"));
+}
+
+TEST_F(OrbStreamerCaptures, ThreeKindsRunAtOnceAndOnlyAnActiveOneKeepsTheSharedValveAndAacEncoderInUse)
+{
+    ASSERT_EQ(0, streamer.StartRecording(Path("video.mp4"), "", Path("video.jpg"), 160, 120, 70));
+    Run(300);
+    // SnapVoice turns active when its picture exists, not before.
+    ASSERT_EQ(0, streamer.StartSnapVoice(Path("snapvoice.mp4"), "", Path("snapvoice.jpg"), 160, 120, 70));
+    EXPECT_EQ(0, State("SnapVoiceState"));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return State("SnapVoiceState") == 1; }, 6000));
+    EXPECT_TRUE(std::filesystem::exists(Path("snapvoice.jpg")));
+    EXPECT_TRUE(Announced({ "SnapVoiceState", "ActiveCaptures" }));
+    Run(300);
+    ASSERT_EQ(0, streamer.StartAutoLog(Path("autolog.mp4"), "", Path("autolog.jpg"), 160, 120, 70));
+    EXPECT_EQ(-1, streamer.StartAutoLog(Path("autolog2.mp4"), "", Path("autolog2.jpg"), 160, 120, 70));
+    EXPECT_TRUE(log.Contains(LOG_ERR, "OrbStreamer::StartAutoLog - Autolog recording already active"));
+    Run(3000);
+
+    // The active SnapVoice keeps the shared valve open and the AAC encoder on.
+    ASSERT_EQ(0, streamer.StopRecording());
+    EXPECT_FALSE(VideoValveDrops());
+    EXPECT_EQ(GST_STATE_PLAYING, At(kAacEncodeIndex).GetState());
+    // A paused autolog does not keep the AAC encoder on.
+    ASSERT_EQ(0, streamer.PauseAutoLog());
+    ASSERT_EQ(0, streamer.StopSnapVoice());
+    EXPECT_TRUE(VideoValveDrops());
+    EXPECT_EQ(GST_STATE_NULL, At(kAacEncodeIndex).GetState());
+    ASSERT_EQ(0, streamer.StopAutoLog());
+    EXPECT_TRUE(log.Contains(LOG_INFO, "Autolog paused, resuming..."));
+
+    for (int index : { kMp4muxVideoIndex, kSnapvoiceIndex, kMp4muxAutologIndex })
+        ASSERT_TRUE(MuxerFinished(index));
+    EXPECT_EQ(GST_STATE_NULL, At(kH264AutologIndex).GetState());
+    for (const char* name : { "video.mp4", "autolog.mp4" }) {
+        ExpectCaptureStreamFormats(Path(name));
+        EXPECT_GT(FfprobeNumber(Path(name), "format=duration"), 2.0) << name;
+    }
+    // SnapVoice: one picture and the narration.
+    EXPECT_EQ((std::vector<std::string> { "h264", "aac" }),
+        FfprobeValues(Path("snapvoice.mp4"), "stream=codec_name", ""));
+    for (const char* handler : { "HandleRecordingEos", "HandleSnapvoiceEos", "HandleAutologEos" })
+        EXPECT_TRUE(log.Contains(LOG_INFO, std::string(handler) + ": Handling EOS...")) << handler;
+}
+
+TEST_F(OrbStreamerCaptures, BadRequestsAreRefusedWithTheirCodesAndTheNextGoodOneWorks)
+{
+    EXPECT_EQ(-2, streamer.StartRecording("", "", Path("a.jpg"), 160, 120, 70));
+    EXPECT_TRUE(log.Contains(LOG_ERR, "OrbStreamer::StartRecording - Video path empty"));
+    EXPECT_EQ(-2, streamer.StartSnapVoice(Path("snapvoice.mp4"), "", "", 160, 120, 70));
+    EXPECT_TRUE(log.Contains(LOG_ERR, "OrbStreamer::StartSnapVoice - Snapshot path empty"));
+    // A thumbnail of no size is refused, and so is the capture.
+    EXPECT_EQ(-3, streamer.StartAutoLog(Path("autolog.mp4"), "", Path("a.jpg"), 0, 0, 70));
+    EXPECT_TRUE(log.Contains(LOG_ERR, "OrbStreamer::StartAutoLog - Snapshot failed"));
+    EXPECT_EQ(0, State("AutoLogState"));
+    EXPECT_EQ(GST_STATE_NULL, At(kMp4muxAutologIndex).GetState());
+    EXPECT_EQ(-1, streamer.PauseSnapVoice());
+    EXPECT_EQ(-1, streamer.ResumeAutoLog());
+
+    // A directory that cannot be written: the recording fails into the
+    // error state, the live picture goes on.
+    const std::string locked = dir + "/locked";
+    std::filesystem::create_directories(locked);
+    chmod(locked.c_str(), 0500);
+    const bool writable = access(locked.c_str(), W_OK) == 0; // root writes anyway
+    const std::string bad = writable ? "/proc/videod-test/rec.mp4" : locked + "/rec.mp4";
+    ASSERT_EQ(0, streamer.StartRecording(bad, "", Path("bad.jpg"), 160, 120, 70));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return State("RecordingState") == -1; }, 6000));
+    EXPECT_TRUE(Announced({ "RecordingState", "InactiveCaptures" }));
+    EXPECT_TRUE(AllPlaying({ kNtscCameraIndex, kGpuIndex, kDisplayIndex }));
+
+    // The next recording, to a good path, starts from the error state once
+    // the failed one's thumbnail is done.
+    ASSERT_TRUE(ThumbnailDone());
+    ASSERT_EQ(0, streamer.StartRecording(Path("good.mp4"), "", Path("good.jpg"), 160, 120, 70));
+    Run(2000);
+    ASSERT_EQ(0, streamer.StopRecording());
+    ASSERT_TRUE(MuxerFinished(kMp4muxVideoIndex));
+    ExpectCaptureStreamFormats(Path("good.mp4"));
+}
+
+TEST_F(OrbStreamerCaptures, TheStorageDaemonIsToldOfEachCapturesWritesOnTheDeviceHoldingItsFile)
+{
+    ASSERT_TRUE(StartPeer("storage", { "sd=" + dir })) << LastError();
+    ASSERT_EQ(0, streamer.StartRecording(Path("rec.mp4"), "", Path("rec.jpg"), 160, 120, 70));
+    ASSERT_TRUE(ThumbnailDone());
+    ASSERT_EQ(0, streamer.Snapshot("Snapshot", Path("still.jpg"), 320, 240, 85, nullptr));
+    // One at a time.
+    EXPECT_EQ(-1, streamer.Snapshot("Snapshot", Path("still2.jpg"), 320, 240, 85, nullptr));
+    EXPECT_TRUE(log.ContainsText(LOG_ERR, "[Streamer] Snapshot error:"));
+    std::string created;
+    streamer.signal_snapshot_created.connect([&](std::string file) { created = file; });
+    ASSERT_TRUE(RunMainLoopUntil([&] { return !created.empty(); }, 6000));
+    EXPECT_EQ(Path("still.jpg"), created);
+    ASSERT_EQ(0, streamer.StopRecording());
+    ASSERT_TRUE(MuxerFinished(kMp4muxVideoIndex));
+
+    // The recording's type 4 set; the still picture's type 1 set and
+    // cleared.
+    EXPECT_EQ("as 3 \"4:true\" \"1:true\" \"1:false\"", Get("com.tarnwell.common.StorageDaemon1", kDevice,
+                                                           kSimulation, "WriteActiveCalls"));
+}
+
+TEST_F(OrbStreamerCaptures, WithoutTheStorageDaemonCapturesWorkAndEachFailureIsLoggedOncePerCall)
+{
+    ASSERT_EQ(0, streamer.StartAutoLog(Path("autolog.mp4"), "", Path("autolog.jpg"), 160, 120, 70));
+    Run(1500);
+    ASSERT_EQ(0, streamer.StopAutoLog());
+    ASSERT_TRUE(MuxerFinished(kMp4muxAutologIndex));
+    ExpectCaptureStreamFormats(Path("autolog.mp4"));
+    // One lookup of the device for the start.
+    EXPECT_EQ(1u, LinesStartingWith(log, LOG_ERR, "Storage.GetStorageObjectPaths() failed").size());
+}
+
+} // namespace
