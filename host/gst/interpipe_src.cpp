@@ -14,8 +14,9 @@
 // "do-timestamp" on at start, so buffers carry this pipeline's running time
 // as they leave; 1 passthrough-ts (the default) leaves them unchanged;
 // 2 compensate-ts moves them by the difference of the two pipelines' base
-// times, and drops a buffer that would go below zero or that arrives before
-// this pipeline plays. With "allow-renegotiation" false, the first caps stay:
+// times, drops a buffer whose presentation time would go below zero or that
+// arrives before this pipeline plays, and clears a decoding time that would
+// go below zero. With "allow-renegotiation" false, the first caps stay:
 // later caps of the producer are refused quietly while its buffers keep coming.
 // Upstream events go on to the producer when this is its only listener.
 // Forwarded serialized events leave in order with the buffers; flushes flush
@@ -160,9 +161,17 @@ static GstBuffer* Stamped(InterpipeSrc* self, GstBuffer* buffer, GstClockTime no
         const bool later = nodeBaseTime >= baseTime;
         const GstClockTime offset = later ? nodeBaseTime - baseTime : baseTime - nodeBaseTime;
         GstClockTime pts = GST_BUFFER_PTS(buffer), dts = GST_BUFFER_DTS(buffer);
-        if (!MoveTime(pts, offset, later) || !MoveTime(dts, offset, later)) {
+        // The presentation time alone decides, as on the board. The decoding
+        // time may not even be the producer's: the buffer is shared, and
+        // another listener's source that fills in timestamps writes a missing
+        // one in place.
+        if (!MoveTime(pts, offset, later)) {
             GST_DEBUG_OBJECT(self, "buffer from before this pipeline started dropped");
             return nullptr;
+        }
+        if (!MoveTime(dts, offset, later)) {
+            GST_DEBUG_OBJECT(self, "decoding time before this pipeline started cleared");
+            dts = GST_CLOCK_TIME_NONE;
         }
         GstBuffer* out = gst_buffer_copy(buffer);
         GST_BUFFER_PTS(out) = pts;
