@@ -22,6 +22,29 @@ namespace
 const char kBusMessages[] = "bus messages";
 const char kQueueSignals[] = "queue signals";
 
+// How long a released pipeline's interpipesink may take to go away.
+const gint64 kNodeReleaseWaitUs = 500000;
+
+// Waits until `sink` is finalised. A listener in another pipeline may hold it
+// for a moment, forwarding an upstream event; until it goes, its name stays
+// taken and a relaunched pipeline's sink of that name would not be
+// published, leaving the listeners without a producer.
+void WaitUntilReleased(GWeakRef& sink)
+{
+    const gint64 deadline = g_get_monotonic_time() + kNodeReleaseWaitUs;
+    for (;;) {
+        GstPtr<GstElement> alive(static_cast<GstElement*>(g_weak_ref_get(&sink)));
+        if (!alive)
+            return;
+        alive.reset();
+        if (g_get_monotonic_time() >= deadline) {
+            Log::Warning("[Pipeline] interpipe node still in use after its pipeline was released");
+            return;
+        }
+        g_usleep(1000);
+    }
+}
+
 } // namespace
 
 Pipeline::Pipeline() = default;
@@ -102,7 +125,15 @@ void Pipeline::ReleasePipeline()
     // The bus and elements may outlive this object; nothing must call back
     // into it.
     _Handlers.DisconnectAll();
+    if (!pipeline)
+        return;
+    GWeakRef sink;
+    GstPtr<GstElement> node(gst_bin_get_by_name(GST_BIN(pipeline.get()), GetSinkName().c_str()));
+    g_weak_ref_init(&sink, node.get());
+    node.reset();
     pipeline.reset();
+    WaitUntilReleased(sink);
+    g_weak_ref_clear(&sink);
 }
 
 bool Pipeline::Launch(bool attach_probes, bool connect_bus, bool connect_queue_signals)

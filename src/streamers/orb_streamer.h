@@ -84,6 +84,9 @@ public:
     // initialises all but the camera inputs and the input mux, and makes the
     // fixed links.
     void InitializePipelines();
+    // Connects to the system controller and marks the storage devices'
+    // capture writes inactive.
+    void ConnectToPeers();
     // Starts the always-on part of the graph; 0.
     int StartVideoPipelines();
     // Points the GPU and the MJPEG encoder at input `input` (0 test input,
@@ -175,8 +178,6 @@ public:
     struct CaptureRules;
 
 private:
-    // Connects to the system controller and the storage daemon.
-    void ConnectToPeers();
     int StartLiveStreamServer();
     // The connection check; false once the client is connected.
     bool OnTcpConnectionCheck();

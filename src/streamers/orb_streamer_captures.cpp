@@ -52,24 +52,25 @@ const uint8_t kAutoLogWrite = 2;
 const unsigned kFinishWaitSeconds = 2;
 
 const OrbStreamer::CaptureRules kVideoRules { OrbStreamer::kVideoCapture, "RecordingState", kMp4muxVideoIndex,
-    kH264VideoIndex, OrbStreamer::kSnapVoiceCapture, { OrbStreamer::kAutoLogCapture, OrbStreamer::kSnapVoiceCapture },
-    kVideoWrite, "RecordThumbnail", "[Streamer] START recording",
-    "OrbStreamer::StartRecording - Video recording already active", "OrbStreamer::StartRecording - Video path empty",
-    "OrbStreamer::StartRecording - Snapshot path empty", "OrbStreamer::StartRecording - Snapshot failed",
-    "[Streamer] STOP recording", "[Streamer] PAUSE recording", "[Streamer] RESUME recording",
-    "Recording paused, resuming..." };
+    kH264VideoIndex, OrbStreamer::kSnapVoiceCapture,
+    { OrbStreamer::kAutoLogCapture, OrbStreamer::kSnapVoiceCapture }, kVideoWrite, "RecordThumbnail",
+    "[Streamer] START recording", "OrbStreamer::StartRecording - Video recording already active",
+    "OrbStreamer::StartRecording - Video path empty", "OrbStreamer::StartRecording - Snapshot path empty",
+    "OrbStreamer::StartRecording - Snapshot failed", "[Streamer] STOP recording",
+    "[Streamer] PAUSE recording", "[Streamer] RESUME recording", "Recording paused, resuming..." };
 
-const OrbStreamer::CaptureRules kSnapVoiceRules { OrbStreamer::kSnapVoiceCapture, "SnapVoiceState", kSnapvoiceIndex,
-    kH264VideoIndex, OrbStreamer::kVideoCapture, { OrbStreamer::kVideoCapture, OrbStreamer::kAutoLogCapture },
-    kSnapVoiceWrite, "SnapVoiceThumbnail", "[Streamer] START snapVoice",
-    "OrbStreamer::StartSnapVoice - SnapVoice recording already active",
+const OrbStreamer::CaptureRules kSnapVoiceRules { OrbStreamer::kSnapVoiceCapture, "SnapVoiceState",
+    kSnapvoiceIndex, kH264VideoIndex, OrbStreamer::kVideoCapture,
+    { OrbStreamer::kVideoCapture, OrbStreamer::kAutoLogCapture }, kSnapVoiceWrite, "SnapVoiceThumbnail",
+    "[Streamer] START snapVoice", "OrbStreamer::StartSnapVoice - SnapVoice recording already active",
     "OrbStreamer::StartSnapVoice - Snapvoice path empty", "OrbStreamer::StartSnapVoice - Snapshot path empty",
-    "OrbStreamer::StartSnapVoice - Snapshot failed", "[Streamer] STOP snapVoice", "[Streamer] PAUSE snapVoice",
-    "[Streamer] RESUME snap-voice", nullptr };
+    "OrbStreamer::StartSnapVoice - Snapshot failed", "[Streamer] STOP snapVoice",
+    "[Streamer] PAUSE snapVoice", "[Streamer] RESUME snap-voice", nullptr };
 
-const OrbStreamer::CaptureRules kAutoLogRules { OrbStreamer::kAutoLogCapture, "AutoLogState", kMp4muxAutologIndex,
-    kH264AutologIndex, -1, { OrbStreamer::kVideoCapture, OrbStreamer::kSnapVoiceCapture }, kAutoLogWrite,
-    "AutoLogThumbnail", "[Streamer] START autolog", "OrbStreamer::StartAutoLog - Autolog recording already active",
+const OrbStreamer::CaptureRules kAutoLogRules { OrbStreamer::kAutoLogCapture, "AutoLogState",
+    kMp4muxAutologIndex, kH264AutologIndex, -1,
+    { OrbStreamer::kVideoCapture, OrbStreamer::kSnapVoiceCapture }, kAutoLogWrite, "AutoLogThumbnail",
+    "[Streamer] START autolog", "OrbStreamer::StartAutoLog - Autolog recording already active",
     "OrbStreamer::StartAutoLog - Autolog path empty", "OrbStreamer::StartAutoLog - Snapshot path empty",
     "OrbStreamer::StartAutoLog - Snapshot failed", "[Streamer] STOP autolog", "[Streamer] PAUSE autolog",
     "[Streamer] RESUME autolog", "Autolog paused, resuming..." };
@@ -83,7 +84,10 @@ const OrbStreamer::CaptureRules& RulesOf(OrbStreamer::CaptureKind kind)
 
 } // namespace
 
-bool OrbStreamer::IsCaptureActive(CaptureKind kind) { return _State.Get(RulesOf(kind).state) == 1; }
+bool OrbStreamer::IsCaptureActive(CaptureKind kind)
+{
+    return _State.Get(RulesOf(kind).state) == 1;
+}
 
 void OrbStreamer::SetStorageWriteActive(const std::string& file, uint8_t type, bool active)
 {
@@ -102,8 +106,9 @@ int OrbStreamer::Snapshot(const std::string& name, const std::string& path, uint
     // thumbnail's capture has already done so.
     const bool plain = name == "Snapshot";
     std::string error;
-    const int result = PipelineAt<SnapshotPipeline>(kSnapshotIndex)
-                           .TakeSnapshotAsync(path, width, height, quality, plain, std::move(callback), error);
+    const int result
+        = PipelineAt<SnapshotPipeline>(kSnapshotIndex)
+              .TakeSnapshotAsync(path, width, height, quality, plain, std::move(callback), error);
     // The pipeline refuses with -1 (invalid request) or -2 (busy).
     if (result < 0) {
         Log::Error("[Streamer] Snapshot error:%s", error.c_str());
@@ -130,8 +135,9 @@ int OrbStreamer::StartAutoLog(const std::string& videoPath, const std::string& r
     return StartCapture(kAutoLogRules, videoPath, recoveryPath, snapshotPath, width, height, quality);
 }
 
-int OrbStreamer::StartCapture(const CaptureRules& rules, const std::string& path, const std::string& recoveryPath,
-    const std::string& snapshotPath, uint32_t width, uint32_t height, uint32_t quality)
+int OrbStreamer::StartCapture(const CaptureRules& rules, const std::string& path,
+    const std::string& recoveryPath, const std::string& snapshotPath, uint32_t width, uint32_t height,
+    uint32_t quality)
 {
     Log::Info("%s", rules.start_line);
     // Only an active capture is refused: a paused or failed one starts
@@ -214,11 +220,20 @@ void OrbStreamer::StartCapturePipelines(
     muxer.SetDropIDR(false);
 }
 
-int OrbStreamer::StopRecording() { return StopCapture(kVideoRules, VIDEOD_FUNCTION); }
+int OrbStreamer::StopRecording()
+{
+    return StopCapture(kVideoRules, VIDEOD_FUNCTION);
+}
 
-int OrbStreamer::StopSnapVoice() { return StopCapture(kSnapVoiceRules, VIDEOD_FUNCTION); }
+int OrbStreamer::StopSnapVoice()
+{
+    return StopCapture(kSnapVoiceRules, VIDEOD_FUNCTION);
+}
 
-int OrbStreamer::StopAutoLog() { return StopCapture(kAutoLogRules, VIDEOD_FUNCTION); }
+int OrbStreamer::StopAutoLog()
+{
+    return StopCapture(kAutoLogRules, VIDEOD_FUNCTION);
+}
 
 int OrbStreamer::StopCapture(const CaptureRules& rules, FunctionSignature caller)
 {
@@ -252,11 +267,20 @@ void OrbStreamer::StopCapturePipelines(const CaptureRules& rules)
     muxer.SetMoovRecoveryFile("");
 }
 
-int OrbStreamer::PauseRecording() { return PauseCapture(kVideoRules, VIDEOD_FUNCTION); }
+int OrbStreamer::PauseRecording()
+{
+    return PauseCapture(kVideoRules, VIDEOD_FUNCTION);
+}
 
-int OrbStreamer::PauseSnapVoice() { return PauseCapture(kSnapVoiceRules, VIDEOD_FUNCTION); }
+int OrbStreamer::PauseSnapVoice()
+{
+    return PauseCapture(kSnapVoiceRules, VIDEOD_FUNCTION);
+}
 
-int OrbStreamer::PauseAutoLog() { return PauseCapture(kAutoLogRules, VIDEOD_FUNCTION); }
+int OrbStreamer::PauseAutoLog()
+{
+    return PauseCapture(kAutoLogRules, VIDEOD_FUNCTION);
+}
 
 int OrbStreamer::PauseCapture(const CaptureRules& rules, FunctionSignature caller)
 {
@@ -278,11 +302,20 @@ int OrbStreamer::PauseCapture(const CaptureRules& rules, FunctionSignature calle
     return 0;
 }
 
-int OrbStreamer::ResumeRecording() { return ResumeCapture(kVideoRules, VIDEOD_FUNCTION); }
+int OrbStreamer::ResumeRecording()
+{
+    return ResumeCapture(kVideoRules, VIDEOD_FUNCTION);
+}
 
-int OrbStreamer::ResumeSnapVoice() { return ResumeCapture(kSnapVoiceRules, VIDEOD_FUNCTION); }
+int OrbStreamer::ResumeSnapVoice()
+{
+    return ResumeCapture(kSnapVoiceRules, VIDEOD_FUNCTION);
+}
 
-int OrbStreamer::ResumeAutoLog() { return ResumeCapture(kAutoLogRules, VIDEOD_FUNCTION); }
+int OrbStreamer::ResumeAutoLog()
+{
+    return ResumeCapture(kAutoLogRules, VIDEOD_FUNCTION);
+}
 
 int OrbStreamer::ResumeCapture(const CaptureRules& rules, FunctionSignature caller)
 {

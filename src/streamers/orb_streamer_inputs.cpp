@@ -178,7 +178,8 @@ gboolean OrbStreamer::OnTcpConnectionTimer(gpointer user_data)
 bool OrbStreamer::OnTcpConnectionCheck()
 {
     Log::Info("[OrbStreamer] Checking if TCP Client is connected...");
-    if (PipelineAt<TcpClientPipeline>(kTcpClientIndex).IsConnected() && _Pipelines[kGpuIndex]->IsListening()) {
+    if (PipelineAt<TcpClientPipeline>(kTcpClientIndex).IsConnected()
+        && _Pipelines[kGpuIndex]->IsListening()) {
         Log::Info("[OrbStreamer] TCP Client is connected!");
         return false;
     }
@@ -224,6 +225,9 @@ void OrbStreamer::SetTcpLiveStreamEnabled(bool on)
     Announce({ "TcpLiveStreamEnabled" });
 }
 
-bool OrbStreamer::GetTcpLiveStreamEnabled() { return _State.Get("TcpLiveStreamEnabled") != 0; }
+bool OrbStreamer::GetTcpLiveStreamEnabled()
+{
+    return _State.Get("TcpLiveStreamEnabled") != 0;
+}
 
 } // namespace VideoDaemon

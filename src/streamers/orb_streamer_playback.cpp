@@ -51,7 +51,8 @@ int OrbStreamer::StartPlayback(const std::string& filename, double rate)
     const int result = playback.Play(
         filename, rate,
         [](void* user_data, bool error, bool eos, double report_rate, int64_t position, int64_t duration) {
-            static_cast<OrbStreamer*>(user_data)->OnPlaybackProgress(error, eos, report_rate, position, duration);
+            static_cast<OrbStreamer*>(user_data)->OnPlaybackProgress(
+                error, eos, report_rate, position, duration);
         },
         kProgressIntervalMs, this);
     if (result < 0) {
@@ -109,7 +110,8 @@ int OrbStreamer::SeekPlayback(int32_t offsetMs)
 int OrbStreamer::GetPlaybackProgress(
     bool& active, bool& eos, bool& error, double& rate, int64_t& position, int64_t& duration)
 {
-    return PipelineAt<PlaybackPipeline>(kPlaybackIndex).GetPlaybackStatus(active, eos, error, rate, position, duration);
+    return PipelineAt<PlaybackPipeline>(kPlaybackIndex)
+        .GetPlaybackStatus(active, eos, error, rate, position, duration);
 }
 
 void OrbStreamer::OnPlaybackProgress(bool error, bool eos, double rate, int64_t position, int64_t duration)
@@ -128,14 +130,14 @@ void OrbStreamer::OnPlaybackProgress(bool error, bool eos, double rate, int64_t 
             Announce({ "DisplayContent" });
         }
     } else if (!error) {
-        Log::Info("orb_streamer: playback state: error=%d eos=%d rate=%f position=%lld duration=%lld\n", error, eos,
-            rate, position_ms, duration_ms);
+        Log::Info("orb_streamer: playback state: error=%d eos=%d rate=%f position=%lld duration=%lld\n",
+            error, eos, rate, position_ms, duration_ms);
         return;
     } else {
         _State.Set("PlaybackState", -1);
         Announce({ "PlaybackState" });
-        Log::Error("orb_streamer: playback error: error=%d eos=%d rate=%f position=%lld duration=%lld\n", error, eos,
-            rate, position_ms, duration_ms);
+        Log::Error("orb_streamer: playback error: error=%d eos=%d rate=%f position=%lld duration=%lld\n",
+            error, eos, rate, position_ms, duration_ms);
         return;
     }
 
@@ -145,8 +147,8 @@ void OrbStreamer::OnPlaybackProgress(bool error, bool eos, double rate, int64_t 
         _State.Set("DisplayContent", 0);
         Announce({ "DisplayContent" });
     }
-    Log::Info("orb_streamer: playback stopped: error=%d eos=%d rate=%f position=%lld duration=%lld\n", error, eos,
-        rate, position_ms, duration_ms);
+    Log::Info("orb_streamer: playback stopped: error=%d eos=%d rate=%f position=%lld duration=%lld\n", error,
+        eos, rate, position_ms, duration_ms);
 }
 
 } // namespace VideoDaemon

@@ -46,8 +46,8 @@ void OrbStreamer::PeriodicFileWatcher()
             continue;
         const std::string file = muxer.GetLocation();
         const bool near_limit = size + kNearLimitMargin >= _MaximumFilesize;
-        Log::Info(report.format, "PeriodicFileWatcher", file.c_str(), static_cast<unsigned long long>(size >> 20),
-            near_limit ? "True" : "False");
+        Log::Info(report.format, "PeriodicFileWatcher", file.c_str(),
+            static_cast<unsigned long long>(size >> 20), near_limit ? "True" : "False");
         signal_file_grew.emit(report.signal, file, near_limit);
         reported = size;
     }
@@ -55,7 +55,8 @@ void OrbStreamer::PeriodicFileWatcher()
 
 void OrbStreamer::RegisterStorageWritesInactive()
 {
-    Log::Info("[Streamer] Register autolog, snapVoice and video writes inactive for all mounted storage devices.");
+    Log::Info(
+        "[Streamer] Register autolog, snapVoice and video writes inactive for all mounted storage devices.");
     std::vector<std::string> devices;
     if (Storaged::StorageDaemonDbusHandler::GetStorageObjectPaths(devices) < 0)
         return;

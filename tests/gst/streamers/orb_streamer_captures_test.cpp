@@ -53,7 +53,8 @@ protected:
     bool VideoValveDrops()
     {
         gboolean drop = FALSE;
-        EXPECT_TRUE(At(kH264VideoIndex).GetElementProperty(VIDEOD_FUNCTION, "video_h264_valve", "drop", drop));
+        EXPECT_TRUE(
+            At(kH264VideoIndex).GetElementProperty(VIDEOD_FUNCTION, "video_h264_valve", "drop", drop));
         return drop;
     }
 
@@ -61,8 +62,8 @@ protected:
     {
         if (RunMainLoopUntil([&] { return At(index).GetState() == GST_STATE_NULL; }, 10000))
             return ::testing::AssertionSuccess();
-        return ::testing::AssertionFailure() << "muxer " << index << " still "
-                                             << gst_element_state_get_name(At(index).GetState());
+        return ::testing::AssertionFailure()
+            << "muxer " << index << " still " << gst_element_state_get_name(At(index).GetState());
     }
 
     bool Announced(const std::vector<std::string>& names) const
@@ -85,8 +86,7 @@ protected:
 
 TEST_F(OrbStreamerCaptures, ARecordingPausedAndResumedIsOneFileWithoutTheGapAndAThumbnailOfTheAskedSize)
 {
-    ASSERT_EQ(0,
-        streamer.StartRecording(Path("rec.mp4"), Path("rec.mrf"), Path("rec.jpg"), 320, 240, 80));
+    ASSERT_EQ(0, streamer.StartRecording(Path("rec.mp4"), Path("rec.mrf"), Path("rec.jpg"), 320, 240, 80));
     EXPECT_EQ(1, State("RecordingState"));
     EXPECT_TRUE(Announced({ "RecordingState", "ActiveCaptures" }));
     EXPECT_EQ(Path("rec.mp4"), streamer.GetCaptureFile(OrbStreamer::kVideoCapture));
@@ -227,8 +227,8 @@ TEST_F(OrbStreamerCaptures, TheStorageDaemonIsToldOfEachCapturesWritesOnTheDevic
 
     // The recording's type 4 set; the still picture's type 1 set and
     // cleared.
-    EXPECT_EQ("as 3 \"4:true\" \"1:true\" \"1:false\"", Get("com.tarnwell.common.StorageDaemon1", kDevice,
-                                                           kSimulation, "WriteActiveCalls"));
+    EXPECT_EQ("as 3 \"4:true\" \"1:true\" \"1:false\"",
+        Get("com.tarnwell.common.StorageDaemon1", kDevice, kSimulation, "WriteActiveCalls"));
 }
 
 TEST_F(OrbStreamerCaptures, WithoutTheStorageDaemonCapturesWorkAndEachFailureIsLoggedOncePerCall)

@@ -42,12 +42,13 @@ inline std::string ListeningTo(Pipeline& pipeline, const std::string& element)
 }
 
 // A streamer with the log captured and its announcements recorded; the
-// metrics flags as given.
+// metrics flags and the decoder's standard file as given.
 class StreamerFixture
 {
 public:
-    explicit StreamerFixture(OrbStreamer::DebugMetrics metrics = OrbStreamer::DebugMetrics())
-        : streamer(metrics)
+    explicit StreamerFixture(OrbStreamer::DebugMetrics metrics = OrbStreamer::DebugMetrics(),
+        std::string camera_standard_path = OrbStreamer::kCameraStandardPath)
+        : streamer(metrics, std::move(camera_standard_path))
     {
         streamer.signal_properties_changed.connect([this](std::vector<std::string> names, bool deferred) {
             announced.emplace_back(names, deferred);
