@@ -109,8 +109,9 @@ bool Mp4muxPipeline::Launch(bool attach_probes, bool connect_bus, bool connect_q
         Log::Info("Initialising mux pause objects");
         video_pause = std::make_unique<MuxPause>(this, video_pause_name);
         audio_pause = std::make_unique<MuxPause>(this, audio_pause_name);
-        // The handoff connection went with the previous pipeline.
-        tracker_connected = false;
+        // The handoff connection went with the previous pipeline, but the
+        // flag stays: an enable after a relaunch while counting still turns
+        // the counting off, as any second enable does.
     }
     return result;
 }

@@ -56,7 +56,8 @@ public:
     void SetMoovRecoveryFile(const std::string& path);
     // The muxer's moov recovery file; empty when unset or unavailable.
     std::string GetMoovRecoveryFile() const;
-    // Enabling while already counting toggles the counting off.
+    // Enabling while already counting toggles the counting off, also after a
+    // relaunch while counting.
     bool EnableTrackerSignals(bool enable);
     void ResetMuxPause();
     // Pauses (true) or resumes (false) both streams without a gap.
@@ -92,7 +93,8 @@ private:
     std::atomic<guint64> bytes_written { 0 };
     std::unique_ptr<MuxPause> video_pause;
     std::unique_ptr<MuxPause> audio_pause;
-    // Whether the tracker's "handoff" counts bytes.
+    // Whether the tracker's "handoff" was connected by the last enable; kept
+    // across a relaunch, which drops the connection itself.
     bool tracker_connected = false;
 };
 

@@ -147,6 +147,38 @@ TEST(Mp4muxPipeline, KeepsTheRecoveryFileCountsWithTheTrackerAndKillsThePipeline
     chain.Stop();
 }
 
+// Relaunched while counting, the muxer keeps its toggle: the next enable is
+// a second one in a row and stops the counting, the one after counts the new
+// pipeline's bytes.
+TEST(Mp4muxPipeline, ARelaunchWhileCountingKeepsTheTrackerToggle)
+{
+    TempDir dir;
+    RecordingChain chain;
+    ASSERT_TRUE(chain.Start()) << chain.failure;
+    ASSERT_TRUE(chain.StartRecording(dir.File("before.mp4"))) << chain.failure;
+    ASSERT_TRUE(RunMainLoopUntil([&] { return chain.mux->GetBytesWritten() > 0; }, 3000));
+
+    chain.mux->SetState(GST_STATE_NULL);
+    ASSERT_TRUE(chain.mux->Launch(true, true, true));
+    ASSERT_TRUE(chain.mux->ListenTo(&chain.h264, "", ""));
+    ASSERT_TRUE(chain.mux->ListenTo(&chain.aac, "", chain.mux->GetAudioSourceName()));
+    chain.mux->SetLocation(dir.File("after.mp4"));
+    BufferCount passed(ElementOf(*chain.mux, "video_mp4mux_tracker").get(), "src");
+    ASSERT_EQ(chain.mux->SetState(GST_STATE_PLAYING, RecordingChain::kWaitMs), 0);
+    chain.mux->SetDropIDR(false);
+
+    EXPECT_TRUE(chain.mux->EnableTrackerSignals(true));
+    EXPECT_FALSE(PropertyOf<gboolean>(*chain.mux, "video_mp4mux_tracker", "silent"));
+    const guint64 frozen = chain.mux->GetBytesWritten();
+    ASSERT_TRUE(RunMainLoopUntil([&] { return passed.Value() >= 10; }, 3000));
+    EXPECT_EQ(chain.mux->GetBytesWritten(), frozen);
+
+    EXPECT_TRUE(chain.mux->EnableTrackerSignals(true));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return chain.mux->GetBytesWritten() > frozen; }, 3000));
+    EXPECT_EQ(chain.mux->CloseRecord(false), 0);
+    chain.Stop();
+}
+
 // One recording paused half-way: the file must be what a capture promises
 // (H.264 main, AAC 48 kHz stereo, starting on an IDR frame although the
 // encoder has run for a while) and show no trace of the pause.
