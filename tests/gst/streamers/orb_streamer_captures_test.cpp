@@ -1,6 +1,8 @@
 // The streamer's captures on the simulated camera: recording, SnapVoice and autolog with their thumbnails,
 // the shared encoder valve and AAC encoder, the EOS handlers, the storage daemon told of the writes, and
 // bad requests that leave the live picture and the other captures alone.
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -207,6 +209,80 @@ TEST_F(OrbStreamerCaptures, BadRequestsAreRefusedWithTheirCodesAndTheNextGoodOne
     ASSERT_EQ(0, streamer.StopRecording());
     ASSERT_TRUE(MuxerFinished(kMp4muxVideoIndex));
     ExpectCaptureStreamFormats(Path("good.mp4"));
+}
+
+// A directory whose file system holds `bytes` at most: a small tmpfs where
+// mounting is allowed, else the process's file size limit (restored on
+// destruction) stands in for it.
+class SmallFileSystem
+{
+public:
+    SmallFileSystem(const std::string& dir, size_t bytes)
+        : _Dir(dir)
+    {
+        std::filesystem::create_directories(dir);
+        const std::string options = "size=" + std::to_string(bytes);
+        _Mounted = mount("tmpfs", dir.c_str(), "tmpfs", 0, options.c_str()) == 0;
+        if (_Mounted)
+            return;
+        getrlimit(RLIMIT_FSIZE, &_Previous);
+        rlimit limit = _Previous;
+        limit.rlim_cur = bytes;
+        setrlimit(RLIMIT_FSIZE, &limit);
+        // A write past the limit fails instead of ending the process.
+        signal(SIGXFSZ, SIG_IGN);
+    }
+    ~SmallFileSystem()
+    {
+        if (_Mounted)
+            umount2(_Dir.c_str(), MNT_DETACH);
+        else
+            setrlimit(RLIMIT_FSIZE, &_Previous);
+    }
+    SmallFileSystem(const SmallFileSystem&) = delete;
+    SmallFileSystem& operator=(const SmallFileSystem&) = delete;
+
+private:
+    std::string _Dir;
+    bool _Mounted = false;
+    rlimit _Previous {};
+};
+
+TEST_F(OrbStreamerCaptures, AFullDiskOrADeletedFileEndsOnlyThatCaptureAndTheNextOneWorks)
+{
+    ASSERT_EQ(0, streamer.StartAutoLog(Path("autolog.mp4"), "", Path("autolog.jpg"), 160, 120, 70));
+    ASSERT_TRUE(ThumbnailDone());
+    {
+        SmallFileSystem small(dir + "/small", 256 * 1024);
+        ASSERT_EQ(0, streamer.StartRecording(dir + "/small/rec.mp4", "", Path("rec.jpg"), 160, 120, 70));
+        ASSERT_TRUE(RunMainLoopUntil([&] { return State("RecordingState") == -1; }, 20000));
+        EXPECT_EQ(1, State("AutoLogState"));
+        EXPECT_TRUE(AllPlaying({ kNtscCameraIndex, kGpuIndex, kDisplayIndex, kMp4muxAutologIndex }));
+        // The failed file is not finished; its stop returns to inactive.
+        ASSERT_EQ(0, streamer.StopRecording());
+        EXPECT_EQ(0, State("RecordingState"));
+        EXPECT_EQ(GST_STATE_NULL, At(kMp4muxVideoIndex).GetState());
+    }
+
+    // A file deleted under a running recording: the recording ends normally.
+    ASSERT_TRUE(ThumbnailDone());
+    ASSERT_EQ(0, streamer.StartRecording(Path("deleted.mp4"), "", Path("deleted.jpg"), 160, 120, 70));
+    Run(1000);
+    ASSERT_TRUE(std::filesystem::remove(Path("deleted.mp4")));
+    Run(1000);
+    ASSERT_EQ(0, streamer.StopRecording());
+    ASSERT_TRUE(MuxerFinished(kMp4muxVideoIndex));
+    EXPECT_FALSE(std::filesystem::exists(Path("deleted.mp4")));
+
+    ASSERT_TRUE(ThumbnailDone());
+    ASSERT_EQ(0, streamer.StartRecording(Path("next.mp4"), "", Path("next.jpg"), 160, 120, 70));
+    Run(1500);
+    ASSERT_EQ(0, streamer.StopRecording());
+    ASSERT_EQ(0, streamer.StopAutoLog());
+    ASSERT_TRUE(MuxerFinished(kMp4muxVideoIndex));
+    ASSERT_TRUE(MuxerFinished(kMp4muxAutologIndex));
+    ExpectCaptureStreamFormats(Path("next.mp4"));
+    ExpectCaptureStreamFormats(Path("autolog.mp4"));
 }
 
 TEST_F(OrbStreamerCaptures, TheStorageDaemonIsToldOfEachCapturesWritesOnTheDeviceHoldingItsFile)
