@@ -41,7 +41,8 @@ protected:
     bool DisplayDropsFrames()
     {
         gboolean drop = FALSE;
-        EXPECT_TRUE(At(kDisplayIndex).GetElementProperty(VIDEOD_FUNCTION, "display_sink", "drop-frames", drop));
+        EXPECT_TRUE(
+            At(kDisplayIndex).GetElementProperty(VIDEOD_FUNCTION, "display_sink", "drop-frames", drop));
         return drop;
     }
 
@@ -102,8 +103,8 @@ TEST_F(OrbStreamerPlayback, EachStartRebuildsThePipelineForItsKindAndBadNamesAre
     EXPECT_EQ(-1, streamer.StartPlayback("", 1.0));
     EXPECT_TRUE(log.Contains(LOG_ERR, std::string(kStartSignature) + ": filename is empty"));
     EXPECT_EQ(-1, streamer.StartPlayback(dir.File("none.mp4"), 1.0));
-    EXPECT_TRUE(
-        log.Contains(LOG_ERR, std::string(kStartSignature) + ": filename " + dir.File("none.mp4") + " doesn't exist"));
+    EXPECT_TRUE(log.Contains(
+        LOG_ERR, std::string(kStartSignature) + ": filename " + dir.File("none.mp4") + " doesn't exist"));
     EXPECT_EQ(0, State("PlaybackState"));
     EXPECT_FALSE(DisplayDropsFrames());
 

@@ -27,8 +27,9 @@ protected:
         DbusTestEnv::SetUp();
         streamer.InitializePipelines();
         streamer.SetMaximumFilesize(100ull << 20);
-        streamer.signal_file_grew.connect(
-            [this](std::string name, std::string file, bool near) { grew.push_back({ name, file, near }); });
+        streamer.signal_file_grew.connect([this](std::string name, std::string file, bool near) {
+            grew.push_back({ name, file, near });
+        });
     }
 
     // Opens a file on the muxer at `index` as a capture start does.
@@ -92,10 +93,10 @@ TEST_F(OrbStreamerStorage, ThreeGrowingCapturesAreReportedIndependentlyVideoFirs
                   { "SnapVoiceGrew", "/media/sd/snapvoice.mp4", false },
                   { "AutoLogGrew", "/media/sd/autolog.mp4", false } }),
         grew);
+    EXPECT_TRUE(log.Contains(LOG_INFO,
+        "PeriodicFileWatcher - snapVoice /media/sd/snapvoice.mp4 size 2MiB.  Near size limit: False"));
     EXPECT_TRUE(log.Contains(
-        LOG_INFO, "PeriodicFileWatcher - snapVoice /media/sd/snapvoice.mp4 size 2MiB.  Near size limit: False"));
-    EXPECT_TRUE(
-        log.Contains(LOG_INFO, "PeriodicFileWatcher - autolog /media/sd/autolog.mp4 size 3MiB.  Near size limit: False"));
+        LOG_INFO, "PeriodicFileWatcher - autolog /media/sd/autolog.mp4 size 3MiB.  Near size limit: False"));
     for (Mp4muxPipeline* muxer : { &autolog, &snapvoice, &video })
         muxer->CloseRecord(false);
 }
@@ -111,15 +112,19 @@ TEST_F(OrbStreamerStorage, StartUpMarksEveryMountedDevicesCaptureWritesInactive)
     log.Clear();
     streamer.RegisterStorageWritesInactive();
     const std::vector<std::string> lines = LinesStartingWith(log, LOG_INFO, "");
-    const std::vector<std::string> expected { "[Streamer] Register autolog, snapVoice and video writes inactive "
-                                              "for all mounted storage devices.",
+    const std::vector<std::string> expected {
+        "[Streamer] Register autolog, snapVoice and video writes inactive "
+        "for all mounted storage devices.",
         "[Streamer] GetStorageObjectPaths returned:", "/com/tarnwell/common/StorageDaemon1/sd.",
-        "/com/tarnwell/common/StorageDaemon1/usb." };
-    EXPECT_EQ(expected, std::vector<std::string>(lines.begin(), lines.begin() + std::min(lines.size(), expected.size())));
+        "/com/tarnwell/common/StorageDaemon1/usb."
+    };
+    EXPECT_EQ(expected,
+        std::vector<std::string>(lines.begin(), lines.begin() + std::min(lines.size(), expected.size())));
     for (const char* device : { "sd", "usb" })
         EXPECT_EQ("as 4 \"2:false\" \"3:false\" \"4:false\" \"1:false\"",
-            Get("com.tarnwell.common.StorageDaemon1", std::string("/com/tarnwell/common/StorageDaemon1/") + device,
-                "com.tarnwell.host.Simulation", "WriteActiveCalls"))
+            Get("com.tarnwell.common.StorageDaemon1",
+                std::string("/com/tarnwell/common/StorageDaemon1/") + device, "com.tarnwell.host.Simulation",
+                "WriteActiveCalls"))
             << device;
 }
 
