@@ -26,10 +26,7 @@ protected:
 
     static std::string StandardFile() { return ::testing::TempDir() + "videod-decoder-standard"; }
 
-    static void WriteStandard(const std::string& text)
-    {
-        std::ofstream(StandardFile()) << text;
-    }
+    static void WriteStandard(const std::string& text) { std::ofstream(StandardFile()) << text; }
 
     // How many sources are attached to interpipesink `sink` of the pipeline
     // at `index`.
@@ -86,12 +83,14 @@ TEST_F(OrbStreamerInputs, TheStandardIsTheDecodersOnlyWhileTheSystemControllerRe
     streamer.ConnectToPeers();
     for (const Case& row : cases) {
         ASSERT_EQ(0,
-            Set("com.tarnwell.common.Helm1", "/com/tarnwell/common/Helm1", "com.tarnwell.common.Helm1.Control",
-                "VideoStatus", { "i", std::to_string(row.video_status) }));
+            Set("com.tarnwell.common.Helm1", "/com/tarnwell/common/Helm1",
+                "com.tarnwell.common.Helm1.Control", "VideoStatus",
+                { "i", std::to_string(row.video_status) }));
         std::remove(StandardFile().c_str());
         if (row.file)
             WriteStandard(row.file);
-        EXPECT_EQ(row.standard, streamer.GetCameraStandard()) << row.video_status << " " << (row.file ? row.file : "-");
+        EXPECT_EQ(row.standard, streamer.GetCameraStandard())
+            << row.video_status << " " << (row.file ? row.file : "-");
     }
     EXPECT_EQ(1u, log.Count(LOG_INFO, "[OrbStreamer] Get Camera standard returns NTSC"));
     EXPECT_EQ(1u, log.Count(LOG_INFO, "[OrbStreamer] Get Camera standard returns PAL"));
@@ -114,12 +113,12 @@ TEST_F(OrbStreamerInputs, StartUpOnTheNtscCameraLinksItToTheGpuAndTheLiveStreamS
     EXPECT_TRUE(log.Contains(LOG_INFO, "[OrbStreamer] Launched NTSC pipeline OK"));
     EXPECT_TRUE(log.Contains(LOG_INFO, "listening to input 1"));
     EXPECT_EQ("camera_input_video", ListeningTo(At(kGpuIndex), "gpu_source"));
-    EXPECT_TRUE(AllPlaying({ kNtscCameraIndex, kGpuIndex, kDisplayIndex, kMjpegEncodeIndex, kTcpServerIndex }));
+    EXPECT_TRUE(
+        AllPlaying({ kNtscCameraIndex, kGpuIndex, kDisplayIndex, kMjpegEncodeIndex, kTcpServerIndex }));
     // The GPU and the MJPEG encoder take the camera's frames.
     EXPECT_EQ(2u, Listeners(kNtscCameraIndex, "camera_input_video"));
-    EXPECT_TRUE(
-        std::find(announced.begin(), announced.end(),
-            Announcement({ "CaptureActive", "VideoInput", "DisplayContent" }, true))
+    EXPECT_TRUE(std::find(announced.begin(), announced.end(),
+                    Announcement({ "CaptureActive", "VideoInput", "DisplayContent" }, true))
         != announced.end());
 
     const std::string stream = ReadLiveStream(16384);
@@ -168,8 +167,8 @@ TEST_F(OrbStreamerInputs, EachInputSwitchLeavesOneCameraLaunchedAndItsFramesReac
     EXPECT_EQ(GST_STATE_NULL, At(kPalCameraIndex).GetState());
     EXPECT_EQ(1u, Listeners(kTestInputIndex, "test_input_sink"));
     streamer.SetInput(1);
-    EXPECT_TRUE(
-        log.Contains(LOG_WARNING, "[OrbStreamer] This should never happen, stop and tear-down Test Input pipeline"));
+    EXPECT_TRUE(log.Contains(
+        LOG_WARNING, "[OrbStreamer] This should never happen, stop and tear-down Test Input pipeline"));
     EXPECT_EQ(GST_STATE_READY, At(kTestInputIndex).GetState());
     EXPECT_EQ("camera_input_video", ListeningTo(At(kGpuIndex), "gpu_source"));
 
