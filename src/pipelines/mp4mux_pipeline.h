@@ -36,6 +36,8 @@ public:
     // Element names are `prefix` followed by a fixed suffix.
     explicit Mp4muxPipeline(const std::string& prefix);
 
+    // Also makes the file sink write every buffer as it comes, so that a
+    // killed recording leaves as much on disk as can be recovered.
     bool Launch(bool attach_probes, bool connect_bus, bool connect_queue_signals) override;
     std::string GetDescription() override { return description; }
     std::string GetName() override { return name; }

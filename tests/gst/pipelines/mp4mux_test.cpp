@@ -64,6 +64,16 @@ TEST(Mp4muxPipeline, NamesEveryElementAfterItsPrefixAndWritesNowhereUntilOpened)
     EXPECT_STREQ(location.get(), "/dev/null");
 }
 
+// Unbuffered (2), on every pipeline the muxer launches: a killed recording leaves all it wrote on disk.
+TEST(Mp4muxPipeline, EveryLaunchMakesTheFileSinkWriteEachBufferAsItComes)
+{
+    Mp4muxPipeline mux("video");
+    for (int launch = 1; launch <= 2; ++launch) {
+        ASSERT_TRUE(mux.Launch(false, false, false));
+        EXPECT_EQ(PropertyOf<gint>(mux, "video_mp4mux_filesink", "buffer-mode"), 2) << "launch " << launch;
+    }
+}
+
 TEST(Mp4muxPipeline, OperationsBeforeLaunchReportTheMissingPipeline)
 {
     LogCapture log;

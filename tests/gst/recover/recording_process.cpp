@@ -3,8 +3,9 @@
 //
 //   recording_process FILE.mp4 RECOVERY [SINK_BUFFER_BYTES]
 //
-// SINK_BUFFER_BYTES, for comparisons only, replaces the file sink's buffer size (the daemon keeps
-// filesink's default); 0 writes every buffer as it comes.
+// SINK_BUFFER_BYTES, for comparisons only, replaces the file sink's buffering (the daemon's muxer writes
+// every buffer as it comes): a size buffers that many bytes, as filesink does by default with 65536; 0
+// writes every buffer as it comes.
 #include <gst/gst.h>
 
 #include <cstdio>
