@@ -9,12 +9,12 @@
 #include <systemd/sd-bus.h>
 
 #include <algorithm>
-#include <utility>
 
 #include "common/function_signature.h"
 #include "dbus-helper/sd_bus_ptr.h"
 #include "log.h"
 #include "pipelines/display_pipeline.h"
+#include "pipelines/gpu_pipeline.h"
 #include "pipelines/tcp_client_pipeline.h"
 
 namespace VideoDaemon
@@ -104,9 +104,11 @@ OrbStreamer::OrbStreamer()
 {
 }
 
-OrbStreamer::OrbStreamer(DebugMetrics metrics, std::string camera_standard_path)
+OrbStreamer::OrbStreamer(DebugMetrics metrics, std::string camera_standard_path,
+    std::shared_ptr<Settingsd::SettingsDaemonDbusHandler> settings)
     : _Metrics(metrics)
     , _CameraStandardPath(std::move(camera_standard_path))
+    , _Settings(std::move(settings))
 {
     _Motion.signal_update_interval_changed.connect([this](uint32_t) {
         if (_PeriodicTimer)
@@ -135,6 +137,7 @@ int OrbStreamer::Start()
 {
     InitializePipelines();
     ConnectToPeers();
+    ConfigureFromSettings();
     const int result = StartInputs();
     ArmPeriodicTimer();
     return result;
@@ -205,6 +208,9 @@ void OrbStreamer::InitializePipelines()
     tcp_client.signal_connection_acquired.connect(sigc::mem_fun(*this, &OrbStreamer::ShowTcpStream));
     tcp_client.signal_connection_lost.connect(sigc::mem_fun(*this, &OrbStreamer::ShowBlankFrame));
     PipelineAt<SnapshotPipeline>(kSnapshotIndex).SetWriteActivityHandler(&OrbStreamer::SetStorageWriteActive);
+    auto& gpu = PipelineAt<GpuPipeline>(kGpuIndex);
+    _Rotation.Attach(&gpu);
+    gpu.signal_camera_roll.connect(sigc::mem_fun(_Rotation, &RotationHandler::OnCameraRoll));
     PipelineAt<SnapshotPipeline>(kSnapshotIndex)
         .signal_snapshot_created.connect(
             [this](const std::string& file) { signal_snapshot_created.emit(file); });

@@ -10,9 +10,11 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "clients/helm_daemon_dbus_handler.h"
+#include "clients/settings_daemon_dbus_handler.h"
 #include "common/glib_ptr.h"
 #include "pipelines/pipeline.h"
 #include "pipelines/playback_pipeline.h"
@@ -20,10 +22,15 @@
 #include "streamers/motion_handler.h"
 #include "streamers/orb_state.h"
 #include "streamers/pipeline_graph.h"
+#include "streamers/reel_handler.h"
+#include "streamers/rotation_handler.h"
 #include "streamers/streamer.h"
 
 namespace VideoDaemon
 {
+
+class GpuPipeline;
+class H264EncodePipeline;
 
 class OrbStreamer : public Streamer, public sigc::trackable
 {
@@ -72,7 +79,10 @@ public:
     static constexpr int kLiveStreamPort = 4000;
 
     OrbStreamer();
-    explicit OrbStreamer(DebugMetrics metrics, std::string camera_standard_path = kCameraStandardPath);
+    // `settings` is the settings client whose section signals the streamer
+    // follows; without one the built-in defaults stay.
+    explicit OrbStreamer(DebugMetrics metrics, std::string camera_standard_path = kCameraStandardPath,
+        std::shared_ptr<Settingsd::SettingsDaemonDbusHandler> settings = nullptr);
     ~OrbStreamer() override;
 
     // Initialises the pipelines, connects to the peer daemons, selects the
@@ -84,9 +94,16 @@ public:
     // initialises all but the camera inputs and the input mux, and makes the
     // fixed links.
     void InitializePipelines();
+    // The development settings' metrics switches ("renderFramerate" for the
+    // frame-rate probes, "pipelineMetricsEnabled" for the queue
+    // notifications); off when unreadable.
+    static DebugMetrics ReadDebugMetrics();
     // Connects to the system controller and marks the storage devices'
     // capture writes inactive.
     void ConnectToPeers();
+    // Applies the stored configuration to the pipelines and handlers, then
+    // follows its changes.
+    void ConfigureFromSettings();
     // Starts the always-on part of the graph; 0.
     int StartVideoPipelines();
     // Points the GPU and the MJPEG encoder at input `input` (0 test input,
@@ -114,8 +131,10 @@ public:
     int RestartTcpClient();
     void ShowTcpStream();
     void ShowBlankFrame();
-    // The remote unit the TCP client connects to on its next start.
-    void SetRemote(const std::string& host, int port);
+    // The remote unit the TCP client connects to on its next start, and
+    // the address of its bus.
+    void SetRemote(const std::string& host, int port, const std::string& dbus_address = "");
+    void GetRemote(std::string& host, int& port, std::string& dbus_address) const;
     // Live picture (true) or the static image (false) on the live stream.
     void SetTcpLiveStreamEnabled(bool on);
     bool GetTcpLiveStreamEnabled();
@@ -168,6 +187,46 @@ public:
     // Marks every kind's writes inactive on every mounted storage device.
     void RegisterStorageWritesInactive();
     MotionHandler& Motion() { return _Motion; }
+
+    // What the D-Bus service reads and sets besides the operations above.
+    // The capture kind words ("video", "snapVoice", "autolog") in `state`:
+    // 1 active, 2 paused, 0 inactive (failed ones included).
+    bool GetCaptureList(int state, std::vector<std::string>& kinds);
+    std::string GetPlaybackFilename() const;
+    // A negative result when there is no playback to change.
+    int SetPlaybackRate(double rate);
+    double GetPlaybackRate() const;
+    int SetSystemMicMute(bool mute);
+    bool GetSystemMicMute() const;
+    void SetStreamJpegQuality(int quality);
+    int GetStreamJpegQuality() const;
+    void SetStreamTcpQueueSize(int size);
+    int GetStreamTcpQueueSize() const;
+    // "low-motion", "medium-motion" or "high-motion", applied to the NTSC
+    // camera whenever it runs; -1 for another name.
+    int SetDeinterlaceMethod(const std::string& method);
+    const std::string& GetDeinterlaceMethod() const { return _DeinterlaceMethod; }
+    // Restarts the capture chain on the current input (with `redetect`, on
+    // the input the standard selects); stops every pipeline.
+    int StartCapture(bool redetect);
+    void StopCapture();
+    // The capture kind's H.264 encoder (SnapVoice shares the recording's).
+    H264EncodePipeline& Encoder(CaptureKind kind) const;
+    GpuPipeline& Gpu() const;
+    RotationHandler& Rotation() { return _Rotation; }
+    ReelHandler& Reel() { return _Reel; }
+    // The active camera head's features (none before one is connected).
+    struct CameraFeatures {
+        bool hdr = false;
+        bool awb = false;
+        bool plumbline = false;
+        bool microphone = false;
+        bool tiling = false;
+        bool auto_rotate = false;
+        bool msl = false;
+        bool dsl = false;
+    };
+    const CameraFeatures& GetCameraFeatures() const { return _CameraFeatures; }
 
     OrbState& State() { return _State; }
     // The pipeline at `index` (PipelineIndex); null before InitializePipelines.
@@ -228,10 +287,17 @@ private:
     GSourcePtr _FpsTimer;
 
     const std::string _CameraStandardPath;
+    std::shared_ptr<Settingsd::SettingsDaemonDbusHandler> _Settings;
     // The selected input, as the switching logic reads it.
     int _Input = 0;
     std::string _RemoteHost;
     int _RemotePort = 0;
+    std::string _RemoteDbusAddress;
+    std::string _DeinterlaceMethod = "high-motion";
+    bool _LiveStreamAddressSet = false;
+    CameraFeatures _CameraFeatures;
+    RotationHandler _Rotation;
+    ReelHandler _Reel;
     // Runs the TCP client's connection check until it is connected.
     GSourcePtr _TcpConnectionCheck;
     // The system controller; none until the streamer connects to the peers.

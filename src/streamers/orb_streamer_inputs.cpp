@@ -58,9 +58,12 @@ int OrbStreamer::StartLiveStreamServer()
 {
     auto& server = PipelineAt<TcpServerPipeline>(kTcpServerIndex);
     Pipeline& mjpeg = *_Pipelines[kMjpegEncodeIndex];
-    // The server's address is part of its description: it is launched again
-    // with it.
-    server.SetServerAddress(kLiveStreamHost, kLiveStreamPort);
+    // The server's address is part of its description, added once: it is
+    // launched again with it.
+    if (!_LiveStreamAddressSet) {
+        server.SetServerAddress(kLiveStreamHost, kLiveStreamPort);
+        _LiveStreamAddressSet = true;
+    }
     int result = server.Initialize(LaunchFlags()) == 1 ? 0 : -1;
     server.ListenTo(&mjpeg, "", "");
     result |= server.SetState(GST_STATE_PLAYING, 0);
@@ -102,6 +105,8 @@ int OrbStreamer::SetInput(int input)
             Log::Info("[OrbStreamer] Launched NTSC pipeline OK");
             if (_Metrics.fps_probes)
                 ActivateFpsProbe(kNtscCameraIndex);
+            // The chosen de-interlacing outlives each launch.
+            PipelineAt<NtscCameraInputPipeline>(kNtscCameraIndex).SetDeinterlaceMethod(_DeinterlaceMethod);
         }
         ntsc.SetState(GST_STATE_PLAYING, kInputStartWaitMs);
         break;
@@ -133,10 +138,18 @@ int OrbStreamer::SetInput(int input)
     return 0;
 }
 
-void OrbStreamer::SetRemote(const std::string& host, int port)
+void OrbStreamer::SetRemote(const std::string& host, int port, const std::string& dbus_address)
 {
     _RemoteHost = host;
     _RemotePort = port;
+    _RemoteDbusAddress = dbus_address;
+}
+
+void OrbStreamer::GetRemote(std::string& host, int& port, std::string& dbus_address) const
+{
+    host = _RemoteHost;
+    port = _RemotePort;
+    dbus_address = _RemoteDbusAddress;
 }
 
 int OrbStreamer::StartTcpClient()

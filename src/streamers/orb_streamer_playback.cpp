@@ -1,6 +1,8 @@
 // The streamer's playback of recorded files on the display in place of the live picture.
 #include <unistd.h>
 
+#include <cmath>
+
 #include "common/function_signature.h"
 #include "log.h"
 #include "pipelines/display_pipeline.h"
@@ -22,6 +24,10 @@ int OrbStreamer::StartPlayback(const std::string& filename, double rate)
     Log::Info("[Streamer] START playback: filename: %s", filename.c_str());
     if (filename.empty()) {
         Log::Error("%s: filename is empty", VIDEOD_SIGNATURE);
+        return -1;
+    }
+    if (!std::isfinite(rate)) {
+        Log::Error("%s: rate %f is not a number", VIDEOD_SIGNATURE, rate);
         return -1;
     }
     if (access(filename.c_str(), F_OK) != 0) {
