@@ -110,6 +110,7 @@ OrbStreamer::OrbStreamer(DebugMetrics metrics, std::string camera_standard_path,
     , _CameraStandardPath(std::move(camera_standard_path))
     , _Settings(std::move(settings))
 {
+    _Motion.signal_motion_detected.connect(signal_motion_detected.make_slot());
     _Motion.signal_update_interval_changed.connect([this](uint32_t) {
         if (_PeriodicTimer)
             ArmPeriodicTimer();
