@@ -1,0 +1,291 @@
+// OverlayModel's documents: the shipped templates filled from the settings, escaping, switches, styles,
+// modes and template files.
+#include "overlay/overlay_model.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <string>
+
+#include "log_capture.h"
+#include "support/gst_test_pipeline.h"
+
+using VideoDaemon::OverlayModel;
+
+namespace
+{
+
+// 2023-11-14 22:13:20 UTC.
+constexpr std::time_t kNow = 1700000000;
+
+const std::string kStroke = "font-weight='bold' font-size='20' fill='white' stroke='black' stroke-width='2' ";
+
+std::string TemplateDir()
+{
+    const char* source = std::getenv("VIDEOD_SOURCE_DIR");
+    return std::string(source ? source : ".") + "/data/overlay";
+}
+
+size_t Occurrences(const std::string& text, const std::string& fragment)
+{
+    size_t count = 0;
+    for (size_t at = text.find(fragment); at != std::string::npos; at = text.find(fragment, at + 1))
+        count++;
+    return count;
+}
+
+class OverlayModelTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        setenv("TZ", "UTC", 1);
+        tzset();
+    }
+
+    std::string Display() const { return model.RenderDocument(false, kNow); }
+    std::string Recording() const { return model.RenderDocument(true, kNow); }
+    std::string WriteTemplate(const std::string& name, const std::string& text)
+    {
+        std::ofstream(dir.File(name)) << text;
+        return dir.File(name);
+    }
+
+    LogCapture log;
+    GstTest::TempDir dir;
+    OverlayModel model { nullptr, nullptr, TemplateDir() };
+};
+
+} // namespace
+
+TEST_F(OverlayModelTest, ShippedTemplatesDrawDateTimeTopLeftCountBottomRightAndUserTextWhereItIsPlaced)
+{
+    model.SetReelCount("12.5 m");
+    model.SetUserText({ 100, 200, "Pipe 3", 0, "" });
+    for (const std::string& document : { Display(), Recording() }) {
+        EXPECT_EQ(document.rfind("<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"640\" height=\"480\" "
+                                 "viewBox=\"0 0 640 480\">",
+                      0),
+            0u)
+            << document;
+        EXPECT_NE(document.find("<text x='12' y='32' font-family='sans-serif' " + kStroke
+                      + ">2023-11-14 22:13:20</text>"),
+            std::string::npos)
+            << document;
+        EXPECT_NE(document.find("<text x='628' y='468' font-family='sans-serif' " + kStroke
+                      + "text-anchor='end'>12.5 m</text>"),
+            std::string::npos)
+            << document;
+        EXPECT_NE(document.find("<text x='100' y='200' font-family='sans-serif' font-weight='bold' "
+                                "font-size='24' fill='white' stroke='black' stroke-width='2' >"
+                                "<tspan x='100' dy='1.2em'>Pipe 3</tspan></text>"),
+            std::string::npos)
+            << document;
+        EXPECT_EQ(Occurrences(document, "<text"), 3u);
+        EXPECT_EQ(Occurrences(document, "<line"), 0u) << "the plumbline is off by default";
+        EXPECT_EQ(document.substr(document.size() - 7), "</svg>\n");
+    }
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST_F(OverlayModelTest, UserTextAndItsColourAreEscapedBeforeTheyReachTheDocument)
+{
+    model.SetUserText({ 0, 0, "<&>\"'", 0, "red' onload='x" });
+    const std::string document = Display();
+    EXPECT_NE(document.find("fill='red&apos; onload=&apos;x' "), std::string::npos) << document;
+    EXPECT_NE(document.find("<tspan x='0' dy='1.2em'>&lt;&amp;&gt;&quot;&apos;</tspan>"), std::string::npos)
+        << document;
+    EXPECT_EQ(document.find("<&>"), std::string::npos);
+    EXPECT_EQ(model.GetUserText().text, "<&>\"'") << "the model keeps the text as it was set";
+    EXPECT_EQ(model.GetUserText().colour, "red' onload='x");
+}
+
+TEST_F(OverlayModelTest, DateFormatsAndReelCountAreEscapedToo)
+{
+    model.SetDateFormat("<%d&%m>");
+    model.SetTimeEnabled(false);
+    model.SetReelCount("<1.5 m>");
+    const std::string document = Display();
+    EXPECT_NE(document.find(">&lt;14&amp;11&gt;</text>"), std::string::npos) << document;
+    EXPECT_NE(document.find(">&lt;1.5 m&gt;</text>"), std::string::npos) << document;
+}
+
+TEST_F(OverlayModelTest, DisabledSwitchesRemoveTheirElements)
+{
+    model.SetReelCount("3.0 m");
+    model.SetUserText({ 10, 10, "note", 0, "" });
+    model.SetPlumblineEnabled(true);
+    EXPECT_EQ(Occurrences(Display(), "<line"), 2u) << "the plumbline's outline and line";
+    EXPECT_NE(Display().find("<line x1=\"320\" y1=\"0\" x2=\"320\" y2=\"480\" stroke=\"white\""),
+        std::string::npos);
+
+    model.SetDateEnabled(false);
+    EXPECT_NE(Display().find(">22:13:20</text>"), std::string::npos) << "the time alone";
+    model.SetDateEnabled(true);
+    model.SetTimeEnabled(false);
+    EXPECT_NE(Display().find(">2023-11-14</text>"), std::string::npos) << "the date alone";
+    model.SetDateEnabled(false);
+    EXPECT_EQ(Display().find("2023"), std::string::npos);
+    EXPECT_EQ(Occurrences(Display(), "<text"), 2u);
+
+    model.SetCountEnabled(false);
+    EXPECT_EQ(Display().find("3.0 m"), std::string::npos);
+    model.SetUserTextEnabled(false);
+    EXPECT_EQ(Display().find("note"), std::string::npos);
+    model.SetPlumblineEnabled(false);
+    for (const std::string& document : { Display(), Recording() }) {
+        EXPECT_EQ(document,
+            "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"640\" height=\"480\" viewBox=\"0 0 640 "
+            "480\">\n\n\n\n</svg>\n");
+    }
+
+    model.SetCountEnabled(true);
+    model.SetReelCount("");
+    EXPECT_EQ(Occurrences(Display(), "<text"), 0u) << "no reel, no count";
+    model.SetUserTextEnabled(true);
+    model.SetUserText({ 10, 10, "", 0, "" });
+    EXPECT_EQ(Occurrences(Display(), "<text"), 0u) << "no user text, no element";
+}
+
+TEST_F(OverlayModelTest, FormatsFontSizesAndTheDecimalMarkShapeTheTexts)
+{
+    model.SetDateFormat("%d/%m/%Y");
+    model.SetTimeFormat("%H.%M");
+    model.SetDateTimeFontSize(30);
+    model.SetCountFontSize(16);
+    model.SetReelCount("1012.5 ft");
+    model.SetReelCountDecimalMark(",");
+    const std::string document = Display();
+    EXPECT_NE(document.find("<text x='12' y='42' font-family='sans-serif' font-weight='bold' font-size='30' "
+                            "fill='white' stroke='black' stroke-width='2' >14/11/2023 22.13</text>"),
+        std::string::npos)
+        << document;
+    EXPECT_NE(document.find("font-size='16' fill='white' stroke='black' stroke-width='2' "
+                            "text-anchor='end'>1012,5 ft</text>"),
+        std::string::npos)
+        << document;
+}
+
+TEST_F(OverlayModelTest, StylesChooseTheCornerAndUnknownStylesAreKeptButDrawnAtTheDefault)
+{
+    model.SetReelCount("7.5 m");
+    model.SetDateTimeStyle(OverlayModel::kBottomRight);
+    model.SetCountStyle(OverlayModel::kTopLeft);
+    EXPECT_EQ(model.GetDateTimeStyle(), 3);
+    EXPECT_EQ(model.GetCountStyle(), 0);
+    std::string document = Display();
+    EXPECT_NE(document.find("<text x='628' y='468' font-family='sans-serif' " + kStroke
+                  + "text-anchor='end'>2023-11-14 22:13:20</text>"),
+        std::string::npos)
+        << document;
+    EXPECT_NE(document.find("<text x='12' y='32' font-family='sans-serif' " + kStroke + ">7.5 m</text>"),
+        std::string::npos)
+        << document;
+
+    model.SetDateTimeStyle(OverlayModel::kTopRight);
+    model.SetCountStyle(OverlayModel::kBottomLeft);
+    document = Display();
+    EXPECT_NE(document.find("<text x='628' y='32' font-family='sans-serif' " + kStroke
+                  + "text-anchor='end'>2023-11-14 22:13:20</text>"),
+        std::string::npos)
+        << document;
+    EXPECT_NE(document.find("<text x='12' y='468' font-family='sans-serif' " + kStroke + ">7.5 m</text>"),
+        std::string::npos)
+        << document;
+
+    model.SetDateTimeStyle(7);
+    model.SetCountStyle(-1);
+    EXPECT_EQ(model.GetDateTimeStyle(), 7);
+    EXPECT_EQ(model.GetCountStyle(), -1);
+    document = Display();
+    EXPECT_NE(document.find("<text x='12' y='32' font-family='sans-serif' " + kStroke + ">2023-11-14"),
+        std::string::npos)
+        << document;
+    EXPECT_NE(document.find("<text x='628' y='468' font-family='sans-serif' " + kStroke
+                  + "text-anchor='end'>7.5 m</text>"),
+        std::string::npos)
+        << document;
+}
+
+TEST_F(OverlayModelTest, UserTextTakesItsOwnSizeAndColourAndSplitsIntoLines)
+{
+    const OverlayModel::UserText text { 40, 60, "line one\nline two", 36, "#ff8000" };
+    model.SetUserText(text);
+    const OverlayModel::UserText& kept = model.GetUserText();
+    EXPECT_EQ(kept.x, 40);
+    EXPECT_EQ(kept.y, 60);
+    EXPECT_EQ(kept.text, "line one\nline two");
+    EXPECT_EQ(kept.size, 36);
+    EXPECT_EQ(kept.colour, "#ff8000");
+    EXPECT_NE(Display().find("<text x='40' y='60' font-family='sans-serif' font-weight='bold' font-size='36' "
+                             "fill='#ff8000' stroke='black' stroke-width='2' ><tspan x='40' dy='1.2em'>line "
+                             "one</tspan><tspan x='40' dy='1.2em'>line two</tspan></text>"),
+        std::string::npos)
+        << Display();
+
+    model.SetUserTextFontSize(50);
+    model.SetUserText({ 40, 60, "sized by the setting", -1, "" });
+    EXPECT_NE(Display().find("font-size='50' fill='white'"), std::string::npos) << Display();
+}
+
+TEST_F(OverlayModelTest, OnlyTheFourModesAreAccepted)
+{
+    EXPECT_EQ(model.GetMode(), "both");
+    for (const char* mode : { "off", "display", "recording", "both" }) {
+        EXPECT_TRUE(model.EnableOverlays(mode)) << mode;
+        EXPECT_EQ(model.GetMode(), mode);
+    }
+    EXPECT_TRUE(model.EnableOverlays("display"));
+    EXPECT_FALSE(model.EnableOverlays("sometimes"));
+    EXPECT_FALSE(model.EnableOverlays(""));
+    EXPECT_FALSE(model.EnableOverlays("Both"));
+    EXPECT_EQ(model.GetMode(), "display");
+}
+
+TEST_F(OverlayModelTest, TemplateFilesSeeTheEscapedModelDataAndTheirOwnKind)
+{
+    model.SetReelCount("2.5 m");
+    model.SetReelCountDecimalMark(",");
+    model.SetUserText({ 0, 0, "a&b", 0, "" });
+    model.SetPlumblineEnabled(true);
+    const std::string fields
+        = "{{date}}|{{time}}|{{count}}|{{userText}}|{{#showPlumbline}}P{{/showPlumbline}}|"
+          "{{#recording}}R{{/recording}}{{^recording}}D{{/recording}}|{{width}}x{{height}}";
+    ASSERT_TRUE(model.SetDisplayTemplate(WriteTemplate("display.svg", "<svg>" + fields + "</svg>")));
+    ASSERT_TRUE(model.SetRecordTemplate(WriteTemplate("recording.svg", "<svg>" + fields + "</svg>")));
+    EXPECT_EQ(Display(), "<svg>2023-11-14|22:13:20|2,5 m|a&amp;b|P|D|640x480</svg>");
+    EXPECT_EQ(Recording(), "<svg>2023-11-14|22:13:20|2,5 m|a&amp;b|P|R|640x480</svg>");
+
+    model.SetUserTextEnabled(false);
+    model.SetCountEnabled(false);
+    EXPECT_EQ(Display(), "<svg>2023-11-14|22:13:20|||P|D|640x480</svg>");
+}
+
+TEST_F(OverlayModelTest, RefusedTemplatesLeaveTheOneInUse)
+{
+    const std::string shipped = Display();
+    EXPECT_FALSE(model.SetDisplayTemplate(dir.File("missing.svg")));
+    EXPECT_FALSE(model.SetDisplayTemplate(WriteTemplate("unclosed.svg", "<svg>{{#showDate}}</svg>")));
+    EXPECT_FALSE(model.SetRecordTemplate(WriteTemplate("plain.txt", "{{date}}")));
+    EXPECT_FALSE(model.SetRecordTemplate(WriteTemplate("empty.svg", "")));
+    EXPECT_EQ(Display(), shipped);
+    EXPECT_NE(Recording().find("<svg xmlns"), std::string::npos);
+    EXPECT_TRUE(log.ContainsText(
+        VideoDaemon::Log::kWarning, "cannot read overlay template " + dir.File("missing.svg")));
+    EXPECT_TRUE(log.ContainsText(
+        VideoDaemon::Log::kWarning, "overlay template " + dir.File("unclosed.svg") + " does not parse"));
+    EXPECT_TRUE(log.ContainsText(
+        VideoDaemon::Log::kWarning, "overlay template " + dir.File("plain.txt") + " has no <svg> element"));
+}
+
+TEST_F(OverlayModelTest, WithoutItsTemplatesTheModelRendersNothing)
+{
+    OverlayModel bare(nullptr, nullptr, dir.File("no-such-dir"));
+    EXPECT_EQ(bare.RenderDocument(false, kNow), "");
+    EXPECT_EQ(bare.RenderDocument(true, kNow), "");
+    EXPECT_TRUE(bare.SetDisplayTemplate(TemplateDir() + "/display.svg.mustache"));
+    EXPECT_NE(bare.RenderDocument(false, kNow).find("2023-11-14 22:13:20"), std::string::npos);
+    EXPECT_EQ(bare.RenderDocument(true, kNow), "");
+}
