@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <any>
 
+#include "clients/settings_change.h"
 #include "clients/settings_daemon_dbus_handler.h"
 #include "log.h"
 
@@ -51,15 +52,6 @@ size_t SlotOf(uint32_t id)
 int32_t Clamp(int32_t value, int32_t min, int32_t max)
 {
     return std::min(std::max(value, min), max);
-}
-
-// The value of a changed setting when it holds a T; logged and absent otherwise.
-template <typename T> const T* ValueOf(const std::string& key, const std::any& value)
-{
-    const T* typed = std::any_cast<T>(&value);
-    if (!typed)
-        Error("cast error: %s", key.c_str());
-    return typed;
 }
 
 } // namespace
@@ -192,18 +184,13 @@ bool ImageCaptureSettingsV4L2Backend::LoadFromSettings()
 
 void ImageCaptureSettingsV4L2Backend::SettingsChanged(const TypedPropertyMap& changed)
 {
-    for (const auto& [key, typedValue] : changed) {
-        const std::any& value = typedValue.second;
-        const size_t slot = std::find_if(kControls.begin(), kControls.end(),
-                                [&key = key](const Control& control) { return key == control.key; })
-            - kControls.begin();
-        if (slot == kAutogain) {
-            if (const bool* enabled = ValueOf<bool>(key, value))
-                SetAutogain(*enabled);
-        } else if (slot < kControls.size()) {
-            if (const int32_t* percent = ValueOf<int32_t>(key, value))
-                setBackendValue(kControls[slot].id, *percent);
-        }
+    bool enabled = false;
+    if (Settingsd::ChangedValue(changed, kControls[kAutogain].key, enabled))
+        SetAutogain(enabled);
+    for (size_t slot = kAutogain + 1; slot < kControls.size(); ++slot) {
+        int32_t percent = 0;
+        if (Settingsd::ChangedValue(changed, kControls[slot].key, percent))
+            setBackendValue(kControls[slot].id, percent);
     }
 }
 

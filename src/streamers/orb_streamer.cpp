@@ -1,11 +1,9 @@
 // The daemon's orchestrator: owns the 21 media pipelines, links them into one graph and keeps the state
 // table.
 //
-// The state table's definitions open this unit: its assertions name this
-// source unit and their lines.
+// The state table's definitions open this unit: its assertions name this source unit and their lines.
 #include "streamers/orb_streamer.h"
 
-#include <glib.h>
 #include <systemd/sd-bus.h>
 
 #include <algorithm>
@@ -13,8 +11,10 @@
 #include "common/function_signature.h"
 #include "dbus-helper/sd_bus_ptr.h"
 #include "log.h"
+#include "overlay/overlay_model.h"
 #include "pipelines/display_pipeline.h"
 #include "pipelines/gpu_pipeline.h"
+#include "pipelines/overlay_pipeline.h"
 #include "pipelines/tcp_client_pipeline.h"
 
 namespace VideoDaemon
@@ -109,6 +109,7 @@ OrbStreamer::OrbStreamer(DebugMetrics metrics, std::string camera_standard_path,
     : _Metrics(metrics)
     , _CameraStandardPath(std::move(camera_standard_path))
     , _Settings(std::move(settings))
+    , _Overlay(std::make_unique<OverlayModel>(nullptr, nullptr))
 {
     _Motion.signal_motion_detected.connect(signal_motion_detected.make_slot());
     _Motion.signal_update_interval_changed.connect([this](uint32_t) {
@@ -209,6 +210,7 @@ void OrbStreamer::InitializePipelines()
     tcp_client.signal_connection_acquired.connect(sigc::mem_fun(*this, &OrbStreamer::ShowTcpStream));
     tcp_client.signal_connection_lost.connect(sigc::mem_fun(*this, &OrbStreamer::ShowBlankFrame));
     PipelineAt<SnapshotPipeline>(kSnapshotIndex).SetWriteActivityHandler(&OrbStreamer::SetStorageWriteActive);
+    BindOverlayModel();
     auto& gpu = PipelineAt<GpuPipeline>(kGpuIndex);
     _Rotation.Attach(&gpu);
     gpu.signal_camera_roll.connect(sigc::mem_fun(_Rotation, &RotationHandler::OnCameraRoll));
@@ -227,6 +229,18 @@ void OrbStreamer::InitializePipelines()
             : PipelineGraph::ListenerSourceName(link, listener);
         listener.ListenTo(_Pipelines[static_cast<size_t>(link.producer)].get(), "", source);
     }
+}
+
+void OrbStreamer::BindOverlayModel()
+{
+    // What the service set before the pipelines existed carries over.
+    auto model = std::make_unique<OverlayModel>(&PipelineAt<OverlayPipeline>(kOverlayDisplayIndex),
+        &PipelineAt<OverlayPipeline>(kOverlayRecordingIndex));
+    model->SetUserText(_Overlay->GetUserText());
+    model->SetDateTimeStyle(_Overlay->GetDateTimeStyle());
+    model->SetCountStyle(_Overlay->GetCountStyle());
+    _Overlay = std::move(model);
+    _Reel.signal_count_changed.connect([this](const std::string& count) { _Overlay->SetReelCount(count); });
 }
 
 void OrbStreamer::ListenToInput(int input)

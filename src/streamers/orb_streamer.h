@@ -31,6 +31,7 @@ namespace VideoDaemon
 
 class GpuPipeline;
 class H264EncodePipeline;
+class OverlayModel;
 
 class OrbStreamer : public Streamer, public sigc::trackable
 {
@@ -104,6 +105,13 @@ public:
     // Applies the stored configuration to the pipelines and handlers, then
     // follows its changes.
     void ConfigureFromSettings();
+    // The settings sections' change handlers.
+    void DevelopmentSettingsChangedHandler(const TypedPropertyMap& changed);
+    void VideoRecordSettingsChangedHandler(const TypedPropertyMap& changed);
+    void AutologRecordSettingsChangedHandler(const TypedPropertyMap& changed);
+    void CaptureSettingsChangedHandler(const TypedPropertyMap& changed);
+    void OverlaySettingsChangedHandler(const TypedPropertyMap& changed);
+    void VideoSettingsChangedHandler(const TypedPropertyMap& changed);
     // Starts the always-on part of the graph; 0.
     int StartVideoPipelines();
     // Points the GPU and the MJPEG encoder at input `input` (0 test input,
@@ -214,6 +222,7 @@ public:
     H264EncodePipeline& Encoder(CaptureKind kind) const;
     GpuPipeline& Gpu() const;
     RotationHandler& Rotation() { return _Rotation; }
+    OverlayModel& Overlay() { return *_Overlay; }
     ReelHandler& Reel() { return _Reel; }
     // The active camera head's features (none before one is connected).
     struct CameraFeatures {
@@ -262,6 +271,15 @@ private:
     // written with `type`.
     static void SetStorageWriteActive(const std::string& file, uint8_t type, bool active);
     void OnPlaybackProgress(bool error, bool eos, double rate, int64_t position, int64_t duration);
+    // Points the overlay model at the two overlay pipelines.
+    void BindOverlayModel();
+    void ApplyDeinterlaceSetting(const std::string& method);
+    void ConfigureZoom();
+    void ConfigureRotation();
+    // Keeps the zoom set of `key` and applies it when the levelling it
+    // belongs to is in use.
+    void ApplyZoomLevels(const std::string& key, const std::vector<float>& levels);
+    void EncoderSettingsChanged(CaptureKind kind, const TypedPropertyMap& changed);
     // (Re)arms the periodic timer on the motion handler's interval.
     void ArmPeriodicTimer();
     static gboolean OnPeriodicTimer(gpointer user_data);
@@ -295,7 +313,19 @@ private:
     std::string _RemoteDbusAddress;
     std::string _DeinterlaceMethod = "high-motion";
     bool _LiveStreamAddressSet = false;
+    bool _InputSelected = false;
     CameraFeatures _CameraFeatures;
+    // The recording and autolog encoders' stored settings.
+    struct EncoderSettings {
+        uint32_t bitrate = 0;
+        uint32_t gop = 16;
+        uint32_t quant = 24;
+    };
+    std::array<EncoderSettings, 2> _EncoderSettings;
+    uint32_t _JpegImageQuality = 85;
+    // The DSL and non-DSL zoom sets, [default, min, max].
+    std::array<std::vector<float>, 2> _ZoomLevels;
+    std::unique_ptr<OverlayModel> _Overlay;
     RotationHandler _Rotation;
     ReelHandler _Reel;
     // Runs the TCP client's connection check until it is connected.
@@ -305,7 +335,8 @@ private:
 
     // The last reported file size per capture kind.
     std::array<uint64_t, 3> _ReportedSize {};
-    uint64_t _MaximumFilesize = 0;
+    // FAT's largest file.
+    uint64_t _MaximumFilesize = 4294967295ull;
     MotionHandler _Motion;
     GSourcePtr _PeriodicTimer;
 };

@@ -131,6 +131,7 @@ int OrbStreamer::SetInput(int input)
     if (input != 3)
         ListenToInput(input);
 
+    _InputSelected = true;
     _State.Set("CaptureActive", 1);
     _State.Set("VideoInput", input);
     _State.Set("DisplayContent", 0);

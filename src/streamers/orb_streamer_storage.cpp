@@ -1,8 +1,10 @@
 // The streamer's storage watch: capture file growth, the periodic timer and the devices being written.
+#include <ctime>
 #include <vector>
 
 #include "clients/storage_daemon_dbus_handler.h"
 #include "log.h"
+#include "overlay/overlay_model.h"
 #include "pipelines/mp4mux_pipeline.h"
 #include "streamers/orb_streamer.h"
 
@@ -81,6 +83,8 @@ gboolean OrbStreamer::OnPeriodicTimer(gpointer user_data)
 {
     auto* self = static_cast<OrbStreamer*>(user_data);
     self->_Motion.PeriodicUpdate();
+    // The overlay's clock.
+    self->_Overlay->Update(std::time(nullptr));
     self->PeriodicFileWatcher();
     return G_SOURCE_CONTINUE;
 }

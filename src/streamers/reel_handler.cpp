@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "clients/settings_change.h"
 #include "log.h"
 
 namespace VideoDaemon
@@ -14,20 +15,6 @@ namespace
 {
 
 const double kFeetPerMetre = 3.280839895;
-
-// The value of `key` in `map` when it holds a T.
-template <typename T> bool ValueOf(const TypedPropertyMap& map, const char* key, T& value)
-{
-    const auto entry = map.find(key);
-    if (entry == map.end())
-        return false;
-    if (const T* held = std::any_cast<T>(&entry->second.second)) {
-        value = *held;
-        return true;
-    }
-    Log::Warning("cast error: %s", key);
-    return false;
-}
 
 } // namespace
 
@@ -49,14 +36,14 @@ void ReelHandler::SetDecimalMark(const std::string& mark)
 void ReelHandler::OnSettingsChanged(const TypedPropertyMap& changed)
 {
     std::string units;
-    if (ValueOf(changed, "distanceUnits", units) && !SetDistanceUnits(units))
+    if (Settingsd::ChangedValue(changed, "distanceUnits", units) && !SetDistanceUnits(units))
         Log::Warning("Unknown reel distance units: %s", units.c_str());
 }
 
 void ReelHandler::OnReelProperties(const TypedPropertyMap& properties)
 {
-    ValueOf(properties, "Connected", _Connected);
-    ValueOf(properties, "Count", _CountMetres);
+    Settingsd::ChangedValue(properties, "Connected", _Connected);
+    Settingsd::ChangedValue(properties, "Count", _CountMetres);
     Changed();
 }
 

@@ -42,13 +42,15 @@ inline std::string ListeningTo(Pipeline& pipeline, const std::string& element)
 }
 
 // A streamer with the log captured and its announcements recorded; the
-// metrics flags and the decoder's standard file as given.
+// metrics flags, the decoder's standard file and the settings client as
+// given.
 class StreamerFixture
 {
 public:
     explicit StreamerFixture(OrbStreamer::DebugMetrics metrics = OrbStreamer::DebugMetrics(),
-        std::string camera_standard_path = OrbStreamer::kCameraStandardPath)
-        : streamer(metrics, std::move(camera_standard_path))
+        std::string camera_standard_path = OrbStreamer::kCameraStandardPath,
+        std::shared_ptr<Settingsd::SettingsDaemonDbusHandler> settings = nullptr)
+        : streamer(metrics, std::move(camera_standard_path), std::move(settings))
     {
         streamer.signal_properties_changed.connect([this](std::vector<std::string> names, bool deferred) {
             announced.emplace_back(names, deferred);
