@@ -240,7 +240,10 @@ void OverlayModel::Changed()
 {
     _Dirty = true;
     // The clock stays at the second last drawn; the streamer's tick moves it.
-    Update(_RenderedAt ? *_RenderedAt : std::time(nullptr));
+    // Before the first tick there is nothing to redraw: the settings applied
+    // at start-up are drawn together by it.
+    if (_RenderedAt)
+        Update(*_RenderedAt);
 }
 
 nlohmann::json OverlayModel::View(bool recording, std::time_t now) const

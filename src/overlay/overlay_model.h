@@ -103,8 +103,9 @@ public:
 
     // Renders the shown documents for `now` and hands over those whose
     // content changed. Called once a second by the streamer and by every
-    // setter (with the time of the last call); within one second nothing is
-    // rendered again unless a setting changed.
+    // setter (with the time of the last call; before the first call setters
+    // only record their value); within one second nothing is rendered again
+    // unless a setting changed.
     void Update(std::time_t now);
     // One document for `now`; empty while its template is not loaded.
     std::string RenderDocument(bool recording, std::time_t now) const;

@@ -228,6 +228,26 @@ TEST_F(OverlayModelOnPipelinesTest, HandsADocumentOverOnlyWhenItsContentChanged)
     EXPECT_EQ(log.Count(VideoDaemon::Log::kWarning, kDropWarning), 0u);
 }
 
+TEST_F(OverlayModelOnPipelinesTest, SettingsBeforeTheFirstTickAreDrawnTogetherByIt)
+{
+    OverlayModel model(&display, &recording, TemplateDir());
+    DocumentLog shown(display);
+    DocumentLog recorded(recording);
+    model.SetPlumblineEnabled(true);
+    model.SetReelCount("4.5 m");
+    model.SetDateTimeStyle(OverlayModel::kTopRight);
+    model.SetUserText({ 10, 10, "early", 0, "" });
+    model.Update(kNow);
+    ASSERT_TRUE(shown.WaitForLast("early"));
+    ASSERT_TRUE(recorded.WaitForLast("early"));
+    const std::vector<std::string> documents = shown.Documents();
+    ASSERT_EQ(documents.size(), 1u);
+    EXPECT_TRUE(Holds(documents[0], "<line") && Holds(documents[0], ">4.5 m<")
+        && Holds(documents[0], "text-anchor='end'>2023-11-14 22:13:20<"));
+    EXPECT_EQ(recorded.Documents().size(), 1u);
+    EXPECT_EQ(log.Count(VideoDaemon::Log::kWarning, kDropWarning), 0u);
+}
+
 TEST_F(OverlayModelOnPipelinesTest, RedrawsTheClockAtMostOnceASecond)
 {
     OverlayModel model(&display, nullptr, TemplateDir());
