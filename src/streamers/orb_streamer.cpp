@@ -145,15 +145,6 @@ int OrbStreamer::Start()
     return result;
 }
 
-void OrbStreamer::ConnectToPeers()
-{
-    // The clients work on the user bus whenever their peer is there; a peer
-    // that is absent only costs its calls' failures.
-    _Helm = std::make_unique<Helmd::HelmDaemonDbusHandler>();
-    _Helm->Listen();
-    RegisterStorageWritesInactive();
-}
-
 Pipeline* OrbStreamer::GetPipeline(int index) const
 {
     if (index < 0 || static_cast<size_t>(index) >= _Pipelines.size())

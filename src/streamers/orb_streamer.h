@@ -13,6 +13,8 @@
 #include <utility>
 #include <vector>
 
+#include "clients/camera_daemon_object.h"
+#include "clients/dbus_listener.h"
 #include "clients/helm_daemon_dbus_handler.h"
 #include "clients/settings_daemon_dbus_handler.h"
 #include "common/glib_ptr.h"
@@ -139,6 +141,12 @@ public:
     int RestartTcpClient();
     void ShowTcpStream();
     void ShowBlankFrame();
+    // The unit changed between its own camera and a remote unit's picture.
+    void SwitchLocalRemote(bool remote);
+    // The system controller's video status changed.
+    void OnVideoStatusChanged(int32_t status);
+    // The camera daemon's active camera changed; negative for none.
+    void ReconnectActiveCamera(int32_t index);
     // The remote unit the TCP client connects to on its next start, and
     // the address of its bus.
     void SetRemote(const std::string& host, int port, const std::string& dbus_address = "");
@@ -247,6 +255,10 @@ public:
 
 private:
     int StartLiveStreamServer();
+    static gboolean OnVideoStatusTimer(gpointer user_data);
+    // The system controller's remote credentials changed.
+    void OnControllerProperties(const TypedPropertyMap& changed);
+    void LogCameraFeatures();
     // The connection check; false once the client is connected.
     bool OnTcpConnectionCheck();
     static gboolean OnTcpConnectionTimer(gpointer user_data);
@@ -309,7 +321,8 @@ private:
     // The selected input, as the switching logic reads it.
     int _Input = 0;
     std::string _RemoteHost;
-    int _RemotePort = 0;
+    // The remote unit's live stream server.
+    int _RemotePort = kLiveStreamPort;
     std::string _RemoteDbusAddress;
     std::string _DeinterlaceMethod = "high-motion";
     bool _LiveStreamAddressSet = false;
@@ -332,6 +345,12 @@ private:
     GSourcePtr _TcpConnectionCheck;
     // The system controller; none until the streamer connects to the peers.
     std::unique_ptr<Helmd::HelmDaemonDbusHandler> _Helm;
+    // The camera daemon, on the system controller's connection.
+    std::unique_ptr<Camerad::CameraDaemonObject> _Cameras;
+    // The camera's motion samples, from this unit or the remote one.
+    VideoDaemon::DbusListener _MotionListener;
+    // Re-detects the input after the camera's picture came back.
+    GSourcePtr _VideoStatusTimer;
 
     // The last reported file size per capture kind.
     std::array<uint64_t, 3> _ReportedSize {};

@@ -127,9 +127,12 @@ int OrbStreamer::SetInput(int input)
     default:
         break;
     }
-    // The remote picture is linked once the client reports its connection.
-    if (input != 3)
+    // The remote picture is linked once the client reports its connection;
+    // another input ends the client's connection check.
+    if (input != 3) {
+        _TcpConnectionCheck.reset();
         ListenToInput(input);
+    }
 
     _InputSelected = true;
     _State.Set("CaptureActive", 1);
