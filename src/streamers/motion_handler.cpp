@@ -1,5 +1,11 @@
-// Follows the camera's motion for the encoders and motion detection; paces the streamer's periodic timer.
+// Follows the camera's motion: detects when the camera head moves, keeps the camera's tiling mode and paces
+// the streamer's periodic timer.
 #include "streamers/motion_handler.h"
+
+#include <cmath>
+
+#include "clients/camera_object.h"
+#include "log.h"
 
 namespace VideoDaemon
 {
@@ -15,10 +21,52 @@ bool MotionHandler::SetUpdateInterval(uint32_t interval_ms)
     return true;
 }
 
+void MotionHandler::SetDynamicTiling(bool enabled)
+{
+    _DynamicTiling = enabled;
+    ApplyTiling();
+}
+
+void MotionHandler::ApplyTiling()
+{
+    if (!_Camera)
+        return;
+    const auto mode = _DynamicTiling ? Camerad::TilingCameraMode::Dynamic : Camerad::TilingCameraMode::Off;
+    if (_Camera->SetTilingMode(mode) < 0)
+        Log::Warning("Motion: failed to set the camera's tiling mode");
+}
+
 void MotionHandler::PeriodicUpdate() { }
 
-void MotionHandler::CameraConnected([[maybe_unused]] int32_t index) { }
+void MotionHandler::OnRawMotion(double, double, double, double gx, double gy, double gz, double timestamp)
+{
+    const double rate = std::sqrt(gx * gx + gy * gy + gz * gz);
+    if (!std::isfinite(rate) || rate < kMotionThresholdDegPerS) {
+        _MovingSince = -1.0;
+        _Reported = false;
+        return;
+    }
+    if (_MovingSince < 0.0)
+        _MovingSince = timestamp;
+    if (_Reported || (timestamp - _MovingSince) * 1000.0 < _DetectionPeriodMs)
+        return;
+    _Reported = true;
+    signal_motion_detected.emit(static_cast<int32_t>(std::lround(rate)), "camera");
+}
 
-void MotionHandler::CameraLost() { }
+void MotionHandler::CameraConnected(std::shared_ptr<Camerad::CameraObject> camera)
+{
+    _Camera = std::move(camera);
+    _MovingSince = -1.0;
+    _Reported = false;
+    ApplyTiling();
+}
+
+void MotionHandler::CameraLost()
+{
+    _Camera.reset();
+    _MovingSince = -1.0;
+    _Reported = false;
+}
 
 } // namespace VideoDaemon

@@ -35,6 +35,7 @@ void OrbStreamer::ConnectToPeers()
             sigc::mem_fun(*this, &OrbStreamer::ReconnectActiveCamera));
     }
     _MotionListener._RawMotionData.connect(sigc::mem_fun(_Rotation, &RotationHandler::OnRemoteMotion));
+    _MotionListener._RawMotionData.connect(sigc::mem_fun(_Motion, &MotionHandler::OnRawMotion));
     _MotionListener.Start("", "");
     RegisterStorageWritesInactive();
 }
@@ -111,10 +112,10 @@ void OrbStreamer::ReconnectActiveCamera(int32_t index)
         _Reel.CameraLost();
         Log::Info("[OrbStreamer] Active camera lost");
     } else {
-        _Motion.CameraConnected(index);
+        std::shared_ptr<Camerad::CameraObject> camera = _Cameras ? _Cameras->GetCamera(index) : nullptr;
+        _Motion.CameraConnected(camera);
         _Reel.CameraConnected(index);
         Log::Info("New camera connected with idx:%d", index);
-        std::shared_ptr<Camerad::CameraObject> camera = _Cameras ? _Cameras->GetCamera(index) : nullptr;
         sdbus_utils::PropertyMap features;
         if (!camera) {
             Log::Error("%s: camera_object == nullptr", VIDEOD_SIGNATURE);
