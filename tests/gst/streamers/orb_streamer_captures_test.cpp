@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <any>
 #include <filesystem>
 
 #include "dbus/dbus_test_env.h"
@@ -104,7 +105,12 @@ TEST_F(OrbStreamerCaptures, ARecordingPausedAndResumedIsOneFileWithoutTheGapAndA
     ASSERT_EQ(0, streamer.ResumeRecording());
     EXPECT_EQ(-1, streamer.ResumeRecording());
     EXPECT_TRUE(log.Contains(LOG_INFO, "int VideoDaemon::OrbStreamer::ResumeRecording(): not PAUSED"));
-    Run(2500);
+    Run(1200);
+    // The user changes the recording's bitrate while it runs.
+    streamer.VideoRecordSettingsChangedHandler(
+        { { "h264EncodingBitrate", { "u", std::any(static_cast<uint32_t>(1500)) } } });
+    EXPECT_EQ(1500u, streamer.Encoder(OrbStreamer::kVideoCapture).GetBitrate());
+    Run(1300);
 
     ASSERT_EQ(0, streamer.StopRecording());
     EXPECT_EQ(0, State("RecordingState"));
