@@ -253,7 +253,8 @@ private:
     int GetControl(sd_bus_message* reply, sd_bus_error* error, ControlGetter get);
     int SetControl(sd_bus_message* value, sd_bus_error* error, const char* setter, const char* property,
         ControlGetter get, ControlSetter set);
-    int SetOverlayStyle(sd_bus_message* value, const char* setter, const char* property, int32_t& style);
+    // Overlay setters announce their property themselves, at once.
+    void AnnounceOverlay(const char* setter, const char* property);
 
     const std::string _BusName = kBusName;
     const std::string _ObjectPath = kObjectPath;
@@ -270,18 +271,6 @@ private:
         { 1, "Media Playing" },
         { 2, "Media Last Frame" },
     };
-    // The overlay values as last set; kept here until the streamer offers
-    // the overlay model.
-    struct OverlayUserText {
-        int32_t x = 0;
-        int32_t y = 0;
-        std::string text;
-        int32_t size = 0;
-        std::string colour;
-    };
-    OverlayUserText _OverlayUserText;
-    int32_t _OverlayDateTimeStyle = 0;
-    int32_t _OverlayCountStyle = 0;
     std::array<sd_bus_vtable, kVtableSize> _Vtable;
     DbusHelper::BusEventSource _EventSource;
     GSourcePtr _StreamerStart;

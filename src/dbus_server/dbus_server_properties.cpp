@@ -7,6 +7,7 @@
 #include "controls/image_capture_settings_v4l2_backend.h"
 #include "dbus_server/dbus_server.h"
 #include "log.h"
+#include "overlay/overlay_model.h"
 #include "pipelines/gpu_pipeline.h"
 #include "pipelines/h264_encode_pipeline.h"
 
@@ -121,19 +122,12 @@ int DbusServer::SetControl(sd_bus_message* value, sd_bus_error*, const char* set
     return 1;
 }
 
-int DbusServer::SetOverlayStyle(
-    sd_bus_message* value, const char* setter, const char* property, int32_t& style)
+void DbusServer::AnnounceOverlay(const char* setter, const char* property)
 {
-    int32_t number = 0;
-    const int read = sd_bus_message_read(value, "i", &number);
-    if (read < 0)
-        return ReadFailed(setter, read);
-    style = number;
     const int emitted = sd_bus_emit_properties_changed(
         _Bus.get(), _ObjectPath.c_str(), _Interface.c_str(), property, nullptr);
     if (emitted < 0)
         Log::Error("DbusServer: %s Failed to emit property changed:%s", setter, strerror(-emitted));
-    return 1;
 }
 
 // Capture and playback states.
@@ -357,19 +351,18 @@ int DbusServer::SetRemote(sd_bus_message* value, sd_bus_error* error)
     return 1;
 }
 
-// Overlay. The streamer does not offer its overlay model yet: the values are
-// kept here and announced.
+// Overlay: the streamer's overlay model keeps the values and draws them.
 
 int DbusServer::GetOverlayUserText(sd_bus_message* reply, sd_bus_error*)
 {
-    const OverlayUserText& text = _OverlayUserText;
+    const OverlayModel::UserText& text = _Streamer->Overlay().GetUserText();
     return sd_bus_message_append(
         reply, "(iisis)", text.x, text.y, text.text.c_str(), text.size, text.colour.c_str());
 }
 
 int DbusServer::SetOverlayUserText(sd_bus_message* value, sd_bus_error*)
 {
-    OverlayUserText text;
+    OverlayModel::UserText text;
     const char* words = nullptr;
     const char* colour = nullptr;
     int read = sd_bus_message_enter_container(value, 'r', "iisis");
@@ -381,33 +374,41 @@ int DbusServer::SetOverlayUserText(sd_bus_message* value, sd_bus_error*)
         return ReadFailed("SetOverlayUserText", read);
     text.text = words;
     text.colour = colour;
-    _OverlayUserText = text;
-    const int emitted = sd_bus_emit_properties_changed(
-        _Bus.get(), _ObjectPath.c_str(), _Interface.c_str(), "OverlayUserText", nullptr);
-    if (emitted < 0)
-        Log::Error(
-            "DbusServer: %s Failed to emit property changed:%s", "SetOverlayUserText", strerror(-emitted));
+    _Streamer->Overlay().SetUserText(text);
+    AnnounceOverlay("SetOverlayUserText", "OverlayUserText");
     return 1;
 }
 
 int DbusServer::GetOverlayDateTimeStyle(sd_bus_message* reply, sd_bus_error*)
 {
-    return AppendInt(reply, _OverlayDateTimeStyle);
+    return AppendInt(reply, _Streamer->Overlay().GetDateTimeStyle());
 }
 
 int DbusServer::SetOverlayDateTimeStyle(sd_bus_message* value, sd_bus_error*)
 {
-    return SetOverlayStyle(value, "SetOverlayDateTimeStyle", "OverlayDateTimeStyle", _OverlayDateTimeStyle);
+    int32_t style = 0;
+    const int read = sd_bus_message_read(value, "i", &style);
+    if (read < 0)
+        return ReadFailed("SetOverlayDateTimeStyle", read);
+    _Streamer->Overlay().SetDateTimeStyle(style);
+    AnnounceOverlay("SetOverlayDateTimeStyle", "OverlayDateTimeStyle");
+    return 1;
 }
 
 int DbusServer::GetOverlayCountStyle(sd_bus_message* reply, sd_bus_error*)
 {
-    return AppendInt(reply, _OverlayCountStyle);
+    return AppendInt(reply, _Streamer->Overlay().GetCountStyle());
 }
 
 int DbusServer::SetOverlayCountStyle(sd_bus_message* value, sd_bus_error*)
 {
-    return SetOverlayStyle(value, "SetOverlayCountStyle", "OverlayCountStyle", _OverlayCountStyle);
+    int32_t style = 0;
+    const int read = sd_bus_message_read(value, "i", &style);
+    if (read < 0)
+        return ReadFailed("SetOverlayCountStyle", read);
+    _Streamer->Overlay().SetCountStyle(style);
+    AnnounceOverlay("SetOverlayCountStyle", "OverlayCountStyle");
+    return 1;
 }
 
 // Encoders and de-interlacing.

@@ -423,6 +423,14 @@ TEST_F(VideodService, StartsWithoutPeersRecordsOnTheTestInputAndSurvivesBadInput
     EXPECT_NE(Set(kService, kPath, kInterface, "Remote", { "(sis)", "10.0.0.2", "-1", "" }), 0);
     EXPECT_EQ(Get("Remote"), "(sis) \"\" 4000 \"\"");
 
+    // The overlay model keeps what is set.
+    EXPECT_EQ(Set(kService, kPath, kInterface, "OverlayUserText",
+                  { "(iisis)", "10", "20", "inspection", "24", "yellow" }),
+        0);
+    EXPECT_EQ(Get("OverlayUserText"), "(iisis) 10 20 \"inspection\" 24 \"yellow\"");
+    EXPECT_EQ(Set(kService, kPath, kInterface, "OverlayDateTimeStyle", { "i", "3" }), 0);
+    EXPECT_EQ(Get("OverlayDateTimeStyle"), "i 3");
+
     // Property writes with the wrong variant type change nothing.
     for (const auto& [property, value] : std::vector<std::pair<std::string, std::vector<std::string>>> {
              { "CaptureZoom", { "s", "2" } }, { "SystemMicMute", { "i", "1" } },
