@@ -24,4 +24,10 @@ inline bool RunMainLoopUntil(const std::function<bool()>& done, int timeout_ms =
     return true;
 }
 
+// Turns the default main context for `ms` milliseconds.
+inline void RunMainLoopFor(int ms)
+{
+    RunMainLoopUntil([] { return false; }, ms);
+}
+
 } // namespace TestSupport

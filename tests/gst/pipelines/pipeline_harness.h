@@ -30,13 +30,8 @@ public:
 inline ::testing::Environment* const gst_environment
     = ::testing::AddGlobalTestEnvironment(new GstEnvironment);
 
+using TestSupport::RunMainLoopFor;
 using TestSupport::RunMainLoopUntil;
-
-// Turns the default main context for `ms` milliseconds.
-inline void RunMainLoopFor(int ms)
-{
-    RunMainLoopUntil([] { return false; }, ms);
-}
 
 // An element of a launched pipeline, looked up by name (owned reference).
 inline VideoDaemon::GstPtr<GstElement> ElementOf(VideoDaemon::Pipeline& pipeline, const std::string& name)

@@ -38,17 +38,10 @@ protected:
         // The GPU's restamping source leaves its preroll frame without a
         // time; captures start once the live frames have replaced it, as
         // the daemon's clients come long after start-up.
-        Run(1000);
+        RunMainLoopFor(1000);
     }
 
     std::string Path(const std::string& name) const { return dir + "/" + name; }
-
-    // Lets the graph run for `ms` on the main loop.
-    static void Run(int ms)
-    {
-        const gint64 end = g_get_monotonic_time() + ms * 1000;
-        RunMainLoopUntil([&] { return g_get_monotonic_time() >= end; }, ms + 1000);
-    }
 
     int State(const char* name) { return streamer.State().Get(name); }
 
@@ -95,22 +88,22 @@ TEST_F(OrbStreamerCaptures, ARecordingPausedAndResumedIsOneFileWithoutTheGapAndA
     EXPECT_EQ(Path("rec.mp4"), streamer.GetCaptureFile(OrbStreamer::kVideoCapture));
     EXPECT_EQ(Path("rec.mrf"), streamer.GetCaptureRecoveryFile(OrbStreamer::kVideoCapture));
     EXPECT_FALSE(VideoValveDrops());
-    Run(2500);
+    RunMainLoopFor(2500);
 
     ASSERT_EQ(0, streamer.PauseRecording());
     EXPECT_EQ(2, State("RecordingState"));
     EXPECT_EQ(-1, streamer.PauseRecording());
     EXPECT_TRUE(log.Contains(LOG_INFO, "int VideoDaemon::OrbStreamer::PauseRecording(): not ACTIVE"));
-    Run(2000);
+    RunMainLoopFor(2000);
     ASSERT_EQ(0, streamer.ResumeRecording());
     EXPECT_EQ(-1, streamer.ResumeRecording());
     EXPECT_TRUE(log.Contains(LOG_INFO, "int VideoDaemon::OrbStreamer::ResumeRecording(): not PAUSED"));
-    Run(1200);
+    RunMainLoopFor(1200);
     // The user changes the recording's bitrate while it runs.
     streamer.VideoRecordSettingsChangedHandler(
         { { "h264EncodingBitrate", { "u", std::any(static_cast<uint32_t>(1500)) } } });
     EXPECT_EQ(1500u, streamer.Encoder(OrbStreamer::kVideoCapture).GetBitrate());
-    Run(1300);
+    RunMainLoopFor(1300);
 
     ASSERT_EQ(0, streamer.StopRecording());
     EXPECT_EQ(0, State("RecordingState"));
@@ -142,18 +135,18 @@ TEST_F(OrbStreamerCaptures, ARecordingPausedAndResumedIsOneFileWithoutTheGapAndA
 TEST_F(OrbStreamerCaptures, ThreeKindsRunAtOnceAndOnlyAnActiveOneKeepsTheSharedValveAndAacEncoderInUse)
 {
     ASSERT_EQ(0, streamer.StartRecording(Path("video.mp4"), "", Path("video.jpg"), 160, 120, 70));
-    Run(300);
+    RunMainLoopFor(300);
     // SnapVoice turns active when its picture exists, not before.
     ASSERT_EQ(0, streamer.StartSnapVoice(Path("snapvoice.mp4"), "", Path("snapvoice.jpg"), 160, 120, 70));
     EXPECT_EQ(0, State("SnapVoiceState"));
     ASSERT_TRUE(RunMainLoopUntil([&] { return State("SnapVoiceState") == 1; }, 6000));
     EXPECT_TRUE(std::filesystem::exists(Path("snapvoice.jpg")));
     EXPECT_TRUE(Announced({ "SnapVoiceState", "ActiveCaptures" }));
-    Run(300);
+    RunMainLoopFor(300);
     ASSERT_EQ(0, streamer.StartAutoLog(Path("autolog.mp4"), "", Path("autolog.jpg"), 160, 120, 70));
     EXPECT_EQ(-1, streamer.StartAutoLog(Path("autolog2.mp4"), "", Path("autolog2.jpg"), 160, 120, 70));
     EXPECT_TRUE(log.Contains(LOG_ERR, "OrbStreamer::StartAutoLog - Autolog recording already active"));
-    Run(3000);
+    RunMainLoopFor(3000);
 
     // The active SnapVoice keeps the shared valve open and the AAC encoder on.
     ASSERT_EQ(0, streamer.StopRecording());
@@ -211,7 +204,7 @@ TEST_F(OrbStreamerCaptures, BadRequestsAreRefusedWithTheirCodesAndTheNextGoodOne
     // the failed one's thumbnail is done.
     ASSERT_TRUE(ThumbnailDone());
     ASSERT_EQ(0, streamer.StartRecording(Path("good.mp4"), "", Path("good.jpg"), 160, 120, 70));
-    Run(2000);
+    RunMainLoopFor(2000);
     ASSERT_EQ(0, streamer.StopRecording());
     ASSERT_TRUE(MuxerFinished(kMp4muxVideoIndex));
     ExpectCaptureStreamFormats(Path("good.mp4"));
@@ -273,16 +266,16 @@ TEST_F(OrbStreamerCaptures, AFullDiskOrADeletedFileEndsOnlyThatCaptureAndTheNext
     // A file deleted under a running recording: the recording ends normally.
     ASSERT_TRUE(ThumbnailDone());
     ASSERT_EQ(0, streamer.StartRecording(Path("deleted.mp4"), "", Path("deleted.jpg"), 160, 120, 70));
-    Run(1000);
+    RunMainLoopFor(1000);
     ASSERT_TRUE(std::filesystem::remove(Path("deleted.mp4")));
-    Run(1000);
+    RunMainLoopFor(1000);
     ASSERT_EQ(0, streamer.StopRecording());
     ASSERT_TRUE(MuxerFinished(kMp4muxVideoIndex));
     EXPECT_FALSE(std::filesystem::exists(Path("deleted.mp4")));
 
     ASSERT_TRUE(ThumbnailDone());
     ASSERT_EQ(0, streamer.StartRecording(Path("next.mp4"), "", Path("next.jpg"), 160, 120, 70));
-    Run(1500);
+    RunMainLoopFor(1500);
     ASSERT_EQ(0, streamer.StopRecording());
     ASSERT_EQ(0, streamer.StopAutoLog());
     ASSERT_TRUE(MuxerFinished(kMp4muxVideoIndex));
@@ -316,7 +309,7 @@ TEST_F(OrbStreamerCaptures, TheStorageDaemonIsToldOfEachCapturesWritesOnTheDevic
 TEST_F(OrbStreamerCaptures, WithoutTheStorageDaemonCapturesWorkAndEachFailureIsLoggedOncePerCall)
 {
     ASSERT_EQ(0, streamer.StartAutoLog(Path("autolog.mp4"), "", Path("autolog.jpg"), 160, 120, 70));
-    Run(1500);
+    RunMainLoopFor(1500);
     ASSERT_EQ(0, streamer.StopAutoLog());
     ASSERT_TRUE(MuxerFinished(kMp4muxAutologIndex));
     ExpectCaptureStreamFormats(Path("autolog.mp4"));

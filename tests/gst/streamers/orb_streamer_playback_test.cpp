@@ -46,12 +46,6 @@ protected:
         return drop;
     }
 
-    static void Run(int ms)
-    {
-        const gint64 end = g_get_monotonic_time() + ms * 1000;
-        RunMainLoopUntil([&] { return g_get_monotonic_time() >= end; }, ms + 1000);
-    }
-
     GstTest::TempDir dir;
     // The end-of-stream flag of every forwarded report.
     std::vector<bool> progress;
@@ -74,14 +68,14 @@ TEST_F(OrbStreamerPlayback, AFilePlaysPausesResumesSeeksAndLeavesItsLastFrameUnt
     EXPECT_EQ(-1, streamer.PausePlayback());
     // Nothing is forwarded while paused.
     const size_t paused_at = progress.size();
-    Run(1200);
+    RunMainLoopFor(1200);
     EXPECT_EQ(paused_at, progress.size());
     ASSERT_GE(streamer.ResumePlayback(), 0);
     EXPECT_EQ(-1, streamer.ResumePlayback());
     EXPECT_EQ(1, State("PlaybackState"));
     EXPECT_GE(streamer.SeekPlayback(-500), 0);
     // The position is known again once the seek has settled.
-    Run(400);
+    RunMainLoopFor(400);
     EXPECT_GE(streamer.SeekPlayback(300), 0);
     EXPECT_TRUE(log.Contains(LOG_INFO, "[Streamer] SEEK playback: offset:-500 ms"));
 
@@ -118,7 +112,7 @@ TEST_F(OrbStreamerPlayback, EachStartRebuildsThePipelineForItsKindAndBadNamesAre
     // A stop without exit keeps the last frame and the live frames out.
     streamer.StopPlayback(false);
     ASSERT_TRUE(RunMainLoopUntil([&] { return State("PlaybackState") == 0; }, 3000));
-    Run(600);
+    RunMainLoopFor(600);
     EXPECT_EQ(2, State("DisplayContent"));
     EXPECT_TRUE(DisplayDropsFrames());
 }

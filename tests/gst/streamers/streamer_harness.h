@@ -15,6 +15,7 @@
 namespace StreamerHarness
 {
 
+using TestSupport::RunMainLoopFor;
 using TestSupport::RunMainLoopUntil;
 using namespace VideoDaemon;
 
