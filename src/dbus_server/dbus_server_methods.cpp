@@ -265,9 +265,9 @@ int DbusServer::CaptureResetToDefaults(sd_bus_message* call, sd_bus_error*)
     for (const Value& value : values)
         before.push_back(value.read());
 
-    // No zoom or pan default is published: the lowest zoom and the centre of
-    // each pan range stand for them.
-    gpu.SetZoom(gpu.GetZoomMin());
+    // The zoom levels' default; no pan default is published: the centre of
+    // each pan range stands for it.
+    gpu.SetZoom(gpu.GetZoomDefault());
     gpu.SetPanX((gpu.GetPanXMin() + gpu.GetPanXMax()) / 2.0);
     gpu.SetPanY((gpu.GetPanYMin() + gpu.GetPanYMax()) / 2.0);
     image.Initialise();

@@ -278,6 +278,11 @@ double GpuPipeline::GetZoom()
     return GetElementProperty(VIDEOD_FUNCTION, kTiling, "zoom", value) ? value : 0;
 }
 
+double GpuPipeline::GetZoomDefault()
+{
+    return zoom_levels[0];
+}
+
 double GpuPipeline::GetZoomMin()
 {
     return zoom_levels[1];

@@ -58,6 +58,8 @@ public:
     int GetRotationOverrideAngle();
     uint32_t GetRotationSteps();
     double GetZoom();
+    // The zoom of the current levels' [default, min, max].
+    double GetZoomDefault();
     double GetZoomMin();
     double GetZoomMax();
     double GetDslMaxZoomIn();
