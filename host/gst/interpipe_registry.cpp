@@ -1,6 +1,8 @@
 // The process-wide table of interpipe nodes (named sinks) and of the sources that listen to them.
 #include "interpipe_registry.h"
 
+#include <algorithm>
+
 #include "interpipe_sink.h"
 
 InterpipeRegistry& InterpipeRegistry::Instance()
@@ -18,8 +20,13 @@ InterpipeSink* InterpipeRegistry::FindNodeLocked(const std::string& name) const
 bool InterpipeRegistry::AddNode(const std::string& name, InterpipeSink* sink)
 {
     std::lock_guard<std::recursive_mutex> lock(_Mutex);
-    if (!_Nodes.emplace(name, sink).second)
-        return _Nodes[name] == sink;
+    if (!_Nodes.emplace(name, sink).second) {
+        if (_Nodes[name] == sink)
+            return true;
+        _Waiting.emplace_back(name, sink);
+        return false;
+    }
+    interpipe_sink_published(sink, name.c_str());
     for (auto& [src, listener] : _Listeners)
         if (!listener.attached && listener.node == name)
             listener.attached = interpipe_sink_add_listener(sink, src);
@@ -29,6 +36,8 @@ bool InterpipeRegistry::AddNode(const std::string& name, InterpipeSink* sink)
 void InterpipeRegistry::RemoveNode(InterpipeSink* sink)
 {
     std::lock_guard<std::recursive_mutex> lock(_Mutex);
+    for (auto it = _Waiting.begin(); it != _Waiting.end();)
+        it = it->second == sink ? _Waiting.erase(it) : it + 1;
     std::string name;
     for (auto it = _Nodes.begin(); it != _Nodes.end(); ++it) {
         if (it->second == sink) {
@@ -46,6 +55,13 @@ void InterpipeRegistry::RemoveNode(InterpipeSink* sink)
         } else {
             ++it;
         }
+    }
+    const auto waiting = std::find_if(
+        _Waiting.begin(), _Waiting.end(), [&](const auto& entry) { return entry.first == name; });
+    if (waiting != _Waiting.end()) {
+        InterpipeSink* next = waiting->second;
+        _Waiting.erase(waiting);
+        AddNode(name, next);
     }
 }
 

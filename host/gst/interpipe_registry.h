@@ -4,6 +4,7 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "common/gst_ptr.h"
 
@@ -29,8 +30,11 @@ public:
     InterpipeRegistry(const InterpipeRegistry&) = delete;
     InterpipeRegistry& operator=(const InterpipeRegistry&) = delete;
 
-    // False when another sink already holds the name; waiting listeners of that name attach.
+    // False when another sink already holds the name; waiting listeners of that name attach. A refused
+    // sink waits: it takes the name when the holder goes, as when a pipeline is relaunched while a
+    // listener's streaming thread still holds the old sink for a moment.
     bool AddNode(const std::string& name, InterpipeSink* sink);
+    // Withdraws the sink, as node or as waiting sink; the first sink waiting for its name takes it.
     void RemoveNode(InterpipeSink* sink);
 
     // Moves a source to the node called name. False when the node refuses
@@ -54,4 +58,6 @@ private:
     std::recursive_mutex _Mutex;
     std::unordered_map<std::string, InterpipeSink*> _Nodes;
     std::unordered_map<InterpipeSrc*, Listener> _Listeners;
+    // Sinks refused a name that was taken, by that name, oldest first.
+    std::vector<std::pair<std::string, InterpipeSink*>> _Waiting;
 };

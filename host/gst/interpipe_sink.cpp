@@ -286,10 +286,14 @@ static gboolean interpipe_sink_stop(GstBaseSink* base)
 
 static void Unregister(InterpipeSink* self)
 {
-    if (self->state->node.empty())
-        return;
+    // Also withdraws a sink still waiting for its name.
     InterpipeRegistry::Instance().RemoveNode(self);
     self->state->node.clear();
+}
+
+void interpipe_sink_published(InterpipeSink* sink, const gchar* name)
+{
+    sink->state->node = name;
 }
 
 // Takes the sink's current name as its node name.
@@ -299,12 +303,9 @@ static void Register(InterpipeSink* self)
     if (!name || self->state->node == name)
         return;
     Unregister(self);
-    if (!InterpipeRegistry::Instance().AddNode(name, self)) {
-        GST_WARNING_OBJECT(
-            self, "an interpipesink named \"%s\" already exists: this one is not published", name);
-        return;
-    }
-    self->state->node = name;
+    if (!InterpipeRegistry::Instance().AddNode(name, self))
+        GST_WARNING_OBJECT(self,
+            "an interpipesink named \"%s\" already exists: this one is published when that one goes", name);
 }
 
 static void interpipe_sink_notify(GObject* object, GParamSpec* pspec)

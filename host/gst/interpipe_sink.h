@@ -17,6 +17,8 @@ typedef struct _InterpipeSrc InterpipeSrc;
 // against the sink's and fails when they cannot be made to agree.
 gboolean interpipe_sink_add_listener(InterpipeSink* sink, InterpipeSrc* src);
 void interpipe_sink_remove_listener(InterpipeSink* sink, InterpipeSrc* src);
+// The registry published the sink under `name` (at once, or when the name's holder went).
+void interpipe_sink_published(InterpipeSink* sink, const gchar* name);
 // An upstream event from a listener; it reaches the producer only when that listener is the only one.
 gboolean interpipe_sink_receive_event(InterpipeSink* sink, GstEvent* event);
 
