@@ -8,6 +8,7 @@
 #include <fstream>
 
 #include "dbus/dbus_test_env.h"
+#include "gst/pipelines/media_test_support.h"
 #include "pipelines/mp4mux_pipeline.h"
 #include "streamer_harness.h"
 
@@ -15,6 +16,27 @@ using namespace StreamerHarness;
 
 namespace
 {
+
+// The first bytes the live stream server sends a new client.
+std::string ReadLiveStream(size_t wanted)
+{
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(OrbStreamer::kLiveStreamPort);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    std::string data;
+    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
+        timeval timeout { 5, 0 };
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+        char buffer[4096];
+        // The server streams on its own threads; the main loop is not needed.
+        for (ssize_t got = 0; data.size() < wanted && (got = read(fd, buffer, sizeof(buffer))) > 0;)
+            data.append(buffer, static_cast<size_t>(got));
+    }
+    close(fd);
+    return data;
+}
 
 class OrbStreamerInputs : public VideodTest::DbusTestEnv, public StreamerFixture
 {
@@ -36,28 +58,24 @@ protected:
         EXPECT_TRUE(At(index).GetElementProperty(VIDEOD_FUNCTION, sink, "num-listeners", count));
         return count;
     }
-
-    // The first bytes the live stream server sends a new client.
-    static std::string ReadLiveStream(size_t wanted)
-    {
-        const int fd = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address {};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(OrbStreamer::kLiveStreamPort);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        std::string data;
-        if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
-            timeval timeout { 5, 0 };
-            setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
-            char buffer[4096];
-            // The server streams on its own threads; the main loop is not needed.
-            for (ssize_t got = 0; data.size() < wanted && (got = read(fd, buffer, sizeof(buffer))) > 0;)
-                data.append(buffer, static_cast<size_t>(got));
-        }
-        close(fd);
-        return data;
-    }
 };
+
+// The second whole JPEG picture of the live stream (the first may predate a
+// switch), decoded.
+MediaTest::Picture LiveStreamPicture()
+{
+    const std::string stream = ReadLiveStream(400000);
+    size_t start = 0;
+    for (int picture = 0; picture < 2; ++picture) {
+        start = stream.find("\xff\xd8", start + (picture ? 2 : 0));
+        if (start == std::string::npos)
+            return {};
+    }
+    const size_t end = stream.find("\xff\xd9", start);
+    if (end == std::string::npos)
+        return {};
+    return MediaTest::DecodeJpeg(std::vector<uint8_t>(stream.begin() + start, stream.begin() + end + 2));
+}
 
 TEST_F(OrbStreamerInputs, TheStandardIsTheDecodersOnlyWhileTheSystemControllerReportsCameraVideo)
 {
@@ -131,12 +149,23 @@ TEST_F(OrbStreamerInputs, StartUpOnTheNtscCameraLinksItToTheGpuAndTheLiveStreamS
     announced.clear();
     streamer.SetTcpLiveStreamEnabled(true);
     EXPECT_TRUE(announced.empty());
+    const MediaTest::Picture live = LiveStreamPicture();
     streamer.SetTcpLiveStreamEnabled(false);
     EXPECT_FALSE(streamer.GetTcpLiveStreamEnabled());
-    EXPECT_FALSE(ReadLiveStream(16384).empty());
+    const MediaTest::Picture still = LiveStreamPicture();
     streamer.SetTcpLiveStreamEnabled(true);
     EXPECT_EQ(2u, announced.size());
-    EXPECT_FALSE(ReadLiveStream(16384).empty());
+    const MediaTest::Picture live_again = LiveStreamPicture();
+    ASSERT_FALSE(live.rgb.empty());
+    ASSERT_FALSE(still.rgb.empty());
+    ASSERT_FALSE(live_again.rgb.empty());
+    // The static picture is another picture than the camera's; the camera's
+    // comes back.
+    const auto differ = [](const MediaTest::Picture& a, const MediaTest::Picture& b) {
+        return std::abs(a.Mean(0) - b.Mean(0)) + std::abs(a.Mean(2) - b.Mean(2));
+    };
+    EXPECT_GT(differ(live, still), 20.0);
+    EXPECT_GT(differ(live_again, still), 20.0);
 }
 
 TEST_F(OrbStreamerInputs, EachInputSwitchLeavesOneCameraLaunchedAndItsFramesReachingTheGpu)
