@@ -342,6 +342,115 @@ TEST_F(VideodService, RecordsTakesSnapshotsPlaysBackAndServesTheLiveStream)
     EXPECT_EQ(WaitForExit(0), 0);
 }
 
+TEST_F(VideodService, RunsTheThreeCapturesTogetherPausesWithoutAGapAndFollowsTheSettingsPeer)
+{
+    StartPeersOnNtscCamera();
+    StartDaemonAndWait();
+
+    // A recording with SnapVoice and autolog beside it.
+    const std::string video = StorageDir() + "/together.mp4";
+    const std::string narration = StorageDir() + "/narration.mp4";
+    const std::string autolog = StorageDir() + "/autolog.mp4";
+    const auto recordingStarted = std::chrono::steady_clock::now();
+    EXPECT_EQ(CallForInt("StartRecording",
+                  { "sssuuu", video, video + ".moov", video + "-thumb.jpg", "160", "120", "80" }),
+        0)
+        << DaemonLog();
+    EXPECT_EQ(CallForInt("StartSnapVoice",
+                  { "sssuuu", narration, narration + ".moov", narration + "-thumb.jpg", "160", "120", "80" }),
+        0)
+        << DaemonLog();
+    const auto autologStarted = std::chrono::steady_clock::now();
+    EXPECT_EQ(CallForInt("StartAutoLog",
+                  { "sssuuu", autolog, autolog + ".moov", autolog + "-thumb.jpg", "160", "120", "80" }),
+        0)
+        << DaemonLog();
+    EXPECT_TRUE(WaitFor([&] { return Get("SnapVoiceState") == "i 1"; })) << DaemonLog();
+    EXPECT_EQ(Get("RecordingState"), "i 1");
+    EXPECT_EQ(Get("AutoLogState"), "i 1");
+    EXPECT_EQ(Get("ActiveCaptures"), "as 3 \"video\" \"snapVoice\" \"autolog\"");
+    EXPECT_EQ(Get("InactiveCaptures"), "as 0");
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    EXPECT_EQ(CallForInt("StopSnapVoice"), 0);
+    EXPECT_EQ(Get("ActiveCaptures"), "as 2 \"video\" \"autolog\"");
+    EXPECT_TRUE(WaitFor(
+        [&] { return DaemonLog().find("HandleSnapvoiceEos: Handling EOS...") != std::string::npos; }));
+
+    // The recording alone on the "video" encoder is paused for two seconds, beside the running autolog.
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    EXPECT_EQ(CallForInt("PauseRecording"), 0);
+    EXPECT_EQ(Get("RecordingState"), "i 2");
+    EXPECT_EQ(Get("PausedCaptures"), "as 1 \"video\"");
+    EXPECT_EQ(CallForInt("PauseRecording"), -1);
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    EXPECT_EQ(CallForInt("ResumeRecording"), 0);
+    EXPECT_EQ(Get("RecordingState"), "i 1");
+    EXPECT_EQ(CallForInt("ResumeRecording"), -1);
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+
+    EXPECT_EQ(CallForInt("StopRecording"), 0);
+    const double recordedSeconds
+        = std::chrono::duration<double>(std::chrono::steady_clock::now() - recordingStarted).count() - 2.0;
+    EXPECT_EQ(CallForInt("StopAutoLog"), 0);
+    const double autologSeconds
+        = std::chrono::duration<double>(std::chrono::steady_clock::now() - autologStarted).count();
+    EXPECT_EQ(Get("InactiveCaptures"), "as 3 \"video\" \"snapVoice\" \"autolog\"");
+    EXPECT_EQ(Get("PreviousRecordingFilename"), "s \"" + video + "\"");
+    EXPECT_EQ(Get("PreviousSnapVoiceFilename"), "s \"" + narration + "\"");
+    EXPECT_EQ(Get("PreviousAutoLogFilename"), "s \"" + autolog + "\"");
+    for (const std::string& file : { video, narration, autolog }) {
+        ASSERT_TRUE(WaitFor([&] { return !GstTest::FfprobeValues(file, "format=duration").empty(); }, 15000))
+            << file << DaemonLog();
+        EXPECT_EQ(
+            GstTest::FfprobeValues(file, "stream=codec_name"), (std::vector<std::string> { "h264", "aac" }))
+            << file;
+        EXPECT_EQ(GstTest::FfprobeValues(file + "-thumb.jpg", "stream=codec_name,width,height"),
+            (std::vector<std::string> { "mjpeg", "160", "120" }))
+            << file;
+    }
+    // The paused seconds are left out of the recording, and its times run on without a jump.
+    EXPECT_NEAR(GstTest::FfprobeNumber(video, "format=duration"), recordedSeconds, 0.8);
+    EXPECT_NEAR(GstTest::FfprobeNumber(autolog, "format=duration"), autologSeconds, 0.8);
+    for (const char* stream : { "v:0", "a:0" }) {
+        const std::vector<GstTest::Packet> packets = GstTest::FfprobePackets(video, stream);
+        ASSERT_GT(packets.size(), 50u) << stream;
+        std::ostringstream times;
+        for (const GstTest::Packet& packet : packets)
+            times << packet.pts << packet.flags << ' ';
+        EXPECT_LT(GstTest::LargestGap(packets), 0.2) << stream << ": " << times.str();
+    }
+
+    // Encoder settings changed at the settings peer reach the "video" encoder.
+    const char* settings = "com.tarnwell.common.Settings1";
+    const char* section = "/com/tarnwell/common/Settings1/videoRecording";
+    EXPECT_EQ(Set(settings, section, settings, "h264EncodingBitrate", { "u", "3000" }), 0);
+    EXPECT_TRUE(WaitFor([&] { return Get("H264EncoderBitrate") == "u 3000"; })) << Get("H264EncoderBitrate");
+    EXPECT_EQ(Set(settings, section, settings, "h264EncodingBitrate", { "u", "1500" }), 0);
+    EXPECT_TRUE(WaitFor([&] { return Get("H264EncoderBitrate") == "u 1500"; })) << Get("H264EncoderBitrate");
+    EXPECT_NE(Get("AutoLogH264EncoderBitrate"), "u 1500");
+
+    // An overlay setting is taken without a complaint, and a recording made after it is still whole.
+    const size_t logBefore = DaemonLog().size();
+    EXPECT_EQ(
+        Set(settings, "/com/tarnwell/common/Settings1/overlay", settings, "enableDate", { "b", "false" }), 0);
+    const std::string after = StorageDir() + "/after-settings.mp4";
+    EXPECT_EQ(CallForInt("StartRecording",
+                  { "sssuuu", after, after + ".moov", after + "-thumb.jpg", "160", "120", "80" }),
+        0);
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    EXPECT_EQ(CallForInt("StopRecording"), 0);
+    ASSERT_TRUE(WaitFor([&] { return !GstTest::FfprobeValues(after, "format=duration").empty(); }, 15000));
+    EXPECT_GT(GstTest::FfprobePackets(after, "v:0").size(), 30u);
+    const std::string log = DaemonLog().substr(logBefore);
+    EXPECT_EQ(log.find("Failed to set overlay"), std::string::npos) << log;
+    EXPECT_EQ(log.find("EnableOverlays failed"), std::string::npos) << log;
+    EXPECT_EQ(log.find("[Streamer] error in pipeline"), std::string::npos) << log;
+    EXPECT_TRUE(Serving());
+
+    EXPECT_EQ(CallMethod("Exit"), 0);
+    EXPECT_EQ(WaitForExit(0), 0);
+}
+
 TEST_F(VideodService, StartsWithoutPeersRecordsOnTheTestInputAndSurvivesBadInput)
 {
     // No peer daemon at all: the test input feeds the graph.
