@@ -37,6 +37,12 @@ public:
         const std::string sink = "port=" + std::to_string(_Port);
         _Pid = fork();
         if (_Pid == 0) {
+            // The remote unit is another machine: this machine's own
+            // GStreamer, whatever the test process runs on.
+            unsetenv("GST_PLUGIN_SYSTEM_PATH");
+            unsetenv("GST_PLUGIN_PATH");
+            const std::string registry = ::testing::TempDir() + "videod-remote-unit-registry.bin";
+            setenv("GST_REGISTRY", registry.c_str(), 1);
             execlp("gst-launch-1.0", "gst-launch-1.0", "-q", "videotestsrc", "is-live=true", "pattern=ball",
                 "!", "video/x-raw,width=640,height=480,framerate=30000/1001", "!", "jpegenc", "!",
                 "multipartmux", "boundary=frame", "!", "tcpserversink", "host=127.0.0.1", sink.c_str(),
