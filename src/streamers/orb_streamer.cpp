@@ -112,9 +112,10 @@ OrbStreamer::OrbStreamer(DebugMetrics metrics, std::string camera_standard_path,
     , _Overlay(std::make_unique<OverlayModel>(nullptr, nullptr))
 {
     _Motion.signal_motion_detected.connect(signal_motion_detected.make_slot());
-    // The angles follow the camera, outside any call: announced at once.
-    _Rotation.signal_angles_changed.connect(
-        [this](std::vector<std::string> names) { signal_properties_changed.emit(std::move(names), false); });
+    // The camera moves outside any call: its angles are announced at once.
+    _Rotation.signal_angles_changed.connect([this](std::vector<std::string> names, bool from_setting) {
+        signal_properties_changed.emit(std::move(names), from_setting);
+    });
     _Motion.signal_update_interval_changed.connect([this](uint32_t) {
         if (_PeriodicTimer)
             ArmPeriodicTimer();

@@ -57,7 +57,7 @@ bool RotationHandler::SetOverrideAngle(int angle)
     if (_Gpu && _Gpu->GetPipeline())
         _Gpu->SetRotationOverrideAngle(angle);
     if (changed)
-        signal_angles_changed.emit({ "RotationAngle" });
+        signal_angles_changed.emit({ "RotationAngle" }, true);
     return true;
 }
 
@@ -78,7 +78,7 @@ void RotationHandler::SetEnabled(bool enabled)
     if (_Gpu && _Gpu->GetPipeline())
         _Gpu->SetRotationEnabled(enabled);
     if (changed)
-        signal_angles_changed.emit({ "RotationAngle" });
+        signal_angles_changed.emit({ "RotationAngle" }, true);
 }
 
 uint32_t RotationHandler::StepsValue() const
@@ -97,7 +97,7 @@ bool RotationHandler::SetSteps(const std::string& steps)
     if (_Gpu && _Gpu->GetPipeline())
         _Gpu->SetRotationSteps(StepsValue());
     if (changed)
-        signal_angles_changed.emit({ "RotationAngle" });
+        signal_angles_changed.emit({ "RotationAngle" }, true);
     return true;
 }
 
@@ -178,7 +178,7 @@ void RotationHandler::UpdateAngles(int roll, int pitch)
     if (GetRotationAngle() != rotation_before)
         changed.push_back("RotationAngle");
     if (!changed.empty())
-        signal_angles_changed.emit(changed);
+        signal_angles_changed.emit(changed, false);
 }
 
 std::string RotationHandler::GetRollAngleText() const

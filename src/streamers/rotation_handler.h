@@ -23,8 +23,10 @@ public:
     static constexpr uint32_t kMaxNumFrames = 240;
     static constexpr uint32_t kMaxAnimationDurationMs = 10000;
 
-    // Names of the published angles that changed.
-    sigc::signal<void, std::vector<std::string>> signal_angles_changed;
+    // Names of the published angles that changed, and whether the change
+    // came from a setting (announced after the call that made it) rather
+    // than from the camera.
+    sigc::signal<void, std::vector<std::string>, bool> signal_angles_changed;
 
     // The GPU whose levelling this drives; null until the pipelines exist.
     // Every stored setting is applied to it.

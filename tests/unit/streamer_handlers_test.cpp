@@ -40,7 +40,11 @@ TEST(RotationHandler, PublishesTheRollPitchAndTheRotationTheLevellingApplies)
 {
     RotationHandler handler;
     std::vector<std::vector<std::string>> changes;
-    handler.signal_angles_changed.connect([&](std::vector<std::string> names) { changes.push_back(names); });
+    std::vector<bool> from_settings;
+    handler.signal_angles_changed.connect([&](std::vector<std::string> names, bool from_setting) {
+        changes.push_back(names);
+        from_settings.push_back(from_setting);
+    });
 
     handler.OnCameraRoll(-100.4);
     EXPECT_EQ(-100, handler.GetRollAngle());
@@ -58,6 +62,9 @@ TEST(RotationHandler, PublishesTheRollPitchAndTheRotationTheLevellingApplies)
     EXPECT_EQ(30, handler.GetRotationAngle());
     handler.OnCameraRoll(-100.2);
     EXPECT_EQ((std::vector<std::string> { "CameraRollAngle", "CameraRollAngleRaw" }), changes.front());
+    EXPECT_FALSE(from_settings.front());
+    // A setting's change is announced after the call that made it.
+    EXPECT_TRUE(from_settings[1]);
     const size_t before = changes.size();
     handler.OnCameraRoll(-99.6);
     EXPECT_EQ(before, changes.size());
