@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench_process.h"
 #include "dbus-helper/sd_bus_ptr.h"
 
 namespace
@@ -27,39 +28,11 @@ using Clock = std::chrono::steady_clock;
 using DbusHelper::SdBusError;
 using DbusHelper::SdBusMessagePtr;
 using DbusHelper::SdBusPtr;
+using VideodBench::NameHasOwner;
+using VideodBench::Spawn;
+using VideodBench::VideodPath;
 
 constexpr const char* kReferenceName = "com.tarnwell.bench.Echo1";
-
-pid_t Spawn(const std::vector<std::string>& argv, int outFd)
-{
-    const pid_t pid = fork();
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        const int null = open("/dev/null", O_WRONLY);
-        dup2(outFd >= 0 ? outFd : null, 1);
-        dup2(null, 2);
-        std::vector<char*> args;
-        for (const std::string& arg : argv)
-            args.push_back(const_cast<char*>(arg.c_str()));
-        args.push_back(nullptr);
-        execvp(args[0], args.data());
-        _exit(127);
-    }
-    return pid;
-}
-
-bool NameHasOwner(sd_bus* bus, const char* name)
-{
-    SdBusError error;
-    sd_bus_message* raw = nullptr;
-    if (sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-            "NameHasOwner", error.Get(), &raw, "s", name)
-        < 0)
-        return false;
-    SdBusMessagePtr reply(raw);
-    int owned = 0;
-    return sd_bus_message_read(reply.get(), "b", &owned) >= 0 && owned;
-}
 
 // The reference: the smallest sd-bus service that answers Echo, on a thread of its own.
 int ReferenceEcho(sd_bus_message* call, void*, sd_bus_error*)
@@ -130,50 +103,23 @@ Figures EchoRoundTrips(sd_bus* bus, const char* service, const char* path, const
     return figures;
 }
 
-std::string VideodPath()
-{
-    char self[4096] = {};
-    const ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
-    std::string dir = n > 0 ? std::string(self, static_cast<size_t>(n)) : std::string();
-    dir = dir.substr(0, dir.rfind('/'));
-    return dir + "/../src/videod";
-}
-
 } // namespace
 
 int main(int argc, char** argv)
 {
     const int count = argc > 1 ? std::atoi(argv[1]) : 2000;
 
-    // A private bus: the address it prints says it is ready.
-    int fds[2];
-    if (pipe(fds) < 0)
-        return 1;
-    char dir[] = "/tmp/videod-bench-XXXXXX";
-    if (!mkdtemp(dir))
-        return 1;
-    const pid_t busPid = Spawn({ "dbus-daemon", "--session", "--nofork", "--print-address=1",
-                                   std::string("--address=unix:path=") + dir + "/bus" },
-        fds[1]);
-    close(fds[1]);
-    std::string address;
-    char c = 0;
-    while (read(fds[0], &c, 1) == 1 && c != '\n')
-        address += c;
-    close(fds[0]);
-    setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
-
-    sd_bus* raw = nullptr;
-    if (sd_bus_open_user(&raw) < 0) {
+    VideodBench::PrivateBus privateBus;
+    if (!privateBus.Bus()) {
         std::fprintf(stderr, "no private bus\n");
         return 1;
     }
-    SdBusPtr bus(raw);
+    sd_bus* bus = privateBus.Bus();
 
     // videod: process start to owning "com.tarnwell.common.Video1" (no peers; the test input).
     const auto started = Clock::now();
     const pid_t videod = Spawn({ VideodPath() }, -1);
-    while (!NameHasOwner(bus.get(), "com.tarnwell.common.Video1")) {
+    while (!NameHasOwner(bus, "com.tarnwell.common.Video1")) {
         if (waitpid(videod, nullptr, WNOHANG) == videod
             || Clock::now() - started > std::chrono::seconds(20)) {
             std::fprintf(stderr, "videod did not take its name (%s)\n", VideodPath().c_str());
@@ -192,13 +138,13 @@ int main(int argc, char** argv)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
 
     // Warm-up, then the measured runs.
-    EchoRoundTrips(bus.get(), "com.tarnwell.common.Video1", "/com/tarnwell/common/Video1",
+    EchoRoundTrips(bus, "com.tarnwell.common.Video1", "/com/tarnwell/common/Video1",
         "com.tarnwell.common.Video1.Control", 100);
-    EchoRoundTrips(bus.get(), kReferenceName, "/com/tarnwell/bench/Echo1", kReferenceName, 100);
-    const Figures daemon = EchoRoundTrips(bus.get(), "com.tarnwell.common.Video1",
-        "/com/tarnwell/common/Video1", "com.tarnwell.common.Video1.Control", count);
+    EchoRoundTrips(bus, kReferenceName, "/com/tarnwell/bench/Echo1", kReferenceName, 100);
+    const Figures daemon = EchoRoundTrips(bus, "com.tarnwell.common.Video1", "/com/tarnwell/common/Video1",
+        "com.tarnwell.common.Video1.Control", count);
     const Figures minimal
-        = EchoRoundTrips(bus.get(), kReferenceName, "/com/tarnwell/bench/Echo1", kReferenceName, count);
+        = EchoRoundTrips(bus, kReferenceName, "/com/tarnwell/bench/Echo1", kReferenceName, count);
 
     std::printf("videod start to owning com.tarnwell.common.Video1: %.1f ms\n", startMs);
     std::printf("Echo round trip, %d calls     median      p99   failures\n", count);
@@ -209,13 +155,9 @@ int main(int argc, char** argv)
 
     stop = true;
     reference.join();
-    sd_bus_call_method(bus.get(), "com.tarnwell.common.Video1", "/com/tarnwell/common/Video1",
+    sd_bus_call_method(bus, "com.tarnwell.common.Video1", "/com/tarnwell/common/Video1",
         "com.tarnwell.common.Video1.Control", "Exit", nullptr, nullptr, "");
     int status = 0;
     waitpid(videod, &status, 0);
-    bus.reset();
-    kill(busPid, SIGTERM);
-    waitpid(busPid, nullptr, 0);
-    std::filesystem::remove_all(dir);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
 }

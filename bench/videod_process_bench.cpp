@@ -27,6 +27,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench_process.h"
 #include "dbus-helper/sd_bus_ptr.h"
 
 namespace
@@ -35,7 +36,9 @@ namespace
 using Clock = std::chrono::steady_clock;
 using DbusHelper::SdBusError;
 using DbusHelper::SdBusMessagePtr;
-using DbusHelper::SdBusPtr;
+using VideodBench::NameHasOwner;
+using VideodBench::Spawn;
+using VideodBench::VideodPath;
 
 constexpr const char* kService = "com.tarnwell.common.Video1";
 constexpr const char* kPath = "/com/tarnwell/common/Video1";
@@ -44,37 +47,6 @@ constexpr const char* kInterface = "com.tarnwell.common.Video1.Control";
 double MsSince(Clock::time_point start)
 {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
-pid_t Spawn(const std::vector<std::string>& argv, int outFd)
-{
-    const pid_t pid = fork();
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        const int null = open("/dev/null", O_WRONLY);
-        dup2(outFd >= 0 ? outFd : null, 1);
-        dup2(outFd >= 0 ? outFd : null, 2);
-        std::vector<char*> args;
-        for (const std::string& arg : argv)
-            args.push_back(const_cast<char*>(arg.c_str()));
-        args.push_back(nullptr);
-        execvp(args[0], args.data());
-        _exit(127);
-    }
-    return pid;
-}
-
-bool NameHasOwner(sd_bus* bus, const char* name)
-{
-    SdBusError error;
-    sd_bus_message* raw = nullptr;
-    if (sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-            "NameHasOwner", error.Get(), &raw, "s", name)
-        < 0)
-        return false;
-    SdBusMessagePtr reply(raw);
-    int owned = 0;
-    return sd_bus_message_read(reply.get(), "b", &owned) >= 0 && owned;
 }
 
 bool CaptureActive(sd_bus* bus)
@@ -162,15 +134,6 @@ int LinesWith(const std::string& file, const std::string& first, const std::stri
     return found;
 }
 
-std::string VideodPath()
-{
-    char self[4096] = {};
-    const ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
-    std::string dir = n > 0 ? std::string(self, static_cast<size_t>(n)) : std::string();
-    dir = dir.substr(0, dir.rfind('/'));
-    return dir + "/../src/videod";
-}
-
 // True when ffprobe reads the file's duration (the moov atom is written).
 bool FfprobeReadsDuration(const std::string& file)
 {
@@ -227,33 +190,17 @@ int main(int argc, char** argv)
     const int starts = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
     const int recordings = argc > 2 ? std::max(1, std::atoi(argv[2])) : 5;
 
-    // A private bus: the address it prints says it is ready.
-    int fds[2];
-    if (pipe(fds) < 0)
-        return 1;
-    char dir[] = "/tmp/videod-bench-XXXXXX";
-    if (!mkdtemp(dir))
-        return 1;
-    const pid_t busPid = Spawn({ "dbus-daemon", "--session", "--nofork", "--print-address=1",
-                                   std::string("--address=unix:path=") + dir + "/bus" },
-        fds[1]);
-    close(fds[1]);
-    std::string address;
-    char c = 0;
-    while (read(fds[0], &c, 1) == 1 && c != '\n')
-        address += c;
-    close(fds[0]);
-    setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
-    sd_bus* raw = nullptr;
-    if (sd_bus_open_user(&raw) < 0) {
+    VideodBench::PrivateBus privateBus;
+    if (!privateBus.Bus()) {
         std::fprintf(stderr, "no private bus\n");
         return 1;
     }
-    SdBusPtr bus(raw);
+    sd_bus* bus = privateBus.Bus();
+    const std::string dir = privateBus.Dir();
 
     // The daemon's log, mirrored on its standard error, says when the input pipeline plays.
     setenv("VIDEOD_LOG_STDERR", "1", 1);
-    const std::string log = std::string(dir) + "/videod.log";
+    const std::string log = dir + "/videod.log";
     const char* inputPlaying = "[TestInputPipeline (pipeline";
     std::vector<double> toName;
     std::vector<double> toInputPlaying;
@@ -268,7 +215,7 @@ int main(int argc, char** argv)
         double frameMs = -1;
         const int logFd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
         const auto started = Clock::now();
-        const pid_t videod = Spawn({ VideodPath() }, logFd);
+        const pid_t videod = Spawn({ VideodPath() }, logFd, logFd);
         close(logFd);
         std::thread reader([&] { frameMs = FirstLiveFrameMs(started, stop); });
         double nameMs = -1;
@@ -276,11 +223,11 @@ int main(int argc, char** argv)
         double captureMs = -1;
         while ((captureMs < 0 || playingMs < 0) && MsSince(started) < 30000
             && waitpid(videod, nullptr, WNOHANG) == 0) {
-            if (nameMs < 0 && NameHasOwner(bus.get(), kService))
+            if (nameMs < 0 && NameHasOwner(bus, kService))
                 nameMs = MsSince(started);
             if (playingMs < 0 && LinesWith(log, inputPlaying, "State changed [PAUSED -> PLAYING]") > 0)
                 playingMs = MsSince(started);
-            if (nameMs >= 0 && captureMs < 0 && CaptureActive(bus.get()))
+            if (nameMs >= 0 && captureMs < 0 && CaptureActive(bus))
                 captureMs = MsSince(started);
             std::this_thread::sleep_for(std::chrono::microseconds(500));
         }
@@ -301,17 +248,16 @@ int main(int argc, char** argv)
 
         // Recordings of three seconds on the last daemon.
         for (int rec = 0; run == starts - 1 && rec < recordings; ++rec) {
-            const std::string file = std::string(dir) + "/rec" + std::to_string(rec) + ".mp4";
+            const std::string file = dir + "/rec" + std::to_string(rec) + ".mp4";
             const std::string thumb = file + "-thumb.jpg";
-            if (CallInt(
-                    bus.get(), "StartRecording", "sssuuu", file.c_str(), "", thumb.c_str(), 160u, 120u, 80u)
+            if (CallInt(bus, "StartRecording", "sssuuu", file.c_str(), "", thumb.c_str(), 160u, 120u, 80u)
                 != 0) {
                 ++failures;
                 continue;
             }
             std::this_thread::sleep_for(std::chrono::seconds(3));
             const auto stopAt = Clock::now();
-            const int stopped = CallInt(bus.get(), "StopRecording", "");
+            const int stopped = CallInt(bus, "StopRecording", "");
             const double replyMs = MsSince(stopAt);
             while (stopped == 0 && LinesWith(log, "HandleRecordingEos: Handling EOS...", "") <= rec
                 && MsSince(stopAt) < 15000)
@@ -328,7 +274,7 @@ int main(int argc, char** argv)
             stopToEos.push_back(eosMs);
             stopToFinal.push_back(finalMs);
         }
-        if (!StopDaemon(bus.get(), videod))
+        if (!StopDaemon(bus, videod))
             ++failures;
     }
 
@@ -336,7 +282,7 @@ int main(int argc, char** argv)
     std::vector<double> probe;
     for (int i = 0; i < 5 && !stopToFinal.empty(); ++i) {
         const auto at = Clock::now();
-        FfprobeReadsDuration(std::string(dir) + "/rec0.mp4");
+        FfprobeReadsDuration(dir + "/rec0.mp4");
         probe.push_back(MsSince(at));
     }
 
@@ -351,9 +297,5 @@ int main(int argc, char** argv)
     PrintRow("one ffprobe run (resolution of the above)", probe);
     std::printf("  failures: %d\n", failures);
 
-    bus.reset();
-    kill(busPid, SIGTERM);
-    waitpid(busPid, nullptr, 0);
-    std::filesystem::remove_all(dir);
     return failures == 0 ? 0 : 1;
 }

@@ -426,7 +426,8 @@ TEST_F(VideodLoad, TwoHundredPlaybacksLeaveNoDescriptorsThreadsOrMemoryBehind)
         0);
     std::this_thread::sleep_for(std::chrono::seconds(2));
     ASSERT_EQ(CallInt("StopRecording", ""), 0);
-    ASSERT_TRUE(WaitFor([&] { return !GstTest::FfprobeValues(video, "format=duration").empty(); }, 15000));
+    ASSERT_TRUE(WaitFor([&] { return !GstTest::FfprobeValues(video, "format=duration").empty(); }, 15000))
+        << DaemonLog();
 
     // Started, playing on the display, stopped and back to the live picture.
     auto cycle = [&] {
