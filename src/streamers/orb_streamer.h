@@ -80,6 +80,9 @@ public:
     // The live stream server's address.
     static constexpr const char* kLiveStreamHost = "0.0.0.0";
     static constexpr int kLiveStreamPort = 4000;
+    // Pictures kept for each live stream client (two seconds): a client
+    // that stops reading must not hold the daemon's memory.
+    static constexpr int kLiveStreamQueueSize = 60;
 
     OrbStreamer();
     // `settings` is the settings client whose section signals the streamer
@@ -326,6 +329,7 @@ private:
     std::string _RemoteDbusAddress;
     std::string _DeinterlaceMethod = "high-motion";
     bool _LiveStreamAddressSet = false;
+    int _LiveStreamQueueSize = kLiveStreamQueueSize;
     bool _InputSelected = false;
     CameraFeatures _CameraFeatures;
     // The recording and autolog encoders' stored settings.

@@ -74,6 +74,8 @@ int OrbStreamer::GetStreamJpegQuality() const
 
 void OrbStreamer::SetStreamTcpQueueSize(int size)
 {
+    // Kept for the server's next launch too.
+    _LiveStreamQueueSize = size;
     PipelineAt<TcpServerPipeline>(kTcpServerIndex).SetQueueSize(size);
 }
 

@@ -65,6 +65,7 @@ int OrbStreamer::StartLiveStreamServer()
         _LiveStreamAddressSet = true;
     }
     int result = server.Initialize(LaunchFlags()) == 1 ? 0 : -1;
+    server.SetQueueSize(_LiveStreamQueueSize);
     server.ListenTo(&mjpeg, "", "");
     result |= server.SetState(GST_STATE_PLAYING, 0);
     result |= mjpeg.SetState(GST_STATE_PLAYING, 0);

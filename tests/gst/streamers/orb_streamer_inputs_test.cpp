@@ -139,6 +139,8 @@ TEST_F(OrbStreamerInputs, StartUpOnTheNtscCameraLinksItToTheGpuAndTheLiveStreamS
                     Announcement({ "CaptureActive", "VideoInput", "DisplayContent" }, true))
         != announced.end());
 
+    // A client that stops reading is held to a bounded queue.
+    EXPECT_EQ(OrbStreamer::kLiveStreamQueueSize, streamer.GetStreamTcpQueueSize());
     const std::string stream = ReadLiveStream(16384);
     EXPECT_NE(std::string::npos, stream.find("image/jpeg")) << stream.substr(0, 200);
     // A JPEG's start of image.
