@@ -57,6 +57,22 @@ protected:
     }
     std::string DaemonLog(size_t index = 0) const { return VideodTest::ReadFile(DaemonLogPath(index)); }
 
+    // A call with any arguments through sd-bus (no busctl process per call); the "i" reply, or -1000 for
+    // an error reply.
+    template <typename... Args> int CallInt(const char* method, const char* signature, Args... args)
+    {
+        VideodTest::SdBusError error;
+        sd_bus_message* raw = nullptr;
+        if (sd_bus_call_method(
+                Bus(), kService, kPath, kInterface, method, error.Get(), &raw, signature, args...)
+            < 0)
+            return -1000;
+        VideodTest::SdBusMessagePtr reply(raw);
+        int value = -1000;
+        sd_bus_message_read(reply.get(), "i", &value);
+        return value;
+    }
+
     // Starts one more videod (its log mirrored to a file); returns its index.
     size_t StartDaemon()
     {

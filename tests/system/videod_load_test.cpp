@@ -188,21 +188,6 @@ class VideodLoad : public VideodFixture
 protected:
     pid_t DaemonPid() const { return _Daemons.at(0); }
 
-    // The "i" reply of a method called through sd-bus (no busctl process per call); -1000 on an error.
-    template <typename... Args> int CallInt(const char* method, const char* signature, Args... args)
-    {
-        VideodTest::SdBusError error;
-        sd_bus_message* raw = nullptr;
-        if (sd_bus_call_method(
-                Bus(), kService, kPath, kInterface, method, error.Get(), &raw, signature, args...)
-            < 0)
-            return -1000;
-        VideodTest::SdBusMessagePtr reply(raw);
-        int value = -1000;
-        sd_bus_message_read(reply.get(), "i", &value);
-        return value;
-    }
-
     int IntProperty(const char* name)
     {
         VideodTest::SdBusError error;

@@ -145,21 +145,6 @@ protected:
         return answer;
     }
 
-    // A call with any arguments through sd-bus; the "i" reply, or -1000 for an error reply.
-    template <typename... Args> int CallInt(const char* method, const char* signature, Args... args)
-    {
-        VideodTest::SdBusError error;
-        sd_bus_message* raw = nullptr;
-        if (sd_bus_call_method(
-                Bus(), kService, kPath, kInterface, method, error.Get(), &raw, signature, args...)
-            < 0)
-            return -1000;
-        VideodTest::SdBusMessagePtr reply(raw);
-        int value = -1000;
-        sd_bus_message_read(reply.get(), "i", &value);
-        return value;
-    }
-
     std::string Introspection()
     {
         VideodTest::SdBusError error;
