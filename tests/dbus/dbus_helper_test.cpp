@@ -55,7 +55,10 @@ TEST(RigInfo, APcReportsAVgaDisplay)
     EXPECT_EQ(resolution.height, 480u);
 }
 
-TEST_F(DbusHelperLibrary, PropertiesOfEverySupportedTypeRoundTrip)
+// Every supported type round-trips; a type mismatch is a negative result with the D-Bus error text;
+// whole dictionaries read with and without types; a signal that arrives during a call on the same
+// connection is still delivered.
+TEST_F(DbusHelperLibrary, PropertiesRoundTripDictionariesParseAndSignalsDuringCallsArrive)
 {
     StartSettings();
     RoundTrip(kVideo, "sharpen", true);
@@ -70,11 +73,7 @@ TEST_F(DbusHelperLibrary, PropertiesOfEverySupportedTypeRoundTrip)
     RoundTrip(kVideo, "zoomLevelsDsl", std::vector<double> { 2.0, 1.0, 6.5 });
     RoundTrip(kVideo, "zoomLevelsNonDsl", std::vector<float> { 1.5f, 1.0f, 3.0f });
     RoundTrip(kVideo, "zoomLevelsNonDsl", std::vector<float> {});
-}
 
-TEST_F(DbusHelperLibrary, ATypeMismatchIsANegativeResultWithTheDbusErrorText)
-{
-    StartSettings();
     std::string error;
     int32_t number = 17;
     EXPECT_EQ(
@@ -93,12 +92,8 @@ TEST_F(DbusHelperLibrary, ATypeMismatchIsANegativeResultWithTheDbusErrorText)
                   nullptr, kSettings, kCapture, kSettings, "jpegImageQuality", std::string("high"), error),
         0);
     EXPECT_EQ(error.rfind("org.freedesktop.DBus.Error.InvalidArgs: ", 0), 0u) << error;
-}
 
-TEST_F(DbusHelperLibrary, ReadsWholeDictionariesWithAndWithoutTypes)
-{
-    StartSettings();
-    std::string error;
+    error.clear();
     DbusHelper::SdBusMessagePtr reply;
     ASSERT_EQ(sdbus_utils::GetAllProperties(nullptr, kSettings, kVideo, kSettings, reply, error), 0) << error;
     TypedPropertyMap typed;
@@ -123,6 +118,18 @@ TEST_F(DbusHelperLibrary, ReadsWholeDictionariesWithAndWithoutTypes)
         0);
     EXPECT_EQ(reply, nullptr);
     EXPECT_EQ(error.rfind("org.freedesktop.DBus.Error.UnknownInterface: ", 0), 0u) << error;
+
+    DbusHelper::DbusListener listener;
+    ASSERT_EQ(listener.Connect(), 0);
+    int changes = 0;
+    ASSERT_EQ(listener.ListenSignal(kSettings, kVideo, "org.freedesktop.DBus.Properties", "PropertiesChanged",
+                  &CountSignal, &changes),
+        0);
+    // The peer announces the change before it replies, so the signal is read
+    // (and queued) by the blocking call, not by the main loop.
+    ASSERT_EQ(
+        sdbus_utils::SetProperty(listener.Bus(), kSettings, kVideo, kSettings, "sharpen", true, error), 0);
+    EXPECT_TRUE(RunMainLoopUntil([&] { return changes == 1; }));
 }
 
 TEST_F(DbusHelperLibrary, ReadsStorageObjectsAndParsesTheirChangeSignals)
@@ -185,27 +192,11 @@ TEST_F(DbusHelperLibrary, ReadsStorageObjectsAndParsesTheirChangeSignals)
     EXPECT_NE(std::find(captured.removed.begin(), captured.removed.end(), kDevice), captured.removed.end());
 }
 
-TEST_F(DbusHelperLibrary, AHungPeerCostsOnlyTheCallTimeOut)
-{
-    // Owns a name but never reads its messages.
-    sd_bus* raw = nullptr;
-    ASSERT_GE(sd_bus_open_user(&raw), 0);
-    VideodTest::SdBusPtr hung(raw);
-    ASSERT_GE(sd_bus_request_name(hung.get(), "com.tarnwell.test.Hung", 0), 0);
-
-    std::string error;
-    bool value = false;
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(sdbus_utils::GetProperty(
-                  nullptr, "com.tarnwell.test.Hung", "/", "com.tarnwell.test", "Flag", value, error),
-        -ETIMEDOUT);
-    const auto waited = std::chrono::steady_clock::now() - start;
-    EXPECT_FALSE(error.empty());
-    std::printf("hung peer call returned after %lld ms\n",
-        static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(waited).count()));
-}
-
-TEST_F(DbusHelperLibrary, ConnectorAndListenerManageTheirConnection)
+// A connector and listener manage their connection; a shared connection is used, not owned (the listener
+// neither services it nor closes it); a hung peer costs only the call time-out; and when the bus goes
+// away under a listener, its source stops servicing the dead connection, the subscriptions and the
+// connection are released, and the owner hears of it once.
+TEST_F(DbusHelperLibrary, ListenersManageOwnedAndSharedConnectionsThroughHungPeersAndALostBus)
 {
     DbusHelper::DbusListener listener;
     EXPECT_EQ(listener.ListenSignal("", "", "", "Anything", &CountSignal, nullptr), -ENOTCONN);
@@ -230,30 +221,47 @@ TEST_F(DbusHelperLibrary, ConnectorAndListenerManageTheirConnection)
     EXPECT_EQ(error.rfind("failed to open the user bus: ", 0), 0u) << error;
     EXPECT_LT(r, 0);
     EXPECT_NE(sdbus_utils::DefaultBus(error), nullptr);
-}
 
-TEST_F(DbusHelperLibrary, ASignalThatArrivesDuringACallOnTheSameConnectionIsStillDelivered)
-{
-    StartSettings();
-    DbusHelper::DbusListener listener;
-    ASSERT_EQ(listener.Connect(), 0);
-    int changes = 0;
-    ASSERT_EQ(listener.ListenSignal(kSettings, kVideo, "org.freedesktop.DBus.Properties", "PropertiesChanged",
-                  &CountSignal, &changes),
-        0);
-    // The peer announces the change before it replies, so the signal is read
-    // (and queued) by the blocking call, not by the main loop.
-    std::string error;
-    ASSERT_EQ(
-        sdbus_utils::SetProperty(listener.Bus(), kSettings, kVideo, kSettings, "sharpen", true, error), 0);
-    EXPECT_TRUE(RunMainLoopUntil([&] { return changes == 1; }));
-}
+    {
+        DbusHelper::DbusListener owner;
+        ASSERT_EQ(owner.Connect(), 0);
+        int signals = 0;
+        {
+            DbusHelper::DbusListener shared;
+            ASSERT_EQ(shared.Share(owner.Bus()), 0);
+            EXPECT_EQ(shared.Bus(), owner.Bus());
+            EXPECT_FALSE(shared.OwnsBus());
+            EXPECT_FALSE(shared.IsServiced());
+            ASSERT_EQ(shared.ListenSignal("", "", "com.tarnwell.test", "Ping", &CountSignal, &signals), 0);
+            ASSERT_GE(sd_bus_emit_signal(Bus(), "/", "com.tarnwell.test", "Ping", ""), 0);
+            ASSERT_GE(sd_bus_flush(Bus()), 0);
+            // Delivered by the owner's source.
+            ASSERT_TRUE(RunMainLoopUntil([&] { return signals == 1; }));
+        }
+        EXPECT_GT(sd_bus_is_open(owner.Bus()), 0);
+        EXPECT_GE(sdbus_utils::CallMethod(owner.Bus(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                      "org.freedesktop.DBus", "GetId", nullptr, error, ""),
+            0)
+            << error;
+    }
 
-// The bus goes away under a listener: its source stops servicing the dead connection, the
-// subscriptions and the connection are released, and the owner hears of it once.
-TEST_F(DbusHelperLibrary, AListenerWhoseBusGoesAwayReleasesTheConnectionAndReportsIt)
-{
-    DbusHelper::DbusListener listener;
+    // Owns a name but never reads its messages.
+    sd_bus* raw = nullptr;
+    ASSERT_GE(sd_bus_open_user(&raw), 0);
+    VideodTest::SdBusPtr hung(raw);
+    ASSERT_GE(sd_bus_request_name(hung.get(), "com.tarnwell.test.Hung", 0), 0);
+
+    bool value = false;
+    error.clear();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(sdbus_utils::GetProperty(
+                  nullptr, "com.tarnwell.test.Hung", "/", "com.tarnwell.test", "Flag", value, error),
+        -ETIMEDOUT);
+    const auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_FALSE(error.empty());
+    std::printf("hung peer call returned after %lld ms\n",
+        static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(waited).count()));
+
     ASSERT_EQ(listener.Connect(), 0);
     ASSERT_EQ(listener.ListenSignal("", "", "", "Anything", &CountSignal, nullptr), 0);
     int closings = 0;
@@ -268,30 +276,4 @@ TEST_F(DbusHelperLibrary, AListenerWhoseBusGoesAwayReleasesTheConnectionAndRepor
     // Nothing is left to wake the loop.
     while (g_main_context_iteration(nullptr, FALSE)) { }
     EXPECT_EQ(closings, 1);
-}
-
-// A shared connection is used, not owned: the listener neither services it nor closes it.
-TEST_F(DbusHelperLibrary, AListenerOnASharedConnectionLeavesItToItsOwner)
-{
-    DbusHelper::DbusListener owner;
-    ASSERT_EQ(owner.Connect(), 0);
-    int signals = 0;
-    {
-        DbusHelper::DbusListener shared;
-        ASSERT_EQ(shared.Share(owner.Bus()), 0);
-        EXPECT_EQ(shared.Bus(), owner.Bus());
-        EXPECT_FALSE(shared.OwnsBus());
-        EXPECT_FALSE(shared.IsServiced());
-        ASSERT_EQ(shared.ListenSignal("", "", "com.tarnwell.test", "Ping", &CountSignal, &signals), 0);
-        ASSERT_GE(sd_bus_emit_signal(Bus(), "/", "com.tarnwell.test", "Ping", ""), 0);
-        ASSERT_GE(sd_bus_flush(Bus()), 0);
-        // Delivered by the owner's source.
-        ASSERT_TRUE(RunMainLoopUntil([&] { return signals == 1; }));
-    }
-    EXPECT_GT(sd_bus_is_open(owner.Bus()), 0);
-    std::string error;
-    EXPECT_GE(sdbus_utils::CallMethod(owner.Bus(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                  "org.freedesktop.DBus", "GetId", nullptr, error, ""),
-        0)
-        << error;
 }
