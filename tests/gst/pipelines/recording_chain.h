@@ -147,6 +147,18 @@ struct RecordingChain {
         aac.SetState(GST_STATE_NULL);
     }
 
+    // Finishes the file with EOS, waits for the muxer's EOS on the main loop and leaves the muxer idle.
+    bool CloseWithEos()
+    {
+        int eos = 0;
+        sigc::connection connection = mux->signal_eos.connect([&] { ++eos; });
+        const bool closed
+            = mux->CloseRecord(true) == 0 && TestSupport::RunMainLoopUntil([&] { return eos > 0; }, 5000);
+        connection.disconnect();
+        FinishRecording();
+        return closed || Fail("the muxer did not finish the file");
+    }
+
     bool Fail(const std::string& why)
     {
         failure = why;
