@@ -48,12 +48,23 @@ protected:
     }
 };
 
-TEST_F(Peers, EveryObjectOfEveryPeerIntrospectsCleanly)
+// Every peer's objects introspect cleanly. Storage refuses to start without an existing directory and
+// moves the primary device when it goes; the system controller publishes its objects and keeps remote
+// credentials; the remote camera monitor announces reel events; the camera daemon sends motion samples
+// periodically from the active camera; the display counts ResetCsc calls in a readable property; a
+// stopped peer releases its name and calls fail quickly. Video status, reel counting, the camera daemon's
+// objects, device properties, write activity and formatting are checked through their clients.
+TEST_F(Peers, EveryPeerIntrospectsCleanlyAndAnswersAsItsClientsExpect)
 {
-    std::string dir = TempDir() + "/sd";
+    EXPECT_FALSE(StartPeer("storage", { TempDir() + "/missing" }));
+    EXPECT_NE(std::string::npos, LastError().find("No directory")) << LastError();
+    const std::string dir = TempDir() + "/sd";
     ASSERT_EQ(0, mkdir(dir.c_str(), 0755));
+    const std::map<std::string, std::vector<std::string>> args { { "storage", { dir } },
+        { "helm", { "--remote-ip", "10.0.0.7" } }, { "camd", { "--motion-period-ms", "20" } } };
     for (const auto& [peer, name] : PeerBusNames()) {
-        ASSERT_TRUE(peer == "storage" ? StartPeer(peer, { dir }) : StartPeer(peer)) << LastError();
+        ASSERT_TRUE(StartPeer(peer, args.count(peer) ? args.at(peer) : std::vector<std::string> {}))
+            << LastError();
         std::string paths;
         ASSERT_EQ(0, Busctl({ "tree", "--list", name }, &paths)) << peer;
         std::istringstream lines(paths);
@@ -72,9 +83,64 @@ TEST_F(Peers, EveryObjectOfEveryPeerIntrospectsCleanly)
         }
         EXPECT_GE(objects, 1) << peer;
     }
+
+    ASSERT_EQ(0, Call(kStorage, kStoragePath, kSim, "AddDevice", { "ss", "extra", TempDir() }));
+    EXPECT_EQ("as 2 \"" + kStoragePath + "/device0\" \"" + kStoragePath + "/extra\"",
+        Get(kStorage, kStoragePath, kStorage, "AvailableDevices"));
+    ASSERT_EQ(0, Call(kStorage, kStoragePath, kSim, "RemoveDevice", { "s", "device0" }));
+    EXPECT_EQ("s \"" + kStoragePath + "/extra\"", Get(kStorage, kStoragePath, kStorage, "PrimaryDevice"));
+    EXPECT_EQ("error", Get(kStorage, kStoragePath + "/device0", kDevice, "IsMounted"));
+
+    const std::string control = kHelm + ".Control";
+    EXPECT_EQ("s \"10.0.0.7\"", Get(kHelm, kHelmPath, control, "RemoteIP"));
+    ASSERT_EQ(0, Set(kHelm, kHelmPath, control, "RemoteDbusAddr", { "s", "abc123" }));
+    EXPECT_EQ("s \"abc123\"", Get(kHelm, kHelmPath, control, "RemoteDbusAddr"));
+    std::string managed;
+    ASSERT_EQ(
+        0, Call(kHelm, kHelmPath, "org.freedesktop.DBus.ObjectManager", "GetManagedObjects", {}, &managed));
+    for (const char* child : { "/reel\"", "/reel/firmware\"", "/reel/distance\"", "/power\"", "/cooling\"" })
+        EXPECT_NE(std::string::npos, managed.find(kHelmPath + child)) << child;
+
+    const std::string remote = "com.tarnwell.common.RemoteCamMonitor1",
+                      remotePath = "/com/tarnwell/common/RemoteCamMonitor1";
+    ASSERT_TRUE(WatchSignal(remote, remotePath, "org.freedesktop.DBus.Properties", "PropertiesChanged"));
+    ASSERT_EQ(0, Set(remote, remotePath, remote, "RemoteCameraReelSSE", { "s", "{\"count\":1.5}" }));
+    SdBusMessagePtr changed = WaitForMessage();
+    ASSERT_TRUE(changed);
+    EXPECT_EQ(remote + " RemoteCameraReelSSE s", FirstChange(changed.get()));
+    const char* text = nullptr;
+    ASSERT_GE(sd_bus_message_read(changed.get(), "v", "s", &text), 0);
+    EXPECT_STREQ("{\"count\":1.5}", text);
+
+    ASSERT_TRUE(AddMatch("type='signal',sender='com.tarnwell.common.Camd1',member='RawMotionData'"));
+    for (int i = 0; i < 3; ++i) {
+        SdBusMessagePtr sample = WaitForMessage();
+        ASSERT_TRUE(sample) << i;
+        EXPECT_EQ(kCamdPath + "/Camera0", sd_bus_message_get_path(sample.get()));
+    }
+
+    const std::string display = "com.tarnwell.common.Display1", displayPath = "/com/tarnwell/common/Display1";
+    EXPECT_EQ("u 0", Get(display, displayPath, kSim, "ResetCscCount"));
+    for (int i = 0; i < 2; ++i)
+        ASSERT_EQ(0, Call(display, displayPath, display + ".Control", "ResetCsc"));
+    EXPECT_EQ("u 2", Get(display, displayPath, kSim, "ResetCscCount"));
+    EXPECT_NE(0, Set(display, displayPath, kSim, "ResetCscCount", { "u", "7" }));
+    EXPECT_FALSE(StartPeer("display")); // already running
+    ASSERT_TRUE(StopPeer("display"));
+    SdBusError error;
+    sd_bus_message* raw = nullptr;
+    int r = sd_bus_call_method(Bus(), display.c_str(), displayPath.c_str(), (display + ".Control").c_str(),
+        "ResetCsc", error.Get(), &raw, "");
+    SdBusMessagePtr reply(raw);
+    EXPECT_LT(r, 0);
+    EXPECT_TRUE(sd_bus_error_has_name(error.Get(), "org.freedesktop.DBus.Error.ServiceUnknown"))
+        << error.Message();
+    EXPECT_NE(std::string::npos, ProgramLog("display").find("leaves com.tarnwell.common.Display1"));
 }
 
-TEST_F(Peers, SettingsPublishesEverySectionAndEveryKeyTheDaemonReadsWithItsType)
+// Writes of the right type are accepted and each announced; resets restore one key, one section or
+// everything.
+TEST_F(Peers, SettingsPublishesEveryKeyWithItsTypeAcceptsWritesAndResets)
 {
     ASSERT_TRUE(StartPeer("settings")) << LastError();
     for (const auto& section : VideodTest::SettingsSections())
@@ -121,20 +187,14 @@ TEST_F(Peers, SettingsPublishesEverySectionAndEveryKeyTheDaemonReadsWithItsType)
         }
     }
     EXPECT_EQ(52, checked);
-}
 
-TEST_F(Peers, SettingsAcceptsWritesOfTheRightTypeAndAnnouncesEach)
-{
-    ASSERT_TRUE(StartPeer("settings")) << LastError();
-    const std::string video = kSettingsPath + "/video";
+    const std::string video = kSettingsPath + "/video", overlay = kSettingsPath + "/overlay";
     ASSERT_TRUE(WatchSignal(kSettings, video, "org.freedesktop.DBus.Properties", "PropertiesChanged"));
-
     EXPECT_NE(0, Set(kSettings, video, kSettings, "sharpenAmount", { "u", "3" }));
     EXPECT_EQ("d 0.5", Get(kSettings, video, kSettings, "sharpenAmount"));
     ASSERT_EQ(0, Set(kSettings, video, kSettings, "sharpenAmount", { "d", "0.75" }));
     EXPECT_EQ("d 0.75", Get(kSettings, video, kSettings, "sharpenAmount"));
     ASSERT_EQ(0, Set(kSettings, video, kSettings, "sharpenAmount", { "d", "0.75" }));
-
     for (int i = 0; i < 2; ++i) { // the refused write announced nothing; both accepted ones did
         SdBusMessagePtr changed = WaitForMessage();
         ASSERT_TRUE(changed) << "PropertiesChanged " << i;
@@ -144,31 +204,24 @@ TEST_F(Peers, SettingsAcceptsWritesOfTheRightTypeAndAnnouncesEach)
         EXPECT_DOUBLE_EQ(0.75, value);
     }
     EXPECT_FALSE(WaitForMessage(200));
-}
 
-TEST_F(Peers, SettingsResetsOneKeyOneSectionOrEverything)
-{
-    ASSERT_TRUE(StartPeer("settings")) << LastError();
-    const std::string video = kSettingsPath + "/video";
-    const std::string overlay = kSettingsPath + "/overlay";
     ASSERT_EQ(0, Set(kSettings, video, kSettings, "sharpen", { "b", "true" }));
     ASSERT_EQ(0, Set(kSettings, video, kSettings, "dslZoomDelay", { "u", "5" }));
     ASSERT_EQ(0, Set(kSettings, overlay, kSettings, "mode", { "s", "off" }));
-    ASSERT_TRUE(WatchSignal(kSettings, video, "org.freedesktop.DBus.Properties", "PropertiesChanged"));
-
     ASSERT_EQ(0, Call(kSettings, kSettingsPath, kSettings, "ResetSetting", { "ss", "video", "sharpen" }));
+    // Both writes of the video section, then the reset, are announced.
+    for (const char* change : { " sharpen b", " dslZoomDelay u", " sharpen b" }) {
+        SdBusMessagePtr changed = WaitForMessage();
+        ASSERT_TRUE(changed) << change;
+        EXPECT_EQ(kSettings + change, FirstChange(changed.get()));
+    }
     EXPECT_EQ("b false", Get(kSettings, video, kSettings, "sharpen"));
     EXPECT_EQ("u 5", Get(kSettings, video, kSettings, "dslZoomDelay"));
-    SdBusMessagePtr changed = WaitForMessage();
-    ASSERT_TRUE(changed);
-    EXPECT_EQ(kSettings + " sharpen b", FirstChange(changed.get()));
-
     ASSERT_EQ(0, Call(kSettings, kSettingsPath, kSettings, "ResetSection", { "s", "video" }));
     EXPECT_EQ("u 1000", Get(kSettings, video, kSettings, "dslZoomDelay"));
     EXPECT_EQ("s \"off\"", Get(kSettings, overlay, kSettings, "mode"));
     ASSERT_EQ(0, Call(kSettings, kSettingsPath, kSettings, "ResetToDefaults", { "b", "true" }));
     EXPECT_EQ("s \"display\"", Get(kSettings, overlay, kSettings, "mode"));
-
     EXPECT_NE(0, Call(kSettings, kSettingsPath, kSettings, "ResetSection", { "s", "nosuchsection" }));
     EXPECT_NE(0, Call(kSettings, kSettingsPath, kSettings, "ResetSetting", { "ss", "video", "nosuchkey" }));
 }
@@ -179,95 +232,6 @@ TEST_F(Peers, SettingsCanLeaveKeysOut)
     ASSERT_TRUE(StartPeer("settings", { "--without", "video/sharpen" })) << LastError();
     EXPECT_EQ("error", Get(kSettings, kSettingsPath + "/video", kSettings, "sharpen"));
     EXPECT_EQ("d 0.5", Get(kSettings, kSettingsPath + "/video", kSettings, "sharpenAmount"));
-}
-
-// Device properties, write activity and formatting are checked through the storage client.
-// The added and removed signals themselves are checked by the storage client and helper library tests.
-TEST_F(Peers, StorageMovesThePrimaryDeviceWhenItGoes)
-{
-    const std::string sd = TempDir() + "/sd";
-    ASSERT_EQ(0, mkdir(sd.c_str(), 0755));
-    ASSERT_TRUE(StartPeer("storage", { sd })) << LastError();
-    ASSERT_EQ(0, Call(kStorage, kStoragePath, kSim, "AddDevice", { "ss", "extra", TempDir() }));
-    EXPECT_EQ("as 2 \"" + kStoragePath + "/device0\" \"" + kStoragePath + "/extra\"",
-        Get(kStorage, kStoragePath, kStorage, "AvailableDevices"));
-    ASSERT_EQ(0, Call(kStorage, kStoragePath, kSim, "RemoveDevice", { "s", "device0" }));
-    EXPECT_EQ("s \"" + kStoragePath + "/extra\"", Get(kStorage, kStoragePath, kStorage, "PrimaryDevice"));
-    EXPECT_EQ("error", Get(kStorage, kStoragePath + "/device0", kDevice, "IsMounted"));
-}
-
-TEST_F(Peers, StorageRefusesToStartWithoutAnExistingDirectory)
-{
-    EXPECT_FALSE(StartPeer("storage", { TempDir() + "/missing" }));
-    EXPECT_NE(std::string::npos, LastError().find("No directory")) << LastError();
-}
-
-// Video status, reel counting and the camera daemon's objects are checked through their clients.
-TEST_F(Peers, HelmPublishesItsObjectsAndKeepsRemoteCredentials)
-{
-    ASSERT_TRUE(StartPeer("helm", { "--remote-ip", "10.0.0.7" })) << LastError();
-    const std::string control = kHelm + ".Control";
-    EXPECT_EQ("s \"10.0.0.7\"", Get(kHelm, kHelmPath, control, "RemoteIP"));
-    ASSERT_EQ(0, Set(kHelm, kHelmPath, control, "RemoteDbusAddr", { "s", "abc123" }));
-    EXPECT_EQ("s \"abc123\"", Get(kHelm, kHelmPath, control, "RemoteDbusAddr"));
-    std::string managed;
-    ASSERT_EQ(
-        0, Call(kHelm, kHelmPath, "org.freedesktop.DBus.ObjectManager", "GetManagedObjects", {}, &managed));
-    for (const char* child : { "/reel\"", "/reel/firmware\"", "/reel/distance\"", "/power\"", "/cooling\"" })
-        EXPECT_NE(std::string::npos, managed.find(kHelmPath + child)) << child;
-}
-
-TEST_F(Peers, CamdSendsMotionSamplesPeriodicallyFromTheActiveCamera)
-{
-    ASSERT_TRUE(StartPeer("camd", { "--motion-period-ms", "20" })) << LastError();
-    ASSERT_TRUE(AddMatch("type='signal',sender='com.tarnwell.common.Camd1',member='RawMotionData'"));
-    for (int i = 0; i < 3; ++i) {
-        SdBusMessagePtr sample = WaitForMessage();
-        ASSERT_TRUE(sample) << i;
-        EXPECT_EQ(kCamdPath + "/Camera0", sd_bus_message_get_path(sample.get()));
-    }
-}
-
-TEST_F(Peers, DisplayCountsResetCscCallsInAReadableProperty)
-{
-    ASSERT_TRUE(StartPeer("display")) << LastError();
-    const std::string service = "com.tarnwell.common.Display1", object = "/com/tarnwell/common/Display1";
-    EXPECT_EQ("u 0", Get(service, object, kSim, "ResetCscCount"));
-    for (int i = 0; i < 2; ++i)
-        ASSERT_EQ(0, Call(service, object, service + ".Control", "ResetCsc"));
-    EXPECT_EQ("u 2", Get(service, object, kSim, "ResetCscCount"));
-    EXPECT_NE(0, Set(service, object, kSim, "ResetCscCount", { "u", "7" }));
-}
-
-TEST_F(Peers, RemoteCameraMonitorAnnouncesReelEvents)
-{
-    ASSERT_TRUE(StartPeer("remotecam")) << LastError();
-    const std::string service = "com.tarnwell.common.RemoteCamMonitor1",
-                      object = "/com/tarnwell/common/RemoteCamMonitor1";
-    ASSERT_TRUE(WatchSignal(service, object, "org.freedesktop.DBus.Properties", "PropertiesChanged"));
-    ASSERT_EQ(0, Set(service, object, service, "RemoteCameraReelSSE", { "s", "{\"count\":1.5}" }));
-    SdBusMessagePtr changed = WaitForMessage();
-    ASSERT_TRUE(changed);
-    EXPECT_EQ(service + " RemoteCameraReelSSE s", FirstChange(changed.get()));
-    const char* text = nullptr;
-    ASSERT_GE(sd_bus_message_read(changed.get(), "v", "s", &text), 0);
-    EXPECT_STREQ("{\"count\":1.5}", text);
-}
-
-TEST_F(Peers, AStoppedPeerReleasesItsNameAndCallsFailQuickly)
-{
-    ASSERT_TRUE(StartPeer("display")) << LastError();
-    EXPECT_FALSE(StartPeer("display")); // already running
-    ASSERT_TRUE(StopPeer("display"));
-    SdBusError error;
-    sd_bus_message* raw = nullptr;
-    int r = sd_bus_call_method(Bus(), "com.tarnwell.common.Display1", "/com/tarnwell/common/Display1",
-        "com.tarnwell.common.Display1.Control", "ResetCsc", error.Get(), &raw, "");
-    SdBusMessagePtr reply(raw);
-    EXPECT_LT(r, 0);
-    EXPECT_TRUE(sd_bus_error_has_name(error.Get(), "org.freedesktop.DBus.Error.ServiceUnknown"))
-        << error.Message();
-    EXPECT_NE(std::string::npos, PeerLog("display").find("leaves com.tarnwell.common.Display1"));
 }
 
 } // namespace
