@@ -18,15 +18,16 @@ namespace
 {
 
 // One row per element: the properties the daemon sets or reads, by how it uses them. Each is
-// "name:type", with "=initial" (as g_strdup_value_contents prints a new element's value) or "[min,max]"
-// where the daemon relies on it. Types: b boolean, i int, u uint, t uint64, d double, s string, f fraction,
-// e any enum (set and read as an int).
+// "name:type", with "=initial" (as g_strdup_value_contents prints a new element's value; an enum's nick)
+// or "[min,max]" where the daemon relies on it, and an enum's nicks by value "{a,b}". Types: b boolean,
+// i int, u uint, t uint64, d double, s string, f fraction, e enum (set and read as an int).
 struct StandIn {
     const char* factory;
     const char* live; // read and written, also while playing
     const char* settable = ""; // read and written, at least before playing
     const char* readOnly = "";
     const char* writeOnly = ""; // also while playing
+    const char* writeOnlyIdle = ""; // at least before playing
 };
 
 const StandIn kStandIns[] = {
@@ -41,7 +42,8 @@ const StandIn kStandIns[] = {
     { "tarnwell-valve", "num-buffers-pass:u" },
     { "tarnwell-motion-filter", "roll-filter-coeffs:s" },
     { "imxv4l2videosrc", "", "crop-meta-x:i crop-meta-y:i crop-meta-width:i crop-meta-height:i fps:f" },
-    { "imxipuvideotransform", "", "deinterlace:b deinterlace-method:e input-crop:b" },
+    { "imxipuvideotransform", "",
+        "deinterlace:b deinterlace-method:e{low-motion,high-motion,medium-motion}=high-motion input-crop:b" },
     { "imxipuvideosink", "drop-frames:b=FALSE",
         "use-vsync:b=FALSE force-aspect-ratio:b=TRUE qos:b=TRUE output-rotation:i",
         "frames-shown:t frames-dropped:t" },
@@ -57,6 +59,12 @@ const StandIn kStandIns[] = {
         "dsl-hysteresis:u pan-x:d pan-y:d sharpen:b sharpen-amount:d dsl-auto-zoom-override:b",
         "", "max-dsl-zoom:d pan-x-min:d pan-x-max:d pan-y-min:d pan-y-max:d" },
     { "rsvgoverlaytarnwell", "data:s enabled:b fit-to-frame:b" },
+    // As the board's interpipe: the sink with appsink's defaults, write-only settings.
+    { "interpipesink", "", "sync:b=FALSE drop:b=TRUE max-buffers:u=3", "num-listeners:u", "",
+        "forward-eos:b forward-events:b" },
+    { "interpipesrc", "", "listen-to:s format:e=bytes", "", "",
+        "block-switch:b allow-renegotiation:b accept-events:b accept-eos-event:b "
+        "stream-sync:e{restart-ts,passthrough-ts,compensate-ts}=passthrough-ts" },
 };
 
 GType TypeOf(char letter)
@@ -77,13 +85,33 @@ std::pair<gint64, gint64> Limits(GParamSpec* param)
     return { 0, 0 };
 }
 
+// The value as g_strdup_value_contents prints it, an enum's as its nick; a write-only one's default.
 std::string Contents(GstElement* element, GParamSpec* param)
 {
     g_auto(GValue) value = G_VALUE_INIT;
     g_value_init(&value, param->value_type);
-    g_object_get_property(G_OBJECT(element), param->name, &value);
+    if (param->flags & G_PARAM_READABLE)
+        g_object_get_property(G_OBJECT(element), param->name, &value);
+    else
+        g_param_value_set_default(param, &value);
+    if (G_IS_PARAM_SPEC_ENUM(param)) {
+        GEnumValue* entry = g_enum_get_value(G_PARAM_SPEC_ENUM(param)->enum_class, g_value_get_enum(&value));
+        return entry ? entry->value_nick : "";
+    }
     g_autofree gchar* text = g_strdup_value_contents(&value);
     return text;
+}
+
+// An enum's nicks, by value from 0, as "{a,b,c}".
+std::string Nicks(GParamSpec* param)
+{
+    GEnumClass* values = G_PARAM_SPEC_ENUM(param)->enum_class;
+    std::string nicks;
+    for (guint i = 0; i < values->n_values; ++i) {
+        GEnumValue* entry = g_enum_get_value(values, static_cast<gint>(i));
+        nicks += std::string(i ? "," : "{") + (entry ? entry->value_nick : "?");
+    }
+    return nicks + "}";
 }
 
 struct Access {
@@ -99,14 +127,19 @@ void ExpectProperty(GstElement* element, const std::string& use, Access access)
     GParamSpec* param
         = g_object_class_find_property(G_OBJECT_GET_CLASS(element), use.substr(0, colon).c_str());
     ASSERT_NE(param, nullptr);
-    if (use[colon + 1] == 'e')
-        EXPECT_TRUE(G_TYPE_IS_ENUM(G_PARAM_SPEC_VALUE_TYPE(param)));
-    else
+    std::string rest = use.substr(colon + 2);
+    if (use[colon + 1] == 'e') {
+        ASSERT_TRUE(G_IS_PARAM_SPEC_ENUM(param));
+        if (!rest.empty() && rest[0] == '{') {
+            EXPECT_EQ(Nicks(param), rest.substr(0, rest.find('}') + 1));
+            rest = rest.substr(rest.find('}') + 1);
+        }
+    } else {
         EXPECT_EQ(G_PARAM_SPEC_VALUE_TYPE(param), TypeOf(use[colon + 1]));
+    }
     EXPECT_EQ((param->flags & G_PARAM_READABLE) != 0, access.readable);
     EXPECT_EQ((param->flags & G_PARAM_WRITABLE) != 0, access.writable);
     EXPECT_TRUE(!access.whilePlaying || (param->flags & GST_PARAM_MUTABLE_PLAYING));
-    const std::string rest = use.substr(colon + 2);
     if (!rest.empty() && rest[0] == '=') {
         EXPECT_EQ(Contents(element, param), rest.substr(1));
     }
@@ -125,7 +158,7 @@ TEST(StandInElements, HaveEveryPropertyTheDaemonUsesWithItsTypeAccessAndRange)
         ASSERT_NE(element, nullptr) << standIn.factory;
         const std::pair<const char*, Access> uses[] = { { standIn.live, { true, true, true } },
             { standIn.settable, { true, true, false } }, { standIn.readOnly, { true, false, false } },
-            { standIn.writeOnly, { false, true, true } } };
+            { standIn.writeOnly, { false, true, true } }, { standIn.writeOnlyIdle, { false, true, false } } };
         for (const auto& [list, access] : uses) {
             std::istringstream words(list);
             for (std::string use; words >> use;)

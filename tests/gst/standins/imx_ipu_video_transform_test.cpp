@@ -153,22 +153,3 @@ TEST(ImxIpuVideoTransform, EqualCapsPassFramesThroughUntouchedUnlessCropping)
         EXPECT_EQ(gst_sample_get_buffer(out.get()) == frame, !crop) << "input-crop " << crop;
     }
 }
-
-TEST(ImxIpuVideoTransform, DeinterlaceMethodIsAnEnumOfLowHighAndMediumMotionStartingAtHighMotion)
-{
-    GstPtr<GstElement> transform = MakeElement("imxipuvideotransform");
-    ASSERT_NE(transform, nullptr);
-    GParamSpec* param
-        = g_object_class_find_property(G_OBJECT_GET_CLASS(transform.get()), "deinterlace-method");
-    ASSERT_TRUE(param != nullptr && G_IS_PARAM_SPEC_ENUM(param));
-    GEnumClass* methods = G_PARAM_SPEC_ENUM(param)->enum_class;
-    std::vector<std::pair<gint, std::string>> values;
-    for (guint i = 0; i < methods->n_values; ++i)
-        values.emplace_back(methods->values[i].value, methods->values[i].value_nick);
-    EXPECT_EQ(values,
-        (std::vector<std::pair<gint, std::string>> {
-            { 0, "low-motion" }, { 1, "high-motion" }, { 2, "medium-motion" } }));
-    gint method = -1;
-    g_object_get(transform.get(), "deinterlace-method", &method, nullptr);
-    EXPECT_EQ(method, 1);
-}

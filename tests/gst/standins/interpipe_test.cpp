@@ -265,58 +265,6 @@ TEST(InterpipeRouting, ManyListenersShareTheProducersBuffersWithoutCopies)
     EXPECT_EQ(gst_sample_get_buffer(a.get()), gst_sample_get_buffer(b.get()));
 }
 
-// The properties as the board's elements have them: the sink's appsink
-// defaults, write-only settings, the stream-sync numbering, appsrc's format.
-TEST(InterpipeProperties, DefaultsFlagsAndNumberingAreThoseOfTheBoardsElements)
-{
-    GstPtr<GstElement> sink = MakeElement("interpipesink");
-    GstPtr<GstElement> src = MakeElement("interpipesrc");
-    ASSERT_TRUE(sink && src);
-    gboolean sync = TRUE, drop = FALSE;
-    guint maxBuffers = 0;
-    g_object_get(sink.get(), "sync", &sync, "drop", &drop, "max-buffers", &maxBuffers, nullptr);
-    EXPECT_FALSE(sync);
-    EXPECT_TRUE(drop);
-    EXPECT_EQ(maxBuffers, 3u);
-    GstFormat format = GST_FORMAT_UNDEFINED;
-    g_object_get(src.get(), "format", &format, nullptr);
-    EXPECT_EQ(format, GST_FORMAT_BYTES);
-
-    const struct {
-        GstElement* element;
-        const char* property;
-        bool readable;
-    } rows[] = {
-        { sink.get(), "forward-eos", false },
-        { sink.get(), "forward-events", false },
-        { sink.get(), "num-listeners", true },
-        { src.get(), "listen-to", true },
-        { src.get(), "block-switch", false },
-        { src.get(), "allow-renegotiation", false },
-        { src.get(), "stream-sync", false },
-        { src.get(), "accept-events", false },
-        { src.get(), "accept-eos-event", false },
-    };
-    for (const auto& row : rows) {
-        GParamSpec* pspec = g_object_class_find_property(G_OBJECT_GET_CLASS(row.element), row.property);
-        ASSERT_TRUE(pspec) << row.property;
-        EXPECT_EQ((pspec->flags & G_PARAM_READABLE) != 0, row.readable) << row.property;
-        EXPECT_EQ((pspec->flags & G_PARAM_WRITABLE) != 0, row.property != std::string("num-listeners"))
-            << row.property;
-    }
-
-    GParamSpec* streamSync = g_object_class_find_property(G_OBJECT_GET_CLASS(src.get()), "stream-sync");
-    ASSERT_TRUE(G_IS_PARAM_SPEC_ENUM(streamSync));
-    GEnumClass* values = G_PARAM_SPEC_ENUM(streamSync)->enum_class;
-    const char* nicks[] = { "restart-ts", "passthrough-ts", "compensate-ts" };
-    for (gint value = 0; value < 3; ++value) {
-        GEnumValue* entry = g_enum_get_value(values, value);
-        ASSERT_TRUE(entry) << value;
-        EXPECT_STREQ(entry->value_nick, nicks[value]);
-    }
-    EXPECT_EQ(G_PARAM_SPEC_ENUM(streamSync)->default_value, 1);
-}
-
 // Each event kind sent into the producer's sink pad, then a frame: a
 // listener sees every kind but caps and end-of-stream when the producer
 // forwards events and it accepts them, and none otherwise; end-of-stream
