@@ -23,8 +23,6 @@ namespace
 class GpuPipelineTest : public ::testing::Test
 {
 protected:
-    static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
-
     void Launch() { ASSERT_TRUE(gpu.Launch(false, false, false)); }
 
     // A new reference to an element of the launched pipeline.
@@ -42,8 +40,7 @@ protected:
     LogCapture log;
 };
 
-// A GPU pipeline whose description is replaced, to reach Launch's failure
-// paths.
+// A GPU pipeline whose description is replaced, to reach Launch's failure paths.
 class GpuPipelineWithDescription : public GpuPipeline
 {
 public:
@@ -59,20 +56,16 @@ private:
 
 } // namespace
 
-TEST_F(GpuPipelineTest, ConnectsTwoInterpipeEndsAndWatchesItsQueuesAndItsOutput)
+// Before the launch every setter fails with the missing pipeline's message; a description without a
+// pipeline or without the levelling element cannot launch; launched, the probe's pad exists.
+TEST_F(GpuPipelineTest, ConnectsItsEndsAndWatchesItsQueuesAndOutputButNeedsAPipelineAndALevellingElement)
 {
     EXPECT_EQ(gpu.GetSourceName(), "gpu_source");
     EXPECT_EQ(gpu.GetSinkName(), "gpu_sink");
     const auto& queues = gpu.GetQueueStates();
     EXPECT_EQ(queues.size(), 2u);
     EXPECT_EQ(queues.count("gpu_input_queue") + queues.count("gpu_output_queue"), 2u);
-    Launch();
-    EXPECT_EQ(gpu.AttachProbes(), 0) << "the probe's pad exists";
-    EXPECT_EQ(gpu.GetProbeRates().count("gpu"), 1u);
-}
 
-TEST_F(GpuPipelineTest, SettersBeforeLaunchFailWithThePipelineMessage)
-{
     EXPECT_EQ(gpu.SetZoom(2.0), -1);
     EXPECT_TRUE(
         log.Contains(kError, "int VideoDaemon::GpuPipeline::SetZoom(double): pipeline == NULL (gpu)"));
@@ -85,9 +78,8 @@ TEST_F(GpuPipelineTest, SettersBeforeLaunchFailWithThePipelineMessage)
         "(motion_filter)"));
     EXPECT_EQ(gpu.GetZoom(), 0.0);
     EXPECT_TRUE(log.Contains(kError, "double VideoDaemon::GpuPipeline::GetZoom(): pipeline == NULL (gpu)"));
-
-    // The sharpening setters name the levelling element in their second
-    // line even though they write to the tiling element.
+    // The sharpening setters name the levelling element in their second line even though they write to the
+    // tiling element.
     log.Clear();
     EXPECT_EQ(gpu.SetImageSharpen(true), -1);
     const std::vector<std::pair<int, std::string>> expected {
@@ -101,7 +93,6 @@ TEST_F(GpuPipelineTest, SettersBeforeLaunchFailWithThePipelineMessage)
     EXPECT_EQ(gpu.SetImageSharpenAmount(0.5), -1);
     EXPECT_EQ(gpu.SetDslAutoZoomOverride(true), -1);
     EXPECT_EQ(log.Count(kError, "[GPU pipeline] Somehow DSL plugin is NULL"), 4u);
-
     EXPECT_FALSE(gpu.EnablePlumblineSignals(true));
     EXPECT_FALSE(gpu.SetDslAnimationDuration(100));
     EXPECT_FALSE(gpu.SetDslBackgroundMode(1));
@@ -109,17 +100,40 @@ TEST_F(GpuPipelineTest, SettersBeforeLaunchFailWithThePipelineMessage)
     EXPECT_EQ(gpu.SetPanX(0.1), -1);
     EXPECT_EQ(gpu.SetDslHysteresis(3), -1);
     EXPECT_FALSE(gpu.GetRotationEnabled());
+
+    GpuPipelineWithDescription broken("no_such_element_anywhere");
+    EXPECT_FALSE(broken.Launch(false, false, false));
+    EXPECT_TRUE(
+        log.Contains(kError, "virtual bool VideoDaemon::GpuPipeline::Launch(bool, bool, bool): !pipeline"));
+    GpuPipelineWithDescription without_dsl("videotestsrc ! tarnwell-tiling name=gpu ! fakesink");
+    EXPECT_FALSE(without_dsl.Launch(false, false, false));
+    EXPECT_TRUE(log.Contains(
+        kError, "virtual bool VideoDaemon::GpuPipeline::Launch(bool, bool, bool): element == NULL (dsl)"));
+    EXPECT_EQ(
+        log.Lines().back(), std::make_pair(int(kError), std::string("[GPU Pipeline]: DSL plugin is NULL")));
+
+    Launch();
+    EXPECT_EQ(gpu.AttachProbes(), 0) << "the probe's pad exists";
+    EXPECT_EQ(gpu.GetProbeRates().count("gpu"), 1u);
 }
 
-TEST_F(GpuPipelineTest, ZoomsAreCheckedAgainstTheirRangesAndTheDslRangeIsWiderThanItsMessage)
+// Each setter reaches its element within its range; sharpening is written to the tiling element but read
+// from the levelling one; every launch applies the default zoom.
+TEST_F(GpuPipelineTest, SettersReachTheirElementsWithinTheirRanges)
 {
+    gpu.SetZoomLevels({ 2.0f, 1.0f, 4.0f });
     Launch();
+    EXPECT_DOUBLE_EQ(gpu.GetZoom(), 2.0);
+    ASSERT_EQ(gpu.SetZoom(3.0), 0);
+    Launch();
+    EXPECT_DOUBLE_EQ(gpu.GetZoom(), 2.0) << "a relaunch applies the default zoom";
+
     // The levelling zoom accepts down to 0.95 though its message names .99.
     const struct {
         int (GpuPipeline::*set)(double);
         double value;
         const char* warning;
-    } rows[] = {
+    } zooms[] = {
         { &GpuPipeline::SetZoom, 1.0, nullptr },
         { &GpuPipeline::SetZoom, 0.99, "Zoom value of 0.990000 is out of range (1.000000 - 4.000000)" },
         { &GpuPipeline::SetZoom, 4.01, "Zoom value of 4.010000 is out of range (1.000000 - 4.000000)" },
@@ -129,7 +143,7 @@ TEST_F(GpuPipelineTest, ZoomsAreCheckedAgainstTheirRangesAndTheDslRangeIsWiderTh
         { &GpuPipeline::SetDslMaxZoomIn, 1.76, "Zoom value of 1.760000 is out of range (.99 - 1.75)" },
         { &GpuPipeline::SetDslMaxZoomIn, 1.75, nullptr },
     };
-    for (const auto& row : rows) {
+    for (const auto& row : zooms) {
         log.Clear();
         EXPECT_EQ((gpu.*row.set)(row.value), row.warning ? -1 : 0) << row.value;
         EXPECT_TRUE(!row.warning || log.Contains(kWarning, row.warning)) << row.value;
@@ -143,11 +157,23 @@ TEST_F(GpuPipelineTest, ZoomsAreCheckedAgainstTheirRangesAndTheDslRangeIsWiderTh
     EXPECT_DOUBLE_EQ(gpu.GetDslMaxZoomIn(), 1.75);
     EXPECT_DOUBLE_EQ(gpu.GetZoomMin(), 1.0);
     EXPECT_DOUBLE_EQ(gpu.GetZoomMax(), 4.0);
-}
 
-TEST_F(GpuPipelineTest, RotationSettingsBeyondTheirLimitsChangeNothing)
-{
-    Launch();
+    // Zoom levels need exactly three values.
+    log.Clear();
+    gpu.SetZoomLevels({ 1.5f, 1.0f });
+    gpu.SetZoomLevels({ 1.5f, 1.0f, 4.0f, 5.0f });
+    EXPECT_DOUBLE_EQ(gpu.GetZoom(), 4.0);
+    EXPECT_DOUBLE_EQ(gpu.GetZoomMax(), 4.0);
+    EXPECT_TRUE(log.Lines().empty());
+    gpu.SetZoomLevels({ 1.5f, 1.25f, 8.0f });
+    EXPECT_DOUBLE_EQ(gpu.GetZoom(), 1.5);
+    EXPECT_DOUBLE_EQ(gpu.GetZoomMin(), 1.25);
+    EXPECT_DOUBLE_EQ(gpu.GetZoomMax(), 8.0);
+    EXPECT_EQ(gpu.SetZoom(6.0), 0);
+    EXPECT_EQ(gpu.SetZoom(1.0), -1);
+
+    // Rotation settings beyond their limits change nothing.
+    log.Clear();
     for (guint over : { 0u, 1u }) {
         gpu.SetRotationSteps(2 + over);
         gpu.SetRotationThreshold(30 + over);
@@ -162,22 +188,16 @@ TEST_F(GpuPipelineTest, RotationSettingsBeyondTheirLimitsChangeNothing)
         { kWarning, "Rotation num frames has max value 240, attempted to set:241" },
     };
     EXPECT_EQ(log.Lines(), warnings);
-}
 
-TEST_F(GpuPipelineTest, SettersReachTheirElements)
-{
-    Launch();
     gpu.SetRotationEnabled(true);
     EXPECT_TRUE(gpu.GetRotationEnabled());
     gpu.SetRotationOverrideAngle(-90);
     EXPECT_EQ(gpu.GetRotationOverrideAngle(), -90);
-
     gpu.SetRollFilterCoeffs("1 2 1");
     gpu.SetRollFilterCoeffs("");
     EXPECT_TRUE(log.Contains(kWarning, "Roll filter coefficients string empty"));
     g_autofree gchar* coeffs = Read<gchar*>("motion_filter", "roll-filter-coeffs");
     EXPECT_STREQ(coeffs, "1 2 1");
-
     // Every property here is a 32-bit integer or boolean.
     const struct {
         std::function<bool()> set;
@@ -198,11 +218,7 @@ TEST_F(GpuPipelineTest, SettersReachTheirElements)
         EXPECT_EQ(Read<guint>(row.element, row.property), row.value) << row.property;
     }
     EXPECT_TRUE(log.Contains(kInfo, "[GPU pipeline] Set 'Plumbline': [Enabled]"));
-}
 
-TEST_F(GpuPipelineTest, SharpeningIsWrittenToTilingButReadFromLevelling)
-{
-    Launch();
     EXPECT_EQ(gpu.SetImageSharpen(true), 0);
     EXPECT_EQ(gpu.SetImageSharpenAmount(2.5), 0);
     EXPECT_EQ(gpu.SetDslAutoZoomOverride(true), 0);
@@ -212,8 +228,6 @@ TEST_F(GpuPipelineTest, SharpeningIsWrittenToTilingButReadFromLevelling)
     EXPECT_TRUE(Read<gboolean>("gpu", "sharpen"));
     EXPECT_DOUBLE_EQ(Read<double>("gpu", "sharpen-amount"), 2.5);
     EXPECT_TRUE(Read<gboolean>("gpu", "dsl-auto-zoom-override"));
-
-    // The getters report what the levelling element holds.
     EXPECT_DOUBLE_EQ(gpu.GetImageSharpen(), 0.0);
     EXPECT_DOUBLE_EQ(gpu.GetImageSharpenAmount(), Read<double>("dsl", "sharpen-amount"));
     EXPECT_FALSE(gpu.GetDslAutoZoomOverride());
@@ -222,30 +236,6 @@ TEST_F(GpuPipelineTest, SharpeningIsWrittenToTilingButReadFromLevelling)
     EXPECT_DOUBLE_EQ(gpu.GetImageSharpen(), 1.0);
     EXPECT_DOUBLE_EQ(gpu.GetImageSharpenAmount(), 4.0);
     EXPECT_TRUE(gpu.GetDslAutoZoomOverride());
-}
-
-TEST_F(GpuPipelineTest, EveryLaunchAppliesTheDefaultZoomAndLevelsNeedExactlyThreeValues)
-{
-    gpu.SetZoomLevels({ 2.0f, 1.0f, 4.0f });
-    Launch();
-    EXPECT_DOUBLE_EQ(gpu.GetZoom(), 2.0);
-    ASSERT_EQ(gpu.SetZoom(3.0), 0);
-    Launch();
-    EXPECT_DOUBLE_EQ(gpu.GetZoom(), 2.0);
-
-    log.Clear();
-    gpu.SetZoomLevels({ 1.5f, 1.0f });
-    gpu.SetZoomLevels({ 1.5f, 1.0f, 4.0f, 5.0f });
-    EXPECT_DOUBLE_EQ(gpu.GetZoom(), 2.0);
-    EXPECT_DOUBLE_EQ(gpu.GetZoomMax(), 4.0);
-    EXPECT_TRUE(log.Lines().empty());
-
-    gpu.SetZoomLevels({ 1.5f, 1.25f, 8.0f });
-    EXPECT_DOUBLE_EQ(gpu.GetZoom(), 1.5);
-    EXPECT_DOUBLE_EQ(gpu.GetZoomMin(), 1.25);
-    EXPECT_DOUBLE_EQ(gpu.GetZoomMax(), 8.0);
-    EXPECT_EQ(gpu.SetZoom(6.0), 0);
-    EXPECT_EQ(gpu.SetZoom(1.0), -1);
 }
 
 TEST_F(GpuPipelineTest, LevellingSignalsAreRelayedOnTheMainLoopAndThePlumblineIsNeverDisconnected)
@@ -292,21 +282,6 @@ TEST_F(GpuPipelineTest, LevellingSignalsAreRelayedOnTheMainLoopAndThePlumblineIs
         EXPECT_EQ(data.size(), row.reports) << "enable " << row.enable;
     }
     EXPECT_EQ(data.at(0), (std::array<double, 5> { 1.0, 2.0, 3.0, 4.0, 5.0 }));
-}
-
-TEST_F(GpuPipelineTest, LaunchFailsWithoutAPipelineOrALevellingElement)
-{
-    GpuPipelineWithDescription broken("no_such_element_anywhere");
-    EXPECT_FALSE(broken.Launch(false, false, false));
-    EXPECT_TRUE(
-        log.Contains(kError, "virtual bool VideoDaemon::GpuPipeline::Launch(bool, bool, bool): !pipeline"));
-
-    GpuPipelineWithDescription without_dsl("videotestsrc ! tarnwell-tiling name=gpu ! fakesink");
-    EXPECT_FALSE(without_dsl.Launch(false, false, false));
-    EXPECT_TRUE(log.Contains(
-        kError, "virtual bool VideoDaemon::GpuPipeline::Launch(bool, bool, bool): element == NULL (dsl)"));
-    EXPECT_EQ(
-        log.Lines().back(), std::make_pair(int(kError), std::string("[GPU Pipeline]: DSL plugin is NULL")));
 }
 
 TEST_F(GpuPipelineTest, ZoomAndPanCropTheLivePicture)

@@ -76,7 +76,7 @@ void Handoff(GstElement* tap)
 
 } // namespace
 
-TEST(Pipeline, RelaunchBuildsANewPipelineAndEmptyDescriptionKeepsTheOldOne)
+TEST(Pipeline, RelaunchBuildsANewPipelineAndEmptyBlankOrFaultyDescriptionsLaunchNothing)
 {
     DescribedPipeline pipeline("fakesrc name=src num-buffers=5 ! fakesink name=sink");
     ASSERT_TRUE(pipeline.Launch(false, false, false));
@@ -93,19 +93,16 @@ TEST(Pipeline, RelaunchBuildsANewPipelineAndEmptyDescriptionKeepsTheOldOne)
     pipeline.SetDescription("");
     EXPECT_FALSE(pipeline.Launch(false, false, false));
     EXPECT_EQ(pipeline.GetPipeline(), second);
-}
 
-TEST(Pipeline, EmptyBlankOrFaultyDescriptionsCannotLaunchNorChangeState)
-{
     // An unknown property is a recoverable error: gst_parse_launch returns
     // a pipeline and an error. It still counts as a failure.
     for (const char* description :
         { "", "      ", "fakesrc no-such-property=1 ! fakesink", "no_such_element_here ! fakesink" }) {
-        DescribedPipeline pipeline(description);
-        EXPECT_FALSE(pipeline.Launch(true, true, true)) << description;
-        EXPECT_EQ(pipeline.GetPipeline(), nullptr) << description;
-        EXPECT_EQ(pipeline.SetState(GST_STATE_PLAYING), -1) << description;
-        EXPECT_EQ(pipeline.GetState(), GST_STATE_NULL) << description;
+        DescribedPipeline faulty(description);
+        EXPECT_FALSE(faulty.Launch(true, true, true)) << description;
+        EXPECT_EQ(faulty.GetPipeline(), nullptr) << description;
+        EXPECT_EQ(faulty.SetState(GST_STATE_PLAYING), -1) << description;
+        EXPECT_EQ(faulty.GetState(), GST_STATE_NULL) << description;
     }
 
     DescribedPipeline collapsed("fakesrc     name=\"two    blanks\"    !      fakesink");
@@ -113,7 +110,7 @@ TEST(Pipeline, EmptyBlankOrFaultyDescriptionsCannotLaunchNorChangeState)
     EXPECT_NE(ElementOf(collapsed, "two blanks"), nullptr) << "runs of blanks collapse even inside quotes";
 }
 
-TEST(Pipeline, InitializeLaunchesWithTheBusWatchedAndOnlyTheMetricsAskedForAndReturnsOneOrZero)
+TEST(Pipeline, InitializeLaunchesWithTheBusWatchedAndOnlyTheMetricsAskedForAndReportsQueuesItCannotWatch)
 {
     // The missing pad and queue make each metric's set-up visible in the log.
     const std::string probe_line = "pad == NULL (sink.no_such_pad)";
@@ -142,10 +139,8 @@ TEST(Pipeline, InitializeLaunchesWithTheBusWatchedAndOnlyTheMetricsAskedForAndRe
     DescribedPipeline faulty("no_such_element_here ! fakesink");
     EXPECT_EQ(0, faulty.Initialize(Pipeline::LaunchFlags()));
     EXPECT_EQ(nullptr, faulty.GetPipeline());
-}
 
-TEST(Pipeline, MonitoredQueuesThatCannotBeConnectedAreReportedAndTheOthersConnected)
-{
+    // Monitored queues that cannot be connected are reported, the others connected.
     LogCapture log;
     DescribedPipeline failed("no_such_element_here ! queue name=q ! fakesink");
     failed.MonitorQueue("q");
@@ -164,7 +159,7 @@ TEST(Pipeline, MonitoredQueuesThatCannotBeConnectedAreReportedAndTheOthersConnec
     EXPECT_FALSE(log.ContainsText("'present' failed"));
 }
 
-TEST(Pipeline, AsynchronousChangeReturnsAtOnceOrWaitsForTheState)
+TEST(Pipeline, StateChangesReturnAtOnceOrWaitAndFailuresAreLoggedWithTheStateReachedAndBusErrorsSignalled)
 {
     LogCapture log;
     DescribedPipeline pipeline(kLive);
@@ -181,12 +176,9 @@ TEST(Pipeline, AsynchronousChangeReturnsAtOnceOrWaitsForTheState)
     EXPECT_TRUE(log.Contains(LOG_INFO, "pipeline DescribedPipeline. curr_state=4 change_ret=1"));
     EXPECT_EQ(pipeline.GetState(), GST_STATE_PLAYING);
     EXPECT_EQ(pipeline.SetState(GST_STATE_NULL), 0);
-}
 
-TEST(Pipeline, FailedStateChangesAreLoggedWithTheStateReachedAndBusErrorsSignalled)
-{
-    // The sink of the first never prerolls; the second fails at once and
-    // reports a state it never queried.
+    // Failures are logged with the state reached. The sink of the first never prerolls; the second fails at
+    // once and reports a state it never queried.
     const struct {
         const char* description;
         GstState target;
@@ -199,12 +191,11 @@ TEST(Pipeline, FailedStateChangesAreLoggedWithTheStateReachedAndBusErrorsSignall
             "pipeline DescribedPipeline. failed set state(4) curr_state=-1 change_ret=0" },
     };
     for (const auto& row : rows) {
-        LogCapture log;
-        DescribedPipeline pipeline(row.description);
+        DescribedPipeline failing(row.description);
         std::vector<std::string> errors;
-        pipeline.signal_error.connect([&](std::string message) { errors.push_back(message); });
-        ASSERT_TRUE(pipeline.Launch(false, true, false));
-        EXPECT_EQ(pipeline.SetState(row.target, row.wait), -1) << row.description;
+        failing.signal_error.connect([&](std::string message) { errors.push_back(message); });
+        ASSERT_TRUE(failing.Launch(false, true, false));
+        EXPECT_EQ(failing.SetState(row.target, row.wait), -1) << row.description;
         EXPECT_TRUE(log.Contains(LOG_ERR, row.line)) << row.description;
         if (row.target == GST_STATE_PLAYING) {
             ASSERT_TRUE(RunMainLoopUntil([&] { return !errors.empty(); }));
@@ -212,11 +203,11 @@ TEST(Pipeline, FailedStateChangesAreLoggedWithTheStateReachedAndBusErrorsSignall
             EXPECT_TRUE(log.Contains(LOG_ERR, "Error from element reader: " + errors.front() + "\n"));
             EXPECT_TRUE(log.ContainsText("Debugging info:"));
         }
-        EXPECT_EQ(pipeline.SetState(GST_STATE_NULL), 0);
+        EXPECT_EQ(failing.SetState(GST_STATE_NULL), 0);
     }
 }
 
-TEST(Pipeline, SendEosWaitsForAFreshEosNotAStaleOne)
+TEST(Pipeline, SendEosWaitsForAFreshEosNotAStaleOneAndWaitingWithoutOneTimesOut)
 {
     // EOS never gets through the first pipeline: only the stale message
     // could satisfy the wait, and it is drained first.
@@ -241,6 +232,16 @@ TEST(Pipeline, SendEosWaitsForAFreshEosNotAStaleOne)
         EXPECT_TRUE(log.ContainsText(row.line)) << row.description;
         EXPECT_EQ(pipeline.SetState(GST_STATE_NULL), 0);
     }
+
+    // Waiting without an EOS times out.
+    LogCapture log;
+    DescribedPipeline pipeline("fakesrc ! fakesink");
+    ASSERT_TRUE(pipeline.Launch(false, false, false));
+    EXPECT_EQ(pipeline.WaitForEos(0), -1);
+    EXPECT_TRUE(log.Contains(LOG_INFO, "pipeline DescribedPipeline: Waiting for EOS event..."));
+    EXPECT_TRUE(log.ContainsText(
+        "pipeline DescribedPipeline: After sending EOS, failed to read EOS message from bus after 0."));
+    EXPECT_EQ(log.Lines().back().first, LOG_WARNING);
 }
 
 TEST(Pipeline, OnlyEosNotWaitedForIsSignalledOnTheMainLoop)
@@ -262,18 +263,6 @@ TEST(Pipeline, OnlyEosNotWaitedForIsSignalledOnTheMainLoop)
         EXPECT_EQ(log.Contains(LOG_INFO, "[Pipeline] DescribedPipeline: Posted EOS message"), !wait);
         EXPECT_EQ(pipeline.SetState(GST_STATE_NULL), 0);
     }
-}
-
-TEST(Pipeline, WaitForEosWithoutAnEosTimesOut)
-{
-    LogCapture log;
-    DescribedPipeline pipeline("fakesrc ! fakesink");
-    ASSERT_TRUE(pipeline.Launch(false, false, false));
-    EXPECT_EQ(pipeline.WaitForEos(0), -1);
-    EXPECT_TRUE(log.Contains(LOG_INFO, "pipeline DescribedPipeline: Waiting for EOS event..."));
-    EXPECT_TRUE(log.ContainsText(
-        "pipeline DescribedPipeline: After sending EOS, failed to read EOS message from bus after 0."));
-    EXPECT_EQ(log.Lines().back().first, LOG_WARNING);
 }
 
 TEST(Pipeline, FlushNeedsAPipelineAndTearDownIsRefusedWhilePlaying)
@@ -300,7 +289,7 @@ TEST(Pipeline, FlushNeedsAPipelineAndTearDownIsRefusedWhilePlaying)
 }
 
 // Switching producers while frames flow is shown by the input mux.
-TEST(Pipeline, ListenToPointsTheSourceAtTheProducerAndRecordsBothSides)
+TEST(Pipeline, ListenToPointsTheSourceAtTheProducerRecordsBothSidesAndReportsWhatIsMissing)
 {
     LogCapture log;
     DescribedPipeline producer("fakesrc ! interpipesink name=base_producer_sink", "base_producer_sink");
@@ -330,33 +319,30 @@ TEST(Pipeline, ListenToPointsTheSourceAtTheProducerAndRecordsBothSides)
 
     EXPECT_TRUE(consumer.ListenTo(nullptr, "", ""));
     EXPECT_FALSE(consumer.IsListening());
-}
 
-TEST(Pipeline, ListenToReportsMissingPipelineAndElement)
-{
-    LogCapture log;
-    DescribedPipeline producer("fakesrc ! interpipesink name=base_lonely_sink", "base_lonely_sink");
-    DescribedPipeline consumer("interpipesrc name=base_present_src ! fakesink", "", "base_missing_src");
+    // A missing pipeline or element is reported.
+    DescribedPipeline lonely("fakesrc ! interpipesink name=base_lonely_sink", "base_lonely_sink");
+    DescribedPipeline misnamed("interpipesrc name=base_present_src ! fakesink", "", "base_missing_src");
     const std::string signature
         = "bool VideoDaemon::Pipeline::ListenTo(VideoDaemon::Pipeline*, std::__cxx11::string, "
           "std::__cxx11::string)";
 
     // Before the launch the pipeline is missing, after it the element.
     for (const std::string missing : { "pipeline", "element" }) {
-        EXPECT_FALSE(consumer.ListenTo(&producer, "", ""));
+        EXPECT_FALSE(misnamed.ListenTo(&lonely, "", ""));
         EXPECT_TRUE(log.Contains(LOG_ERR, signature + ": " + missing + " == NULL (base_missing_src)"));
-        EXPECT_FALSE(consumer.ListenTo(nullptr, "", ""));
-        EXPECT_FALSE(consumer.IsListening());
+        EXPECT_FALSE(misnamed.ListenTo(nullptr, "", ""));
+        EXPECT_FALSE(misnamed.IsListening());
         EXPECT_TRUE(log.Contains(LOG_ERR,
             "bool VideoDaemon::Pipeline::IsListening(): " + missing + " == NULL (base_missing_src)"));
-        EXPECT_TRUE(consumer.GetListeningTo().empty());
-        EXPECT_TRUE(producer.GetListeners().empty());
-        ASSERT_TRUE(consumer.Launch(false, false, false));
+        EXPECT_TRUE(misnamed.GetListeningTo().empty());
+        EXPECT_TRUE(lonely.GetListeners().empty());
+        ASSERT_TRUE(misnamed.Launch(false, false, false));
     }
 
     // Explicit names override the defaults.
-    EXPECT_TRUE(consumer.ListenTo(&producer, "elsewhere", "base_present_src"));
-    EXPECT_EQ(producer.GetListeners().at("elsewhere"), &consumer);
+    EXPECT_TRUE(misnamed.ListenTo(&lonely, "elsewhere", "base_present_src"));
+    EXPECT_EQ(lonely.GetListeners().at("elsewhere"), &misnamed);
 }
 
 TEST(Pipeline, RepeatedQueueSignalsAreReportedOnceOnTheMainLoopUntilThePipelineGoes)
