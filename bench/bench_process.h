@@ -1,5 +1,5 @@
-// Process helpers of the benchmarks that start videod: a child process, the name check on the bus, the
-// daemon's path in the build tree and a private session bus.
+// Process helpers of the benchmarks: a child process, the name check on the bus, the source tree, the
+// daemon's path in the build tree, a temporary directory and a private session bus.
 #pragma once
 
 #include <fcntl.h>
@@ -62,6 +62,41 @@ inline std::string VideodPath()
     return dir + "/../src/videod";
 }
 
+// The source tree: VIDEOD_SOURCE_DIR, else the one the benchmark was built from.
+inline std::filesystem::path SourceDir()
+{
+    if (const char* source = std::getenv("VIDEOD_SOURCE_DIR"))
+        return source;
+    return VIDEOD_BENCH_SOURCE_DIR;
+}
+
+// A fresh temporary directory named after pattern (ending in XXXXXX), removed with all it holds at
+// destruction. Path() is empty when it could not be made.
+class ScratchDir
+{
+public:
+    explicit ScratchDir(std::string pattern)
+    {
+        if (mkdtemp(pattern.data()))
+            _Path = pattern;
+    }
+
+    ~ScratchDir()
+    {
+        std::error_code ignored;
+        if (!_Path.empty())
+            std::filesystem::remove_all(_Path, ignored);
+    }
+
+    ScratchDir(const ScratchDir&) = delete;
+    ScratchDir& operator=(const ScratchDir&) = delete;
+
+    const std::string& Path() const { return _Path; }
+
+private:
+    std::string _Path;
+};
+
 // A private session bus in a temporary directory, the environment pointed at it, and a connection;
 // everything goes at destruction. Bus() is null when it did not start.
 class PrivateBus
@@ -69,14 +104,12 @@ class PrivateBus
 public:
     PrivateBus()
     {
-        char dir[] = "/tmp/videod-bench-XXXXXX";
         int fds[2];
-        if (!mkdtemp(dir) || pipe(fds) < 0)
+        if (Dir().empty() || pipe(fds) < 0)
             return;
-        _Dir = dir;
         // The address it prints says it is ready.
         _Pid = Spawn({ "dbus-daemon", "--session", "--nofork", "--print-address=1",
-                         "--address=unix:path=" + _Dir + "/bus" },
+                         "--address=unix:path=" + Dir() + "/bus" },
             fds[1]);
         close(fds[1]);
         std::string address;
@@ -97,8 +130,6 @@ public:
             kill(_Pid, SIGTERM);
             waitpid(_Pid, nullptr, 0);
         }
-        if (!_Dir.empty())
-            std::filesystem::remove_all(_Dir);
     }
 
     PrivateBus(const PrivateBus&) = delete;
@@ -106,10 +137,10 @@ public:
 
     sd_bus* Bus() const { return _Bus.get(); }
     // The temporary directory, for the benchmark's own files too.
-    const std::string& Dir() const { return _Dir; }
+    const std::string& Dir() const { return _Scratch.Path(); }
 
 private:
-    std::string _Dir;
+    ScratchDir _Scratch { "/tmp/videod-bench-XXXXXX" };
     pid_t _Pid = -1;
     DbusHelper::SdBusPtr _Bus;
 };

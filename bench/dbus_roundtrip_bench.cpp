@@ -2,7 +2,6 @@
 // next to the same calls made by spawning `busctl --user`. Runs its own private bus and peers.
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,17 +10,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "bench_process.h"
 #include "clients/settings_daemon_dbus_handler.h"
 #include "clients/storage_daemon_dbus_handler.h"
 #include "dbus-helper/sdbus_utils.h"
-
-extern char** environ;
 
 namespace
 {
@@ -29,40 +26,34 @@ namespace
 constexpr int kClientRounds = 500;
 constexpr int kBusctlRounds = 100;
 
-pid_t Spawn(const std::vector<std::string>& argv, const std::string& output)
+// Runs argv to its end with its output discarded; its exit status, or -1.
+int RunToEnd(const std::vector<std::string>& argv)
 {
-    std::vector<char*> args;
-    for (const std::string& arg : argv)
-        args.push_back(const_cast<char*>(arg.c_str()));
-    args.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    pid_t pid = -1;
-    if (posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ) != 0)
-        pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
-
-int RunToEnd(const std::vector<std::string>& argv, const std::string& output = "/dev/null")
-{
-    const pid_t pid = Spawn(argv, output);
+    const pid_t pid = VideodBench::Spawn(argv, -1);
     int status = 0;
     if (pid < 0 || waitpid(pid, &status, 0) != pid)
         return -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-bool WaitForName(const std::string& name)
+bool WaitForName(sd_bus* bus, const char* name)
 {
     for (int i = 0; i < 500; ++i) {
-        if (RunToEnd({ "busctl", "--user", "status", name }) == 0)
+        if (VideodBench::NameHasOwner(bus, name))
             return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return false;
+}
+
+// A simulated peer with its output in log.
+pid_t StartPeer(const std::vector<std::string>& argv, const std::string& log)
+{
+    const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const pid_t pid = VideodBench::Spawn(argv, fd);
+    if (fd >= 0)
+        close(fd);
+    return pid;
 }
 
 struct Figures {
@@ -95,30 +86,18 @@ void Print(const char* what, int rounds, const Figures& figures, int failures)
 
 int main()
 {
-    const char* source_env = std::getenv("VIDEOD_SOURCE_DIR");
-    const std::filesystem::path source = source_env
-        ? std::filesystem::path(source_env)
-        : std::filesystem::path(__FILE__).parent_path().parent_path();
-    char pattern[] = "/tmp/videod-bench-XXXXXX";
-    if (!mkdtemp(pattern)) {
-        std::perror("mkdtemp");
-        return 1;
-    }
-    const std::string dir = pattern;
+    const std::filesystem::path source = VideodBench::SourceDir();
+    // A private bus: the machine's own session bus is never used.
+    VideodBench::PrivateBus bus;
+    const std::string& dir = bus.Dir();
     const std::string media = dir + "/media";
     std::filesystem::create_directories(media);
-
-    // A private bus: the machine's own session bus is never used.
-    const std::string address = "unix:path=" + dir + "/bus";
-    const pid_t daemon
-        = Spawn({ "dbus-daemon", "--session", "--nofork", "--address=" + address }, "/dev/null");
-    setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
-    const pid_t settings = Spawn({ (source / "host/peers/settings.py").string() }, dir + "/settings.log");
+    const pid_t settings = StartPeer({ (source / "host/peers/settings.py").string() }, dir + "/settings.log");
     const pid_t storage
-        = Spawn({ (source / "host/peers/storage.py").string(), "sd=" + media }, dir + "/storage.log");
+        = StartPeer({ (source / "host/peers/storage.py").string(), "sd=" + media }, dir + "/storage.log");
     int status = 0;
-    if (daemon < 0 || settings < 0 || storage < 0 || !WaitForName("com.tarnwell.common.Settings1")
-        || !WaitForName("com.tarnwell.common.StorageDaemon1")) {
+    if (!bus.Bus() || settings < 0 || storage < 0 || !WaitForName(bus.Bus(), "com.tarnwell.common.Settings1")
+        || !WaitForName(bus.Bus(), "com.tarnwell.common.StorageDaemon1")) {
         std::fprintf(stderr, "private bus or peers did not start (see %s)\n", dir.c_str());
         status = 1;
     } else {
@@ -169,13 +148,11 @@ int main()
         Print("SetWriteActive (busctl --user call)", kBusctlRounds, f, failures);
     }
 
-    for (pid_t pid : { storage, settings, daemon }) {
+    for (pid_t pid : { storage, settings }) {
         if (pid > 0) {
             kill(pid, SIGTERM);
             waitpid(pid, nullptr, 0);
         }
     }
-    std::error_code ignored;
-    std::filesystem::remove_all(dir, ignored);
     return status;
 }

@@ -17,7 +17,7 @@
 #include <mutex>
 #include <string>
 
-#include "common/glib_ptr.h"
+#include "bench_process.h"
 #include "common/gst_ptr.h"
 #include "overlay/overlay_model.h"
 #include "pipelines/overlay_pipeline.h"
@@ -37,14 +37,10 @@ double CpuSeconds(clockid_t clock)
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-// The shipped templates: VIDEOD_SOURCE_DIR's, else those beside this source file.
+// The shipped templates of the source tree.
 std::string TemplateDir()
 {
-    if (const char* source = std::getenv("VIDEOD_SOURCE_DIR"))
-        return std::string(source) + "/data/overlay";
-    VideoDaemon::GCharPtr bench(g_path_get_dirname(__FILE__));
-    VideoDaemon::GCharPtr root(g_path_get_dirname(bench.get()));
-    return std::string(root.get()) + "/data/overlay";
+    return (VideodBench::SourceDir() / "data/overlay").string();
 }
 
 // Counts the documents an overlay's element has taken, so that each second

@@ -25,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench_process.h"
 #include "common/glib_ptr.h"
 #include "common/gst_ptr.h"
 #include "pipelines/mp4mux_pipeline.h"
@@ -666,16 +667,13 @@ int main()
             "(VIDEOD_BUILD_DIR=<build directory>)\n");
         return 1;
     }
-    const char* source_env = std::getenv("VIDEOD_SOURCE_DIR");
-    const std::filesystem::path source = source_env
-        ? std::filesystem::path(source_env)
-        : std::filesystem::path(__FILE__).parent_path().parent_path();
-    char pattern[] = "/tmp/videod-streamer-bench-XXXXXX";
-    if (!mkdtemp(pattern)) {
+    const std::filesystem::path source = VideodBench::SourceDir();
+    const VideodBench::ScratchDir scratch("/tmp/videod-streamer-bench-XXXXXX");
+    const std::string& dir = scratch.Path();
+    if (dir.empty()) {
         std::perror("mkdtemp");
         return 1;
     }
-    const std::string dir = pattern;
     const std::string media = dir + "/media";
     std::filesystem::create_directories(media);
 
@@ -730,7 +728,5 @@ int main()
             bench.Cycles(rss_after_start, heap_after_start);
         }
     }
-    std::error_code ignored;
-    std::filesystem::remove_all(dir, ignored);
     return status;
 }
