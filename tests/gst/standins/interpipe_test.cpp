@@ -2,7 +2,6 @@
 #include <gst/app/gstappsrc.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
@@ -127,36 +126,32 @@ GstBuffer* Frame(GstClockTime pts)
 }
 
 // Counts the events of one type that pass a pad, in either direction.
-class EventCount
+class EventCount : public PadProbe
 {
 public:
     EventCount(GstElement* element, const char* pad, GstEventType type)
-        : _Pad(gst_element_get_static_pad(element, pad))
+        : PadProbe(element, pad)
         , _Type(type)
     {
-        _Probe = gst_pad_add_probe(_Pad.get(),
-            static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_EVENT_BOTH | GST_PAD_PROBE_TYPE_EVENT_FLUSH),
-            &EventCount::OnEvent, this, nullptr);
+        Install(static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_EVENT_BOTH | GST_PAD_PROBE_TYPE_EVENT_FLUSH));
     }
-    ~EventCount() { gst_pad_remove_probe(_Pad.get(), _Probe); }
-    EventCount(const EventCount&) = delete;
-    EventCount& operator=(const EventCount&) = delete;
+    ~EventCount() override { Remove(); }
 
-    int Value() const { return _Count.load(); }
+    int Value() const
+    {
+        std::unique_lock<std::mutex> lock = Lock();
+        return _Count;
+    }
 
 private:
-    static GstPadProbeReturn OnEvent(GstPad*, GstPadProbeInfo* info, gpointer data)
+    GstPadProbeReturn Handle(GstPadProbeInfo* info) override
     {
-        auto* self = static_cast<EventCount*>(data);
-        if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == self->_Type)
-            ++self->_Count;
+        _Count += GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == _Type;
         return GST_PAD_PROBE_OK;
     }
 
-    GstPtr<GstPad> _Pad;
     GstEventType _Type;
-    gulong _Probe = 0;
-    std::atomic<int> _Count { 0 };
+    int _Count = 0;
 };
 
 } // namespace
@@ -337,16 +332,31 @@ TEST(InterpipeEvents, EveryDownstreamEventButCapsAndEosReachesListenersOnlyWhenF
         EXPECT_EQ(ReachesEos(*row.listener, row.eos ? kWait : 500 * GST_MSECOND), row.eos) << row.properties;
 }
 
-// A flush of the producer flushes its listeners, which go on with the frames after it.
-TEST(InterpipeEvents, AForwardedFlushFlushesTheListenerWhichKeepsStreaming)
+// An upstream event sent from a listener's end reaches the producer only
+// while that listener is its only one; a flush of the producer flushes its
+// listeners, which go on with the frames after it.
+TEST(InterpipeEvents, UpstreamEventsReachTheProducerFromItsOnlyListenerAndAFlushReachesEveryListener)
 {
     TestPipeline producer(HandFedProducer("flush_sink"));
-    TestPipeline listener(Listener("is-live=true listen-to=flush_sink"));
-    EventCount flushes(listener.Element("out").get(), "sink", GST_EVENT_FLUSH_STOP);
-    ASSERT_TRUE(listener.Start());
+    EventCount custom(producer.Element("flush_sink").get(), "sink", GST_EVENT_CUSTOM_UPSTREAM);
+    TestPipeline first(Listener("is-live=true listen-to=flush_sink"));
+    TestPipeline second(Listener("is-live=true listen-to=flush_sink"));
+    EventCount flushes(first.Element("out").get(), "sink", GST_EVENT_FLUSH_STOP);
     ASSERT_TRUE(producer.Play());
+    ASSERT_TRUE(first.Start());
+    auto sendUpstream = [&] {
+        gst_element_send_event(first.Element("out").get(),
+            gst_event_new_custom(GST_EVENT_CUSTOM_UPSTREAM, gst_structure_new_empty("up")));
+    };
+    sendUpstream();
+    EXPECT_EQ(custom.Value(), 1) << "from the only listener";
+    ASSERT_TRUE(second.Start());
+    ASSERT_EQ(Listeners(producer, "flush_sink"), 2u);
+    sendUpstream();
+    EXPECT_EQ(custom.Value(), 1) << "from one of two listeners";
+
     ASSERT_TRUE(producer.Push("in", Frame(0)));
-    ASSERT_TRUE(listener.Pull("out"));
+    ASSERT_TRUE(first.Pull("out"));
     GstPtr<GstPad> pad(gst_element_get_static_pad(producer.Element("flush_sink").get(), "sink"));
     ASSERT_TRUE(gst_pad_send_event(pad.get(), gst_event_new_flush_start()));
     ASSERT_TRUE(gst_pad_send_event(pad.get(), gst_event_new_flush_stop(FALSE)));
@@ -355,31 +365,10 @@ TEST(InterpipeEvents, AForwardedFlushFlushesTheListenerWhichKeepsStreaming)
     gst_segment_init(&segment, GST_FORMAT_TIME);
     ASSERT_TRUE(gst_pad_send_event(pad.get(), gst_event_new_segment(&segment)));
     ASSERT_TRUE(producer.Push("in", Frame(20 * GST_MSECOND)));
-    GstSamplePtr after = listener.Pull("out");
+    GstSamplePtr after = first.Pull("out");
     ASSERT_TRUE(after);
     EXPECT_EQ(Pts(after), 20 * GST_MSECOND);
-    EXPECT_FALSE(listener.WaitFor(GST_MESSAGE_ERROR, 0));
-}
-
-// An upstream event sent from a listener's end reaches the producer only while that listener is its only one.
-TEST(InterpipeEvents, UpstreamEventsReachTheProducerOnlyFromItsOnlyListener)
-{
-    TestPipeline producer(HandFedProducer("upstream_sink"));
-    EventCount custom(producer.Element("upstream_sink").get(), "sink", GST_EVENT_CUSTOM_UPSTREAM);
-    TestPipeline first(Listener("is-live=true listen-to=upstream_sink"));
-    TestPipeline second(Listener("is-live=true listen-to=upstream_sink"));
-    ASSERT_TRUE(producer.Play());
-    ASSERT_TRUE(first.Start());
-    auto sendUpstream = [&] {
-        gst_element_send_event(first.Element("out").get(),
-            gst_event_new_custom(GST_EVENT_CUSTOM_UPSTREAM, gst_structure_new_empty("up")));
-    };
-    sendUpstream();
-    EXPECT_EQ(custom.Value(), 1);
-    ASSERT_TRUE(second.Start());
-    ASSERT_EQ(Listeners(producer, "upstream_sink"), 2u);
-    sendUpstream();
-    EXPECT_EQ(custom.Value(), 1);
+    EXPECT_FALSE(first.WaitFor(GST_MESSAGE_ERROR, 0));
 }
 
 // Frames stamped far ahead of any clock (1000 s), one unstamped, one at zero: each stream-sync mode
@@ -553,46 +542,21 @@ TEST(InterpipeCaps, AProducerNegotiatesWhatAllListenersTakeAndLosesThemWhenNothi
     }
 }
 
-// A switch to a producer with other caps: as its only listener the source
-// renegotiates; a source that keeps its caps cannot join a producer whose
-// listeners' caps exclude them, and stays with the one it had.
-TEST(InterpipeCaps, ASwitchToOtherCapsRenegotiatesOrFailsAndKeepsThePreviousProducer)
-{
-    TestPipeline narrow(Producer("caps_narrow", "black"));
-    TestPipeline wide(
-        Producer("caps_wide", "white", "", "video/x-raw,format=GRAY8,width=32,height=16,framerate=100/1"));
-    TestPipeline allowing(Listener("is-live=true listen-to=caps_narrow"));
-    TestPipeline fixed(Listener("is-live=true allow-renegotiation=false listen-to=caps_narrow"));
-    for (const TestPipeline* p : { &narrow, &wide })
-        ASSERT_TRUE(p->Play());
-    for (const TestPipeline* p : { &allowing, &fixed })
-        ASSERT_TRUE(p->Start());
-    ASSERT_TRUE(ReceivesFrom(fixed, false));
-
-    ListenTo(allowing, "caps_wide");
-    ASSERT_TRUE(ReceivesFrom(allowing, true));
-    GstSamplePtr sample = allowing.Pull("out");
-    ASSERT_TRUE(sample);
-    EXPECT_EQ(CapsInt(sample, "width"), 32);
-
-    ListenTo(fixed, "caps_wide");
-    EXPECT_EQ(ListeningTo(fixed), "caps_narrow");
-    EXPECT_EQ(Listeners(wide, "caps_wide"), 1u);
-    EXPECT_TRUE(ReceivesFrom(fixed, false));
-    for (const TestPipeline* p : { &allowing, &fixed })
-        EXPECT_FALSE(p->WaitFor(GST_MESSAGE_ERROR, 0));
-}
-
 // A later caps change of the producer: a listener that keeps its caps
-// refuses it quietly and goes on receiving frames; one that renegotiates takes it.
-TEST(InterpipeCaps, ALaterCapsChangeIsTakenOnlyWhereRenegotiationIsAllowed)
+// refuses it quietly and goes on receiving frames; one that renegotiates
+// takes it. A switch to a producer with other caps: as its only listener the
+// source renegotiates; a source that keeps its caps cannot join a producer
+// whose listeners' caps exclude them, and stays with the one it had.
+TEST(InterpipeCaps, OtherCapsAreTakenOnlyWhereRenegotiationIsAllowedAndAFixedSourceKeepsItsProducer)
 {
     TestPipeline producer(HandFedProducer("caps_change"));
+    TestPipeline wide(
+        Producer("caps_wide", "white", "", "video/x-raw,format=GRAY8,width=32,height=16,framerate=100/1"));
     TestPipeline allowing(Listener("is-live=true listen-to=caps_change"));
     TestPipeline fixed(Listener("is-live=true allow-renegotiation=false listen-to=caps_change"));
     for (const TestPipeline* p : { &allowing, &fixed })
         ASSERT_TRUE(p->Start());
-    ASSERT_TRUE(producer.Play());
+    ASSERT_TRUE(producer.Play() && wide.Play());
     ASSERT_TRUE(producer.Push("in", Frame(0)));
     for (const TestPipeline* p : { &allowing, &fixed })
         ASSERT_TRUE(p->Pull("out"));
@@ -606,6 +570,20 @@ TEST(InterpipeCaps, ALaterCapsChangeIsTakenOnlyWhereRenegotiationIsAllowed)
     ASSERT_TRUE(taken && refused);
     EXPECT_TRUE(CapsHave(taken, "pixel-aspect-ratio"));
     EXPECT_FALSE(CapsHave(refused, "pixel-aspect-ratio"));
-    for (const TestPipeline* p : { &producer, &allowing, &fixed })
+
+    ListenTo(allowing, "caps_wide");
+    ASSERT_TRUE(ReceivesFrom(allowing, true));
+    GstSamplePtr sample = allowing.Pull("out");
+    ASSERT_TRUE(sample);
+    EXPECT_EQ(CapsInt(sample, "width"), 32);
+
+    ListenTo(fixed, "caps_wide");
+    EXPECT_EQ(ListeningTo(fixed), "caps_change");
+    EXPECT_EQ(Listeners(wide, "caps_wide"), 1u);
+    ASSERT_TRUE(producer.Push("in", Frame(20 * GST_MSECOND)));
+    GstSamplePtr kept = fixed.Pull("out");
+    ASSERT_TRUE(kept);
+    EXPECT_EQ(Pts(kept), 20 * GST_MSECOND);
+    for (const TestPipeline* p : { &producer, &wide, &allowing, &fixed })
         EXPECT_FALSE(p->WaitFor(GST_MESSAGE_ERROR, 0));
 }
