@@ -81,14 +81,6 @@ private:
 
 } // namespace
 
-TEST(TcpServerPipeline, AppendsTheQuotedHostAndThePortToItsDescription)
-{
-    TcpServerPipeline server;
-    const std::string base = server.GetDescription();
-    server.SetServerAddress("0.0.0.0", 4000);
-    EXPECT_EQ(base + " host=\"0.0.0.0\" port=4000", server.GetDescription());
-}
-
 TEST(TcpServerPipeline, ServesMultipartJpegFramesOfTheLivePictureOrTheStaticImageWhileEnabled)
 {
     GstTest::TempDir dir;
@@ -127,10 +119,14 @@ TEST(TcpServerPipeline, ServesMultipartJpegFramesOfTheLivePictureOrTheStaticImag
     }
 }
 
-TEST(TcpServerPipeline, SetsTheQueueSizeUncheckedAndLogsAMissingPipeline)
+TEST(TcpServerPipeline,
+    AppendsTheQuotedAddressToItsDescriptionSetsTheQueueSizeUncheckedAndLogsAMissingPipeline)
 {
     LogCapture log;
     TcpServerPipeline server;
+    const std::string base = server.GetDescription();
+    server.SetServerAddress("0.0.0.0", 4000);
+    EXPECT_EQ(base + " host=\"0.0.0.0\" port=4000", server.GetDescription());
     server.SetQueueSize(7);
     EXPECT_EQ(0, server.GetQueueSize());
     server.EnableStaticImage(true);
