@@ -1,6 +1,8 @@
-// The H.264 encoder stand-in: main profile 4:2:0 that an independent reader
-// accepts in a recording with sound, IDR and I frame placement, its two rate-control modes, and settings
-// changed while it runs.
+// The VPU stand-ins. The H.264 encoder: main profile 4:2:0 that an independent
+// reader accepts in a recording with sound, IDR and I frame placement, its two
+// rate-control modes, and settings changed while it runs. The JPEG encoder:
+// real pictures whose quality follows "quality-factor". The decoder: JPEG and
+// H.264 back to raw pictures in the format they are coded in.
 #include <gtest/gtest.h>
 
 #include "common/gst_ptr.h"
@@ -17,16 +19,6 @@ using namespace GstTest;
 
 namespace
 {
-
-// True when the Annex B access unit holds a slice of an IDR picture (NAL type 5).
-bool HasIdrSlice(GstBuffer* buffer)
-{
-    const std::vector<guint8> unit = BufferBytes(buffer);
-    for (size_t i = 0; i + 3 < unit.size(); ++i)
-        if (unit[i] == 0 && unit[i + 1] == 0 && unit[i + 2] == 1 && (unit[i + 3] & 0x1f) == 5)
-            return true;
-    return false;
-}
 
 constexpr int kIdr = 5, kI = 2, kP = 0;
 
@@ -64,6 +56,15 @@ int SliceType(GstBuffer* buffer)
     return -1;
 }
 
+// Mean of the luma plane of a 640x480 I420 sample.
+double MeanLuma(GstSample* sample)
+{
+    const std::vector<guint8> bytes = SampleBytes(sample);
+    return bytes.size() == 640 * 480 * 3 / 2
+        ? std::accumulate(bytes.begin(), bytes.begin() + 640 * 480, 0.0) / (640 * 480)
+        : -1;
+}
+
 } // namespace
 
 TEST(ImxVpuEncH264, MakesAMainProfileRecordingWithSoundAndIdrFramesEveryIdrIntervalAndIFramesEveryGop)
@@ -89,7 +90,7 @@ TEST(ImxVpuEncH264, MakesAMainProfileRecordingWithSoundAndIdrFramesEveryIdrInter
         GstSamplePtr unit = pipeline.Pull("units", GST_SECOND);
         ASSERT_TRUE(unit) << "frame " << i;
         GstBuffer* buffer = gst_sample_get_buffer(unit.get());
-        EXPECT_EQ(HasIdrSlice(buffer), i % 16 == 0) << "frame " << i;
+        EXPECT_EQ(SliceType(buffer) == kIdr, i % 16 == 0) << "frame " << i;
         EXPECT_EQ(!GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT), i % 16 == 0) << "frame " << i;
     }
     // An independent reader: main profile 4:2:0, I frames every 8 frames and P frames between them.
@@ -155,23 +156,88 @@ TEST(ImxVpuEncH264, QuantiserAndBitrateChangesActFromTheNextFrameWithoutAnIdrAnd
     EXPECT_LT(sizes[6] * 3, sizes[5]);
     EXPECT_GT(mean(21, 28), mean(6, 12) * 2);
     EXPECT_LT(mean(32, 40) * 3, mean(21, 28));
+    // 200 kbit/s is about 830 bytes a frame: held to it once settled, and from the next open.
+    EXPECT_LT(mean(32, 40), 2 * 830);
+    EXPECT_LT(mean(41, 49), 3 * 830);
 }
 
-TEST(ImxVpuEncH264, QuantParamAndBitrateSetTheSizeOfTheStream)
+TEST(ImxVpuEncMjpeg, WritesJpegPicturesThatAnIndependentReaderDecodesLargerForAHigherQualityFactor)
 {
-    auto encoded_size = [](const std::string& settings) {
-        TempDir dir;
-        TestPipeline pipeline("videotestsrc num-buffers=15 pattern=snow ! video/x-raw,format=I420,width=320,"
-                              "height=240,framerate=30/1 ! imxvpuenc_h264 "
-            + settings + " ! h264parse ! mp4mux ! filesink location=" + dir.File("size.mp4"));
-        EXPECT_TRUE(pipeline.RunToEos()) << pipeline.Error();
-        return FileSize(dir.File("size.mp4"));
-    };
-    EXPECT_GT(encoded_size("bitrate=0 quant-param=20"), encoded_size("bitrate=0 quant-param=40") * 2);
+    TempDir dir;
+    std::vector<std::uintmax_t> sizes;
+    for (const guint quality : { 10u, 85u, 95u }) {
+        // The snapshot chain (without its valve), writing one picture.
+        TestPipeline pipeline("videotestsrc num-buffers=1 pattern=smpte ! video/x-raw, format=BGRA,width=640,"
+                              "height=480 ! imxipuvideotransform name=snapshot_jpeg_transform ! capsfilter "
+                              "name=jpeg_image_caps caps=video/x-raw,format=I420,width=640,height=480 ! "
+                              "imxvpuenc_mjpeg name=jpeg_encoder quality-factor="
+            + std::to_string(quality) + " ! multifilesink name=snapshotSink post-messages=true location="
+            + dir.File(std::to_string(quality) + ".jpeg"));
+        ASSERT_TRUE(pipeline.Parsed() && pipeline.RunToEos()) << pipeline.Error();
+        sizes.push_back(FileSize(dir.File(std::to_string(quality) + ".jpeg")));
+    }
+    EXPECT_LT(sizes[0], sizes[1]);
+    EXPECT_LT(sizes[1], sizes[2]);
+    EXPECT_GT(sizes[2], 2 * sizes[0]);
+    // The daemon's setting.
+    auto stream = FfprobeEntries(dir.File("85.jpeg"), "stream=codec_name,width,height");
+    EXPECT_EQ(stream["codec_name"] + " " + stream["width"] + "x" + stream["height"], "mjpeg 640x480");
+    EXPECT_TRUE(FfmpegDecodesCleanly(dir.File("85.jpeg")));
+}
 
-    // Half a second at 500 kbit/s is about 31 kB; at 4000 kbit/s about 250 kB.
-    const auto low = encoded_size("bitrate=500");
-    const auto high = encoded_size("bitrate=4000");
-    EXPECT_GT(high, low * 3);
-    EXPECT_LT(low, 80u * 1000u) << "high " << high;
+TEST(ImxVpuDec, DecodesEveryJpegAndH264FrameToI420CloseToTheOriginal)
+{
+    for (const char* encoder : { "jpegenc quality=90 ! image/jpeg, width=640,height=480,framerate=30000/1001",
+             "imxvpuenc_h264 quant-param=20 ! h264parse ! video/x-h264,stream-format=avc,alignment=au" }) {
+        TestPipeline pipeline(
+            std::string("videotestsrc num-buffers=10 pattern=smpte ! video/x-raw,format=I420,"
+                        "width=640,height=480,framerate=30000/1001 ! tee name=t t. ! queue ! "
+                        "appsink name=original sync=false wait-on-eos=false max-buffers=20 "
+                        "t. ! queue ! ")
+            + encoder
+            + " ! imxvpudec ! video/x-raw, format=I420,width=640,height=480 ! appsink name=decoded "
+              "sync=false wait-on-eos=false max-buffers=20");
+        ASSERT_TRUE(pipeline.Parsed() && pipeline.RunToEos()) << pipeline.Error();
+        GstSamplePtr original = pipeline.Pull("original", GST_SECOND);
+        std::vector<GstSamplePtr> decoded = pipeline.PullAll("decoded");
+        ASSERT_TRUE(original) << encoder;
+        ASSERT_EQ(decoded.size(), 10u) << encoder;
+        EXPECT_NEAR(MeanLuma(decoded.front().get()), MeanLuma(original.get()), 2.0) << encoder;
+    }
+}
+
+TEST(ImxVpuDec, HandsOutTheStreamsOwnRawFormatAndFailsWhereDownstreamRefusesIt)
+{
+    struct Row {
+        const char* stream; // ends in the coded stream
+        const char* downstream; // caps downstream accepts
+        const char* format; // what comes out, nullptr for a negotiation error
+    };
+    const Row rows[] = {
+        { "video/x-raw,format=I420 ! jpegenc", "video/x-raw", "I420" },
+        { "video/x-raw,format=Y42B ! jpegenc", "video/x-raw", "Y42B" },
+        { "video/x-raw,format=GRAY8 ! jpegenc", "video/x-raw", "GRAY8" },
+        { "video/x-raw,format=I420 ! imxvpuenc_h264 quant-param=24 ! h264parse", "video/x-raw", "I420" },
+        { "video/x-raw,format=Y42B ! jpegenc", "video/x-raw,format=I420", nullptr },
+        { "video/x-raw,format=I420 ! jpegenc", "video/x-raw,format=GRAY8", nullptr },
+        { "video/x-raw,format=I420 ! imxvpuenc_h264 quant-param=24 ! h264parse", "video/x-raw,format=Y444",
+            nullptr },
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(std::string(row.stream) + " into " + row.downstream);
+        TestPipeline pipeline(std::string("videotestsrc num-buffers=3 ! ") + row.stream + " ! imxvpudec ! "
+            + row.downstream + " ! appsink name=decoded sync=false wait-on-eos=false");
+        ASSERT_TRUE(pipeline.Parsed()) << pipeline.Error();
+        const bool ended = pipeline.RunToEos();
+        if (!row.format) {
+            EXPECT_FALSE(ended);
+            EXPECT_NE(pipeline.Error().find("not-negotiated"), std::string::npos) << pipeline.Error();
+            continue;
+        }
+        ASSERT_TRUE(ended) << pipeline.Error();
+        GstSamplePtr sample = pipeline.Pull("decoded");
+        ASSERT_TRUE(sample);
+        const GstStructure* caps = gst_caps_get_structure(gst_sample_get_caps(sample.get()), 0);
+        EXPECT_STREQ(gst_structure_get_string(caps, "format"), row.format);
+    }
 }
