@@ -21,33 +21,27 @@ TEST(AacEncodePipelineDeathTest, TheFirstInstanceOfAProcessIsNumberedZero)
         ::testing::ExitedWithCode(0), "\\[aac_encode_source0 aac_encode_sink0\\]");
 }
 
-// Whichever instances the process made before, the next two take the next
-// two numbers.
-TEST(AacEncodePipeline, NumbersItsInstancesInOrderAndSharesTheQueueName)
-{
-    AacEncodePipeline first;
-    AacEncodePipeline second;
-    const std::string number = first.GetSourceName().substr(std::string("aac_encode_source").size());
-    ASSERT_FALSE(number.empty());
-    const std::string next = std::to_string(std::stoul(number) + 1);
-    EXPECT_EQ(first.GetSinkName(), "aac_encode_sink" + number);
-    EXPECT_EQ(second.GetSourceName(), "aac_encode_source" + next);
-    EXPECT_EQ(second.GetSinkName(), "aac_encode_sink" + next);
-    ASSERT_TRUE(first.Launch(false, false, false));
-    ASSERT_TRUE(second.Launch(false, false, false));
-    // Both marks of the template are replaced; the queue's name is shared.
-    for (AacEncodePipeline* aac : { &first, &second })
-        for (const std::string& name : { aac->GetSourceName(), aac->GetSinkName(), std::string("acc_queue") })
-            EXPECT_NE(ElementOf(*aac, name), nullptr) << name;
-}
-
-TEST(AacEncodePipeline, EncodesTheMicrophoneTo48kStereoAac)
+// Whichever instances the process made before, the next two take the next two numbers; both marks of the
+// template are replaced and the queue's name is shared.
+TEST(AacEncodePipeline, NumbersItsInstancesInOrderSharesTheQueueNameAndEncodesTheMicrophoneTo48kStereoAac)
 {
     VideoDaemon::MicInputPipeline mic;
     AacEncodePipeline aac;
+    AacEncodePipeline second;
+    const std::string number = aac.GetSourceName().substr(std::string("aac_encode_source").size());
+    ASSERT_FALSE(number.empty());
+    const std::string next = std::to_string(std::stoul(number) + 1);
+    EXPECT_EQ(aac.GetSinkName(), "aac_encode_sink" + number);
+    EXPECT_EQ(second.GetSourceName(), "aac_encode_source" + next);
+    EXPECT_EQ(second.GetSinkName(), "aac_encode_sink" + next);
+    ASSERT_TRUE(second.Launch(false, false, false));
     Consumer consumer("aac_test_out");
     ASSERT_TRUE(mic.Launch(false, true, false));
     ASSERT_TRUE(aac.Launch(false, true, true));
+    for (AacEncodePipeline* instance : { &aac, &second })
+        for (const std::string& name :
+            { instance->GetSourceName(), instance->GetSinkName(), std::string("acc_queue") })
+            EXPECT_NE(ElementOf(*instance, name), nullptr) << name;
     ASSERT_TRUE(consumer.Launch(false, false, false));
     ASSERT_TRUE(aac.ListenTo(&mic, "", ""));
     ASSERT_TRUE(consumer.ListenTo(&aac, "", ""));

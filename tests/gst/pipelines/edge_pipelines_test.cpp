@@ -108,7 +108,7 @@ TEST(DisplayPipeline, ShowsTheFramesItListensToInvertedOrDropped)
     ASSERT_TRUE(RunMainLoopUntil([&] { return SinkCount(display, "frames-shown") >= shown + 10; }, 3000));
 }
 
-TEST(MicInputPipeline, MuteIsRefusedBeforeLaunchAndSilencesTheMicrophoneAfter)
+TEST(MicInputPipeline, MuteIsRefusedBeforeLaunchAndSilencesTheMicrophoneAfterAndTheSpeakerPlaysIt)
 {
     LogCapture log;
     VideoDaemon::MicInputPipeline mic;
@@ -119,7 +119,8 @@ TEST(MicInputPipeline, MuteIsRefusedBeforeLaunchAndSilencesTheMicrophoneAfter)
     EXPECT_TRUE(log.Contains(
         LOG_ERR, "bool VideoDaemon::MicInputPipeline::GetMute() const: pipeline == NULL (mic_volume0)"));
 
-    StopAll stop { { &mic } };
+    VideoDaemon::AudioSpeakerPipeline speaker;
+    StopAll stop { { &speaker, &mic } };
     ASSERT_TRUE(mic.Launch(false, true, false));
     ASSERT_EQ(mic.SetState(GST_STATE_PLAYING, 2000), 0);
     AudioWatch published(mic, "mic_input");
@@ -135,37 +136,25 @@ TEST(MicInputPipeline, MuteIsRefusedBeforeLaunchAndSilencesTheMicrophoneAfter)
         ASSERT_TRUE(RunMainLoopUntil([&] { return published.buffers >= 10; }, 3000));
         EXPECT_EQ(published.peak.load() > 0, !mute) << "muted " << mute;
     }
-}
 
-TEST(AudioSpeakerPipeline, PlaysWhatItListensTo)
-{
-    VideoDaemon::MicInputPipeline mic;
-    VideoDaemon::AudioSpeakerPipeline speaker;
-    StopAll stop { { &speaker, &mic } };
+    // The speaker plays what it listens to, and nothing before or after.
     EXPECT_EQ(speaker.GetSinkName(), "audio_speaker_sink");
-    ASSERT_TRUE(mic.Launch(false, true, false));
     ASSERT_TRUE(speaker.Launch(false, true, false));
     std::string error;
     speaker.signal_error.connect([&](std::string message) { error = message; });
     AudioWatch played(speaker, "audio_speaker_sink");
-
-    // Not listening: nothing reaches the sound card.
-    ASSERT_EQ(mic.SetState(GST_STATE_PLAYING, 2000), 0);
     ASSERT_EQ(speaker.SetState(GST_STATE_PLAYING, 0), 0);
     RunMainLoopFor(300);
-    EXPECT_EQ(played.buffers.load(), 0);
-
+    EXPECT_EQ(played.buffers.load(), 0) << "not listening: nothing reaches the sound card";
     ASSERT_TRUE(speaker.ListenTo(&mic, "", ""));
     EXPECT_TRUE(speaker.IsListening());
     ASSERT_TRUE(RunMainLoopUntil([&] { return played.buffers >= 20; }, 3000));
     EXPECT_GT(played.peak.load(), 0);
     EXPECT_EQ(speaker.GetState(), GST_STATE_PLAYING);
-
-    // Detached again: the flow stops.
     ASSERT_TRUE(speaker.ListenTo(nullptr, "", ""));
     RunMainLoopFor(200);
     played.Reset();
     RunMainLoopFor(300);
-    EXPECT_EQ(played.buffers.load(), 0);
+    EXPECT_EQ(played.buffers.load(), 0) << "detached again: the flow stops";
     EXPECT_EQ(error, "");
 }

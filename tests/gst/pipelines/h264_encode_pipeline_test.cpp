@@ -41,23 +41,8 @@ struct FedEncoder {
 
 } // namespace
 
-TEST(H264EncodePipeline, NamesEveryElementAfterItsPrefix)
-{
-    H264EncodePipeline h264("video");
-    EXPECT_EQ(h264.GetName(), "H264EncodePipeline");
-    ASSERT_TRUE(h264.Launch(false, false, false));
-    for (const char* name : { "video_h264_source", "video_h264_valve", "video_video_transform_h264",
-             "video_h264_queue", "video_encoder", "video_h264_sink" })
-        EXPECT_NE(ElementOf(h264, name), nullptr) << name;
-
-    // A second prefix gives a disjoint set of names, so both run in one process.
-    H264EncodePipeline autolog("autolog");
-    ASSERT_TRUE(autolog.Launch(false, false, false));
-    EXPECT_NE(ElementOf(autolog, "autolog_encoder"), nullptr);
-    EXPECT_EQ(ElementOf(autolog, "video_encoder"), nullptr);
-}
-
-TEST(H264EncodePipeline, BeforeLaunchGettersReturnZeroAndSettersChangeNothing)
+TEST(H264EncodePipeline,
+    BeforeLaunchGettersReturnZeroAndSettersChangeNothingAfterItNamesEveryElementAfterItsPrefix)
 {
     LogCapture log;
     H264EncodePipeline h264("video");
@@ -74,6 +59,16 @@ TEST(H264EncodePipeline, BeforeLaunchGettersReturnZeroAndSettersChangeNothing)
     unsigned value = 77;
     h264.GetH264EncoderProperty("bitrate", value);
     EXPECT_EQ(value, 77u);
+
+    ASSERT_TRUE(h264.Launch(false, false, false));
+    for (const char* name : { "video_h264_source", "video_h264_valve", "video_video_transform_h264",
+             "video_h264_queue", "video_encoder", "video_h264_sink" })
+        EXPECT_NE(ElementOf(h264, name), nullptr) << name;
+    // A second prefix gives a disjoint set of names, so both run in one process.
+    H264EncodePipeline autolog("autolog");
+    ASSERT_TRUE(autolog.Launch(false, false, false));
+    EXPECT_NE(ElementOf(autolog, "autolog_encoder"), nullptr);
+    EXPECT_EQ(ElementOf(autolog, "video_encoder"), nullptr);
 }
 
 TEST(H264EncodePipeline, TheValveGatesTheFlowIntoTheEncoderWhoseSettingsApplyWhileItRuns)
