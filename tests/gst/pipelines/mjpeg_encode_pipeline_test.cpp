@@ -56,25 +56,7 @@ struct EncodedPicture {
 
 } // namespace
 
-TEST(MjpegEncodePipeline, PublishesExifTaggedJpegFramesOfTheLivePictureAndCountsThem)
-{
-    MjpegEncodePipeline mjpeg;
-    EncodedPicture encoded(mjpeg, "green", "mjpeg_test");
-    const std::vector<uint8_t> jpeg = encoded.Next();
-    static const std::string exif("Exif");
-    EXPECT_NE(jpeg.end(), std::search(jpeg.begin(), jpeg.end(), exif.begin(), exif.end()));
-    MediaTest::Picture decoded = MediaTest::DecodeJpeg(jpeg);
-    EXPECT_EQ(640, decoded.width);
-    EXPECT_EQ(480, decoded.height);
-    EXPECT_GT(decoded.Mean(1), 200);
-    EXPECT_LT(decoded.Mean(0), 60);
-
-    // The frame-rate probe on the interpipe sink counts the frames.
-    PipelineHarness::RunMainLoopFor(1500);
-    EXPECT_GT(mjpeg.GetProbeRates().at("mjpeg"), 0u);
-}
-
-TEST(MjpegEncodePipeline, ClampsTheQualityFactorToOneToHundredAndLogsAMissingPipeline)
+TEST(MjpegEncodePipeline, PublishesExifTaggedJpegFramesOfTheLivePictureCountsThemAndClampsTheQuality)
 {
     LogCapture log;
     MjpegEncodePipeline mjpeg;
@@ -85,7 +67,19 @@ TEST(MjpegEncodePipeline, ClampsTheQualityFactorToOneToHundredAndLogsAMissingPip
     EXPECT_TRUE(log.Contains(
         LOG_ERR, "int VideoDaemon::MjpegEncodePipeline::GetQuality() const: pipeline == NULL (mjpeg_enc)"));
 
-    ASSERT_TRUE(mjpeg.Launch(false, false, false));
+    EncodedPicture encoded(mjpeg, "green", "mjpeg_test");
+    const std::vector<uint8_t> jpeg = encoded.Next();
+    static const std::string exif("Exif");
+    EXPECT_NE(jpeg.end(), std::search(jpeg.begin(), jpeg.end(), exif.begin(), exif.end()));
+    MediaTest::Picture decoded = MediaTest::DecodeJpeg(jpeg);
+    EXPECT_EQ(640, decoded.width);
+    EXPECT_EQ(480, decoded.height);
+    EXPECT_GT(decoded.Mean(1), 200);
+    EXPECT_LT(decoded.Mean(0), 60);
+    // The frame-rate probe on the interpipe sink counts the frames.
+    PipelineHarness::RunMainLoopFor(1500);
+    EXPECT_GT(mjpeg.GetProbeRates().at("mjpeg"), 0u);
+
     const std::pair<int, int> cases[]
         = { { 0, 1 }, { -5, 1 }, { 1, 1 }, { 99, 99 }, { 100, 100 }, { 150, 100 } };
     for (const auto& [requested, applied] : cases) {
@@ -94,9 +88,18 @@ TEST(MjpegEncodePipeline, ClampsTheQualityFactorToOneToHundredAndLogsAMissingPip
     }
 }
 
-TEST(JpegEncodePipeline, PublishesStillsAt320x240UntilResized)
+TEST(
+    JpegEncodePipeline, SaysOnStandardOutputWhenTheCapsFilterIsMissingAndPublishesStillsAt320x240UntilResized)
 {
+    LogCapture log;
     JpegEncodePipeline jpeg;
+    testing::internal::CaptureStdout();
+    jpeg.SetImageSize(160, 120);
+    EXPECT_EQ("Failed to get element\n", testing::internal::GetCapturedStdout());
+    EXPECT_TRUE(log.Contains(LOG_ERR,
+        "void VideoDaemon::JpegEncodePipeline::SetImageSize(uint32_t, uint32_t): pipeline == NULL "
+        "(jpeg_image_caps)"));
+
     EncodedPicture encoded(jpeg, "blue", "jpeg_test");
     MediaTest::Picture decoded = MediaTest::DecodeJpeg(encoded.Next());
     EXPECT_EQ(320, decoded.width);
@@ -110,16 +113,4 @@ TEST(JpegEncodePipeline, PublishesStillsAt320x240UntilResized)
         resized = decoded.width == 160 && decoded.height == 120;
     }
     EXPECT_TRUE(resized);
-}
-
-TEST(JpegEncodePipeline, SaysOnStandardOutputWhenTheCapsFilterIsMissing)
-{
-    LogCapture log;
-    JpegEncodePipeline jpeg;
-    testing::internal::CaptureStdout();
-    jpeg.SetImageSize(160, 120);
-    EXPECT_EQ("Failed to get element\n", testing::internal::GetCapturedStdout());
-    EXPECT_TRUE(log.Contains(LOG_ERR,
-        "void VideoDaemon::JpegEncodePipeline::SetImageSize(uint32_t, uint32_t): pipeline == NULL "
-        "(jpeg_image_caps)"));
 }
