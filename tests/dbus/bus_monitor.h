@@ -4,12 +4,12 @@
 
 #include <systemd/sd-bus.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "dbus-helper/sd_bus_ptr.h"
+#include "dbus/dbus_test_env.h"
 
 namespace VideodTest
 {
@@ -55,25 +55,14 @@ public:
     // notices to the monitor (the loss of its name) are passed over.
     DbusHelper::SdBusMessagePtr Next(int timeoutMs = 10000)
     {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        while (_Bus) {
-            sd_bus_message* raw = nullptr;
-            const int r = sd_bus_process(_Bus.get(), &raw);
-            if (r < 0)
-                return nullptr;
-            DbusHelper::SdBusMessagePtr message(raw);
-            if (message && !sd_bus_message_is_signal(message.get(), "org.freedesktop.DBus", nullptr))
-                return message;
-            if (r > 0)
-                continue;
-            const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
-                deadline - std::chrono::steady_clock::now())
-                                  .count();
-            if (left <= 0)
-                return nullptr;
-            sd_bus_wait(_Bus.get(), static_cast<uint64_t>(left));
-        }
-        return nullptr;
+        DbusHelper::SdBusMessagePtr found;
+        ProcessUntil(_Bus.get(), timeoutMs, [&](DbusHelper::SdBusMessagePtr message) {
+            if (!message || sd_bus_message_is_signal(message.get(), "org.freedesktop.DBus", nullptr))
+                return false;
+            found = std::move(message);
+            return true;
+        });
+        return found;
     }
 
     // The next monitored method call whose member is `member`, skipping the others.

@@ -50,6 +50,31 @@ inline std::string ReadFile(const std::string& path)
 
 using TestSupport::RunMainLoopUntil;
 
+// Dispatches the messages of bus, handing each one sd-bus returns (none when a match took it) to `take`,
+// until `take` returns true (true) or timeoutMs passes or the connection fails (false).
+inline bool ProcessUntil(
+    sd_bus* bus, int timeoutMs, const std::function<bool(DbusHelper::SdBusMessagePtr)>& take)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (bus) {
+        sd_bus_message* raw = nullptr;
+        const int r = sd_bus_process(bus, &raw);
+        if (r < 0)
+            return false;
+        if (take(DbusHelper::SdBusMessagePtr(raw)))
+            return true;
+        if (r > 0)
+            continue;
+        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
+            deadline - std::chrono::steady_clock::now())
+                              .count();
+        if (left <= 0)
+            return false;
+        sd_bus_wait(bus, static_cast<uint64_t>(left));
+    }
+    return false;
+}
+
 // What a getter of the form `int Get(T&)` stores; the call must succeed. Pass an initial value that
 // differs from the expected one, so a getter that stores nothing is caught.
 template <typename T, typename R> T Read(R (*getter)(T&), T initial = T {})
@@ -201,8 +226,6 @@ protected:
 
     // What a program or a peer wrote on its standard output and error so far.
     std::string ProgramLog(const std::string& name) const { return ReadFile(PeerLogPath(name)); }
-
-    // What a peer wrote on its standard output and error so far.
     std::string PeerLog(const std::string& peer) const { return ReadFile(PeerLogPath(peer)); }
 
     bool NameHasOwner(const std::string& name)
@@ -337,20 +360,8 @@ protected:
     // The next queued message, waiting at most timeoutMs; empty on time-out.
     SdBusMessagePtr WaitForMessage(int timeoutMs = kWaitMs)
     {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        while (_Queue.empty() && _Bus) {
-            int r = sd_bus_process(_Bus.get(), nullptr);
-            if (r < 0)
-                break;
-            if (r > 0)
-                continue;
-            auto left = std::chrono::duration_cast<std::chrono::microseconds>(
-                deadline - std::chrono::steady_clock::now())
-                            .count();
-            if (left <= 0)
-                break;
-            sd_bus_wait(_Bus.get(), static_cast<uint64_t>(left));
-        }
+        if (_Queue.empty())
+            ProcessUntil(_Bus.get(), timeoutMs, [this](SdBusMessagePtr) { return !_Queue.empty(); });
         if (_Queue.empty())
             return nullptr;
         SdBusMessagePtr message = std::move(_Queue.front());
