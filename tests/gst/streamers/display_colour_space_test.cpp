@@ -44,8 +44,7 @@ protected:
         return names;
     }
 
-    // Changes the state of the pipeline at `index` and waits until its bus
-    // has reported the change to the streamer and to this test.
+    // Changes the state of the pipeline at `index` and waits until its bus has reported the change.
     void ChangeState(int index, GstState state)
     {
         bool reached = false;
@@ -57,40 +56,14 @@ protected:
     }
 };
 
-TEST_F(OrbStreamerColourSpace, EachInputComingUpFromNullAsksTheDisplayDaemonOnce)
+TEST_F(OrbStreamerColourSpace, EachResetUsesAConnectionOfItsOwnAndEachInputComingUpFromNullAsksOnce)
 {
-    ASSERT_TRUE(StartPeer("display")) << LastError();
-    streamer.InitializePipelines();
-    ASSERT_EQ("u 0", ResetCount());
-
-    int expected = 0;
-    for (int index : { kNtscCameraIndex, kPalCameraIndex, kTcpClientIndex }) {
-        ASSERT_EQ(1, At(index).Initialize(Pipeline::LaunchFlags()));
-        ChangeState(index, GST_STATE_READY);
-        EXPECT_EQ("u " + std::to_string(++expected), ResetCount()) << index;
-    }
-    EXPECT_EQ(3u, log.Count(LOG_WARNING, kResetLine));
-
-    // Coming back down to READY is no new input.
-    ChangeState(kNtscCameraIndex, GST_STATE_PAUSED);
-    ChangeState(kNtscCameraIndex, GST_STATE_READY);
-    // Nor is any other pipeline.
-    ChangeState(kTestInputIndex, GST_STATE_READY);
-    EXPECT_EQ("u 3", ResetCount());
-    EXPECT_EQ(3u, log.Count(LOG_WARNING, kResetLine));
-}
-
-TEST_F(OrbStreamerColourSpace, TheResetReturnsTheCallsFailureWhenNoDisplayDaemonAnswers)
-{
+    // No display daemon, or no bus: the call's failure is returned.
     EXPECT_LT(streamer.DisplayDResetCscParams(), 0);
     EXPECT_TRUE(log.Contains(LOG_DEBUG, "int VideoDaemon::OrbStreamer::DisplayDResetCscParams()"));
-
     WithoutBus([&] { EXPECT_LT(streamer.DisplayDResetCscParams(), 0); });
     EXPECT_TRUE(log.Contains(LOG_ERR, "[ORB] failed to open bus"));
-}
 
-TEST_F(OrbStreamerColourSpace, EachResetUsesAConnectionOfItsOwnAndClosesIt)
-{
     ASSERT_TRUE(StartPeer("display")) << LastError();
     const std::set<std::string> before = UniqueNames();
     ASSERT_FALSE(before.empty());
@@ -99,6 +72,22 @@ TEST_F(OrbStreamerColourSpace, EachResetUsesAConnectionOfItsOwnAndClosesIt)
     EXPECT_EQ("u 2", ResetCount());
     // Both connections are gone once the calls have returned.
     EXPECT_TRUE(RunMainLoopUntil([&] { return UniqueNames() == before; }));
+
+    streamer.InitializePipelines();
+    ASSERT_EQ("u 2", ResetCount());
+    int expected = 2;
+    for (int index : { kNtscCameraIndex, kPalCameraIndex, kTcpClientIndex }) {
+        ASSERT_EQ(1, At(index).Initialize(Pipeline::LaunchFlags()));
+        ChangeState(index, GST_STATE_READY);
+        EXPECT_EQ("u " + std::to_string(++expected), ResetCount()) << index;
+    }
+    EXPECT_EQ(3u, log.Count(LOG_WARNING, kResetLine));
+    // Coming back down to READY is no new input, nor is any other pipeline.
+    ChangeState(kNtscCameraIndex, GST_STATE_PAUSED);
+    ChangeState(kNtscCameraIndex, GST_STATE_READY);
+    ChangeState(kTestInputIndex, GST_STATE_READY);
+    EXPECT_EQ("u 5", ResetCount());
+    EXPECT_EQ(3u, log.Count(LOG_WARNING, kResetLine));
 }
 
 } // namespace

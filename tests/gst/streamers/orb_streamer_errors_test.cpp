@@ -14,19 +14,9 @@ namespace
 const char kSignature[] = "void VideoDaemon::OrbStreamer::PipelineError(int, std::__cxx11::string)";
 const std::vector<std::string> kCaptures { "RecordingState", "AutoLogState", "SnapVoiceState" };
 
-// The live picture runs (test input to the display) before each case.
 class OrbStreamerErrors : public ::testing::Test, public StreamerFixture
 {
 protected:
-    void SetUp() override
-    {
-        streamer.InitializePipelines();
-        streamer.ListenToInput(0);
-        ASSERT_EQ(0, At(kTestInputIndex).SetState(GST_STATE_PLAYING));
-        streamer.StartVideoPipelines();
-        ASSERT_TRUE(AllPlaying({ kGpuIndex, kDisplayIndex }));
-    }
-
     void SetCaptures(int video, int autolog, int snapvoice)
     {
         streamer.State().Set("RecordingState", video);
@@ -40,12 +30,12 @@ protected:
     {
         std::vector<int> states;
         for (const std::string& name : kCaptures)
-            states.push_back(streamer.State().Get(name));
+            states.push_back(State(name));
         return states;
     }
 
-    // Posts an error on the bus of the pipeline at `index`, as a failing
-    // element does, and waits until the streamer has handled it.
+    // Posts an error on the bus of the pipeline at `index`, as a failing element does, and waits until
+    // the streamer has handled it.
     void RaiseError(int index)
     {
         GstElement* top = GST_ELEMENT(At(index).GetPipeline());
@@ -60,59 +50,47 @@ protected:
     std::vector<std::string> CaptureLines() { return LinesStartingWith(log, LOG_ERR, kSignature); }
 };
 
-TEST_F(OrbStreamerErrors, AMicrophoneOrAacErrorMarksEveryActiveOrPausedCaptureFailedAndLeavesTheRest)
+TEST_F(
+    OrbStreamerErrors, AnErrorBreaksOnlyTheActiveOrPausedCapturesOfItsPipelinesChainAndTheLivePictureGoesOn)
 {
+    ASSERT_TRUE(StartLivePicture());
+    const std::string line = std::string(kSignature) + ": pipeline error(s) while recording ";
+    // The microphone and the AAC encoder feed every capture; playback is untouched.
     for (int index : { kMicInputIndex, kAacEncodeIndex }) {
         SetCaptures(1, 0, 2);
         streamer.State().Set("PlaybackState", 1);
         announced.clear();
         RaiseError(index);
-
         EXPECT_EQ((std::vector<int> { -1, 0, -1 }), Captures()) << index;
-        EXPECT_EQ(1, streamer.State().Get("PlaybackState"));
-        EXPECT_EQ(
-            (std::vector<std::string> { std::string(kSignature) + ": pipeline error(s) while recording video",
-                std::string(kSignature) + ": pipeline error(s) while recording snapVoice" }),
-            CaptureLines());
+        EXPECT_EQ(1, State("PlaybackState"));
+        EXPECT_EQ((std::vector<std::string> { line + "video", line + "snapVoice" }), CaptureLines());
         EXPECT_EQ((std::vector<Announcement> { { { "RecordingState", "InactiveCaptures" }, true },
                       { { "SnapVoiceState", "InactiveCaptures" }, true } }),
             announced);
-        // The live picture goes on.
-        EXPECT_TRUE(AllPlaying({ kGpuIndex, kOverlayDisplayIndex, kDisplayIndex }));
+        EXPECT_TRUE(AllPlaying({ kGpuIndex, kOverlayDisplayIndex, kDisplayIndex })) << index;
     }
-}
 
-TEST_F(OrbStreamerErrors, AnAutologEncoderErrorTouchesOnlyAutologAndAVideoEncoderErrorSparesIt)
-{
+    // The autolog encoder breaks autolog alone; the "video" encoder recording and SnapVoice.
     SetCaptures(1, 1, 1);
     RaiseError(kH264AutologIndex);
     EXPECT_EQ((std::vector<int> { 1, -1, 1 }), Captures());
     EXPECT_EQ((std::vector<Announcement> { { { "AutoLogState", "InactiveCaptures" }, true } }), announced);
-    EXPECT_EQ((std::vector<std::string> {
-                  std::string(kSignature) + ": pipeline error(s) while recording autolog" }),
-        CaptureLines());
-
-    // The "video" encoder feeds recording and SnapVoice.
+    EXPECT_EQ((std::vector<std::string> { line + "autolog" }), CaptureLines());
     SetCaptures(1, 1, 2);
     RaiseError(kH264VideoIndex);
     EXPECT_EQ((std::vector<int> { -1, 1, -1 }), Captures());
     EXPECT_EQ(2u, announced.size());
-}
 
-TEST_F(OrbStreamerErrors, AnInactiveOrAlreadyFailedCaptureIsNeitherLoggedNorAnnounced)
-{
+    // An inactive or already failed capture is neither logged nor announced.
     SetCaptures(0, -1, 0);
     RaiseError(kAacEncodeIndex);
     EXPECT_EQ((std::vector<int> { 0, -1, 0 }), Captures());
     EXPECT_TRUE(CaptureLines().empty());
     EXPECT_TRUE(announced.empty());
-}
 
-// Every index against the chains: recording breaks with the camera inputs,
-// its encoder and muxer, the microphone and AAC; autolog with its own encoder
-// and muxer instead; SnapVoice with the "video" encoder and its muxer.
-TEST_F(OrbStreamerErrors, EachPipelineBreaksExactlyTheCapturesOfItsChain)
-{
+    // Every index against the chains: recording breaks with the camera inputs, its encoder and muxer, the
+    // microphone and AAC; autolog with its own encoder and muxer instead; SnapVoice with the "video"
+    // encoder and its muxer.
     const std::map<std::string, std::set<int>> chains {
         { "RecordingState",
             { kNtscCameraIndex, kPalCameraIndex, kH264VideoIndex, kMp4muxVideoIndex, kMicInputIndex,
@@ -131,7 +109,7 @@ TEST_F(OrbStreamerErrors, EachPipelineBreaksExactlyTheCapturesOfItsChain)
         EXPECT_TRUE(log.Contains(LOG_ERR, "[Streamer] error in pipeline " + At(index).GetName())) << index;
         for (size_t at = 0; at < kCaptures.size(); ++at) {
             const bool broken = chains.at(kCaptures[at]).count(index) == 1;
-            EXPECT_EQ(broken ? -1 : before[at], streamer.State().Get(kCaptures[at]))
+            EXPECT_EQ(broken ? -1 : before[at], State(kCaptures[at]))
                 << kCaptures[at] << " after an error in " << index;
         }
     }

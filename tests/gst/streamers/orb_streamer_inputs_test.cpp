@@ -119,14 +119,14 @@ TEST_F(OrbStreamerInputs, TheStandardIsTheDecodersOnlyWhileTheSystemControllerRe
     EXPECT_EQ(0, streamer.GetCameraStandard());
 }
 
-TEST_F(OrbStreamerInputs, StartUpOnTheNtscCameraLinksItToTheGpuAndTheLiveStreamServedOnItsPort)
+TEST_F(OrbStreamerInputs, StartUpOnTheNtscCameraLinksItToTheGpuServesTheLiveStreamAndArmsThePeriodicTimer)
 {
     ASSERT_TRUE(StartPeer("helm", { "--video-status", "1" })) << LastError();
     WriteStandard("NTSC\n");
     EXPECT_EQ(0, streamer.Start());
 
-    EXPECT_EQ(1, streamer.State().Get("VideoInput"));
-    EXPECT_EQ(1, streamer.State().Get("CaptureActive"));
+    EXPECT_EQ(1, State("VideoInput"));
+    EXPECT_EQ(1, State("CaptureActive"));
     EXPECT_EQ(1, streamer.GetInput());
     EXPECT_TRUE(log.Contains(LOG_INFO, "[OrbStreamer] Launched NTSC pipeline OK"));
     EXPECT_TRUE(log.Contains(LOG_INFO, "listening to input 1"));
@@ -168,6 +168,26 @@ TEST_F(OrbStreamerInputs, StartUpOnTheNtscCameraLinksItToTheGpuAndTheLiveStreamS
     };
     EXPECT_GT(differ(live, still), 20.0);
     EXPECT_GT(differ(live_again, still), 20.0);
+
+    // The periodic timer reports capture growth on the motion handler's interval.
+    streamer.Motion().SetUpdateInterval(100);
+    streamer.SetMaximumFilesize(100 << 20);
+    std::vector<std::string> grew;
+    streamer.signal_file_grew.connect([&](std::string name, std::string, bool) { grew.push_back(name); });
+    auto& muxer = static_cast<Mp4muxPipeline&>(At(kMp4muxAutologIndex));
+    muxer.OpenRecord("/tmp/videod-growth.mp4");
+    GstBufferPtr buffer(gst_buffer_new_allocate(nullptr, OrbStreamer::kGrowthStep, nullptr));
+    GstPtr<GstElement> tracker = muxer.FindElement(VIDEOD_FUNCTION, "autolog_mp4mux_tracker");
+    ASSERT_TRUE(tracker);
+    g_signal_emit_by_name(tracker.get(), "handoff", buffer.get());
+    EXPECT_TRUE(RunMainLoopUntil([&] { return !grew.empty(); }, 2000));
+    EXPECT_EQ(std::vector<std::string> { "AutoLogGrew" }, grew);
+    // A longer interval re-arms the timer.
+    streamer.Motion().SetUpdateInterval(3000);
+    g_signal_emit_by_name(tracker.get(), "handoff", buffer.get());
+    RunMainLoopUntil([&] { return grew.size() > 1; }, 1500);
+    EXPECT_EQ(1u, grew.size());
+    muxer.CloseRecord(false);
 }
 
 TEST_F(OrbStreamerInputs, EachInputSwitchLeavesOneCameraLaunchedAndItsFramesReachingTheGpu)
@@ -207,35 +227,10 @@ TEST_F(OrbStreamerInputs, EachInputSwitchLeavesOneCameraLaunchedAndItsFramesReac
     // connection.
     streamer.SetRemote("127.0.0.1", 9);
     streamer.SetInput(3);
-    EXPECT_EQ(3, streamer.State().Get("VideoInput"));
+    EXPECT_EQ(3, State("VideoInput"));
     EXPECT_TRUE(log.Contains(LOG_INFO, "[OrbStreamer] Launched TCP Client pipeline OK"));
     EXPECT_EQ("camera_input_video", ListeningTo(At(kGpuIndex), "gpu_source"));
     EXPECT_EQ(GST_STATE_NULL, At(kNtscCameraIndex).GetState());
-}
-
-TEST_F(OrbStreamerInputs, ThePeriodicTimerReportsCaptureGrowthOnTheMotionHandlersInterval)
-{
-    streamer.Motion().SetUpdateInterval(100);
-    ASSERT_EQ(0, streamer.Start());
-    streamer.SetMaximumFilesize(100 << 20);
-    std::vector<std::string> grew;
-    streamer.signal_file_grew.connect([&](std::string name, std::string, bool) { grew.push_back(name); });
-
-    auto& muxer = static_cast<Mp4muxPipeline&>(At(kMp4muxAutologIndex));
-    muxer.OpenRecord("/tmp/videod-growth.mp4");
-    GstBufferPtr buffer(gst_buffer_new_allocate(nullptr, OrbStreamer::kGrowthStep, nullptr));
-    GstPtr<GstElement> tracker = muxer.FindElement(VIDEOD_FUNCTION, "autolog_mp4mux_tracker");
-    ASSERT_TRUE(tracker);
-    g_signal_emit_by_name(tracker.get(), "handoff", buffer.get());
-    EXPECT_TRUE(RunMainLoopUntil([&] { return !grew.empty(); }, 2000));
-    EXPECT_EQ(std::vector<std::string> { "AutoLogGrew" }, grew);
-
-    // A longer interval re-arms the timer.
-    streamer.Motion().SetUpdateInterval(3000);
-    g_signal_emit_by_name(tracker.get(), "handoff", buffer.get());
-    RunMainLoopUntil([&] { return grew.size() > 1; }, 1500);
-    EXPECT_EQ(1u, grew.size());
-    muxer.CloseRecord(false);
 }
 
 } // namespace

@@ -10,12 +10,12 @@ using namespace StreamerHarness;
 namespace
 {
 
-// The live picture runs (test input to the display) with the flags given.
+// A streamer with the flags given and its metrics signals recorded.
 class OrbStreamerMetrics : public StreamerFixture
 {
 public:
-    explicit OrbStreamerMetrics(OrbStreamer::DebugMetrics metrics)
-        : StreamerFixture(metrics)
+    OrbStreamerMetrics(bool fps_probes, bool queue_signals)
+        : StreamerFixture(OrbStreamer::DebugMetrics { fps_probes, queue_signals })
     {
         streamer.signal_metrics_probe_fps.connect([this](std::string name, int32_t fps) {
             if (fps > 0)
@@ -28,34 +28,18 @@ public:
         streamer.signal_metrics_overrun.connect([this](std::string queue) { overruns.insert(queue); });
     }
 
-    void StartLivePicture()
-    {
-        streamer.InitializePipelines();
-        streamer.ListenToInput(0);
-        ASSERT_EQ(0, At(kTestInputIndex).SetState(GST_STATE_PLAYING));
-        streamer.StartVideoPipelines();
-    }
-
     std::map<std::string, int32_t> running_rates;
     std::set<std::string> reported;
     std::map<std::string, int> reports;
     std::set<std::string> underruns, runnings, overruns;
 };
 
-OrbStreamer::DebugMetrics Flags(bool fps_probes, bool queue_signals)
-{
-    OrbStreamer::DebugMetrics metrics;
-    metrics.fps_probes = fps_probes;
-    metrics.queue_signals = queue_signals;
-    return metrics;
-}
-
 TEST(OrbStreamerMetrics, FpsProbesReportTheFrameRateOfEveryProbedPipeline)
 {
-    OrbStreamerMetrics metrics(Flags(true, false));
+    OrbStreamerMetrics metrics(true, false);
     EXPECT_TRUE(metrics.log.Contains(
         LOG_WARNING, "Activating FPS probes [This should be active only in DEBUG system]"));
-    metrics.StartLivePicture();
+    ASSERT_TRUE(metrics.StartLivePicture());
 
     std::vector<std::string> activated;
     for (int index = 0; index < static_cast<int>(PipelineGraph::kPipelineCount); ++index)
@@ -84,10 +68,10 @@ TEST(OrbStreamerMetrics, FpsProbesReportTheFrameRateOfEveryProbedPipeline)
 
 TEST(OrbStreamerMetrics, QueueNotificationsArePassedOnWhenAskedFor)
 {
-    OrbStreamerMetrics metrics(Flags(false, true));
+    OrbStreamerMetrics metrics(false, true);
     EXPECT_TRUE(metrics.log.Contains(
         LOG_WARNING, "Enabling Queue status signals [This should be active only in DEBUG system]"));
-    metrics.StartLivePicture();
+    ASSERT_TRUE(metrics.StartLivePicture());
     // A queue that passes frames one by one runs dry between them.
     ASSERT_TRUE(
         RunMainLoopUntil([&] { return !metrics.underruns.empty() && !metrics.runnings.empty(); }, 10000));
@@ -100,11 +84,10 @@ TEST(OrbStreamerMetrics, QueueNotificationsArePassedOnWhenAskedFor)
 
 TEST(OrbStreamerMetrics, WithoutTheFlagsNothingIsReported)
 {
-    OrbStreamerMetrics metrics(Flags(false, false));
-    metrics.StartLivePicture();
-    ASSERT_TRUE(metrics.AllPlaying({ kGpuIndex, kDisplayIndex }));
+    OrbStreamerMetrics metrics(false, false);
+    ASSERT_TRUE(metrics.StartLivePicture());
     // Long enough for a report and for queues to change: 1.5 s of picture.
-    RunMainLoopUntil([] { return false; }, 1500);
+    RunMainLoopFor(1500);
     EXPECT_TRUE(metrics.reported.empty());
     EXPECT_TRUE(metrics.underruns.empty() && metrics.runnings.empty() && metrics.overruns.empty());
     EXPECT_FALSE(metrics.log.ContainsText("Activate FPS probe"));

@@ -36,7 +36,6 @@ protected:
 
     std::string Clip() const { return dir.File("clip.mp4"); }
     std::string SnapVoiceClip() const { return dir.File("snapvoice-clip.mp4"); }
-    int State(const char* name) { return streamer.State().Get(name); }
 
     bool DisplayDropsFrames()
     {
@@ -51,8 +50,16 @@ protected:
     std::vector<bool> progress;
 };
 
-TEST_F(OrbStreamerPlayback, AFilePlaysPausesResumesSeeksAndLeavesItsLastFrameUntilAStopWithExit)
+TEST_F(OrbStreamerPlayback, AFilePlaysPausesResumesSeeksAndLeavesItsLastFrameAndEachStartRebuildsThePipeline)
 {
+    EXPECT_EQ(-1, streamer.StartPlayback("", 1.0));
+    EXPECT_TRUE(log.Contains(LOG_ERR, std::string(kStartSignature) + ": filename is empty"));
+    EXPECT_EQ(-1, streamer.StartPlayback(dir.File("none.mp4"), 1.0));
+    EXPECT_TRUE(log.Contains(
+        LOG_ERR, std::string(kStartSignature) + ": filename " + dir.File("none.mp4") + " doesn't exist"));
+    EXPECT_EQ(0, State("PlaybackState"));
+    EXPECT_FALSE(DisplayDropsFrames());
+
     ASSERT_GE(streamer.StartPlayback(Clip(), 1.0), 0);
     EXPECT_EQ(1, State("PlaybackState"));
     EXPECT_EQ(1, State("DisplayContent"));
@@ -90,20 +97,11 @@ TEST_F(OrbStreamerPlayback, AFilePlaysPausesResumesSeeksAndLeavesItsLastFrameUnt
     ASSERT_TRUE(RunMainLoopUntil([&] { return State("DisplayContent") == 0; }, 3000));
     EXPECT_FALSE(DisplayDropsFrames());
     EXPECT_EQ(1, State("IsExitPlayback"));
-}
 
-TEST_F(OrbStreamerPlayback, EachStartRebuildsThePipelineForItsKindAndBadNamesAreRefused)
-{
-    EXPECT_EQ(-1, streamer.StartPlayback("", 1.0));
-    EXPECT_TRUE(log.Contains(LOG_ERR, std::string(kStartSignature) + ": filename is empty"));
-    EXPECT_EQ(-1, streamer.StartPlayback(dir.File("none.mp4"), 1.0));
-    EXPECT_TRUE(log.Contains(
-        LOG_ERR, std::string(kStartSignature) + ": filename " + dir.File("none.mp4") + " doesn't exist"));
-    EXPECT_EQ(0, State("PlaybackState"));
-    EXPECT_FALSE(DisplayDropsFrames());
-
+    // A start while a file plays rebuilds the pipeline; a SnapVoice file shows its picture instead of the
+    // video.
     ASSERT_GE(streamer.StartPlayback(Clip(), 1.0), 0);
-    // A SnapVoice file shows its picture instead of the video.
+    log.Clear();
     ASSERT_GE(streamer.StartPlayback(SnapVoiceClip(), 1.0), 0);
     EXPECT_TRUE(log.Contains(LOG_INFO, "[Streamer] Deleting Playback Pipeline"));
     EXPECT_TRUE(log.ContainsText("Playing JPEG: " + SnapVoiceClip() + "-thumb.jpg"));

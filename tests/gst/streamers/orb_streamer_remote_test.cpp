@@ -99,7 +99,7 @@ TEST_F(OrbStreamerRemote, ALostRemotePictureShowsTheBlankFrameAndReturnsWhenTheS
 
     streamer.SwitchLocalRemote(true);
     EXPECT_TRUE(log.Contains(LOG_INFO, "SwitchLocalRemote: Starting input: 3"));
-    EXPECT_EQ(3, streamer.State().Get("VideoInput"));
+    EXPECT_EQ(3, State("VideoInput"));
     // Linked when the client reports its connection.
     ASSERT_TRUE(RunMainLoopUntil([&] { return GpuSource() == "tcpclient_video"; }, 15000));
     EXPECT_TRUE(log.Contains(LOG_ERR, "Showing TCP stream..."));
@@ -128,22 +128,23 @@ TEST_F(OrbStreamerRemote, ALostRemotePictureShowsTheBlankFrameAndReturnsWhenTheS
 
     // Back to the unit's own input.
     streamer.SwitchLocalRemote(false);
-    EXPECT_EQ(0, streamer.State().Get("VideoInput"));
+    EXPECT_EQ(0, State("VideoInput"));
     EXPECT_EQ("test_input_sink", GpuSource());
     EXPECT_NE(GST_STATE_PLAYING, At(kTcpClientIndex).GetState());
 }
 
-TEST_F(OrbStreamerRemote, TheVideoStatusTearsTheCameraDownAndChoosesItAgainOnceThePictureIsBack)
+TEST_F(OrbStreamerRemote, TheVideoStatusTearsTheCameraDownAndChoosesItAgainAndACameraLogsItsFeatures)
 {
     std::ofstream(StandardFile()) << "PAL\n";
     ASSERT_TRUE(StartPeer("helm", { "--video-status", "1" })) << LastError();
+    ASSERT_TRUE(StartPeer("camd", { "--features", "Hdr,Tiling,DigitalSL" })) << LastError();
     streamer.InitializePipelines();
     streamer.ConnectToPeers();
     streamer.StartInputs();
-    ASSERT_EQ(2, streamer.State().Get("VideoInput"));
+    ASSERT_EQ(2, State("VideoInput"));
 
     ASSERT_EQ(0, Set(kHelm, kHelmObject, kHelmControl, "VideoStatus", { "i", "0" }));
-    ASSERT_TRUE(RunMainLoopUntil([&] { return streamer.State().Get("VideoInput") == 0; }, 5000));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return State("VideoInput") == 0; }, 5000));
     EXPECT_TRUE(log.Contains(LOG_INFO, "[OrbStreamer] Tear-down PAL pipeline"));
     EXPECT_EQ(nullptr, At(kPalCameraIndex).GetPipeline());
     EXPECT_EQ("test_input_sink", GpuSource());
@@ -152,17 +153,12 @@ TEST_F(OrbStreamerRemote, TheVideoStatusTearsTheCameraDownAndChoosesItAgainOnceT
     ASSERT_EQ(0, Set(kHelm, kHelmObject, kHelmControl, "VideoStatus", { "i", "1" }));
     // Chosen again only after the picture has settled.
     const gint64 start = g_get_monotonic_time();
-    ASSERT_TRUE(RunMainLoopUntil([&] { return streamer.State().Get("VideoInput") == 1; }, 5000));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return State("VideoInput") == 1; }, 5000));
     EXPECT_GE(g_get_monotonic_time() - start, 450 * 1000);
     EXPECT_EQ("camera_input_video", GpuSource());
-}
 
-TEST_F(OrbStreamerRemote, ACameraConnectedOrLostLogsItsFeatures)
-{
-    ASSERT_TRUE(StartPeer("camd", { "--features", "Hdr,Tiling,DigitalSL" })) << LastError();
-    streamer.InitializePipelines();
-    streamer.ConnectToPeers();
-
+    // The camera daemon's active camera: its features logged when connected.
+    log.Clear();
     streamer.ReconnectActiveCamera(0);
     EXPECT_TRUE(log.Contains(LOG_INFO, "New camera connected with idx:0"));
     EXPECT_TRUE(log.Contains(LOG_INFO, "[Streamer]: Camera features changed"));

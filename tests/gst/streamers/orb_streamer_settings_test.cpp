@@ -30,27 +30,18 @@ protected:
     {
     }
 
-    // Starts the settings peer with the client subscribed to it.
-    void StartSettings()
-    {
-        ASSERT_TRUE(StartPeer("settings")) << LastError();
-        ASSERT_EQ(0, Settings().Listen());
-    }
-
-    Settingsd::SettingsDaemonDbusHandler& Settings() { return *settings; }
-
     int SetSetting(const std::string& section, const std::string& key, const std::vector<std::string>& value)
     {
         return Set(kService, kBase + section, kService, key, value);
     }
 
-    // Announces a change of `section` as the settings daemon does, with any
-    // value, and waits until the client has passed it on.
+    // Announces a change of `section` as the settings daemon does, with any value, and waits until the
+    // client has passed it on.
     bool Announce(const std::string& section, const std::vector<std::string>& changed)
     {
         bool seen = false;
         sigc::connection connection
-            = Settings().SectionSignal(section)->connect([&](const TypedPropertyMap&) { seen = true; });
+            = settings->SectionSignal(section)->connect([&](const TypedPropertyMap&) { seen = true; });
         std::vector<std::string> args { "osa{sv}", std::string(kBase) + section, kService };
         args.insert(args.end(), changed.begin(), changed.end());
         const bool sent
@@ -93,9 +84,10 @@ TEST_F(OrbStreamerSettings, WithoutTheSettingsDaemonEveryKeyKeepsItsDefaultAndCo
     EXPECT_FALSE(streamer.GetSystemMicMute());
 }
 
-TEST_F(OrbStreamerSettings, StoredValuesAreAppliedAndTheMicrophoneStartsAsStored)
+TEST_F(OrbStreamerSettings, StoredValuesAreAppliedAndChangesReachTheEncodersRotationAndZoomButBadValuesNot)
 {
-    StartSettings();
+    ASSERT_TRUE(StartPeer("settings")) << LastError();
+    ASSERT_EQ(0, settings->Listen());
     ASSERT_EQ(0, SetSetting("videoRecording", "h264EncodingQuantization", { "u", "30" }));
     ASSERT_EQ(0, SetSetting("autologRecording", "h264EncodingGop", { "u", "8" }));
     ASSERT_EQ(0, SetSetting("video", "rotationSteps", { "s", "90" }));
@@ -118,14 +110,8 @@ TEST_F(OrbStreamerSettings, StoredValuesAreAppliedAndTheMicrophoneStartsAsStored
         LOG_ERR, "Valid deinterlace method, _Input is not set yet. Not setting Deinterlace Method"));
     EXPECT_EQ("low-motion", streamer.GetDeinterlaceMethod());
     EXPECT_TRUE(LinesStartingWith(log, LOG_WARNING, "Failed to fetch ").empty());
-}
 
-TEST_F(OrbStreamerSettings, ChangesReachTheEncodersRotationAndZoomAndBadValuesAreRefused)
-{
-    StartSettings();
-    streamer.InitializePipelines();
-    streamer.ConfigureFromSettings();
-
+    // Changes while the daemon runs reach the encoders, rotation and zoom; bad values are refused.
     ASSERT_TRUE(Announce("videoRecording", { "1", "h264EncodingBitrate", "u", "2000" }));
     EXPECT_EQ(2000u, streamer.Encoder(OrbStreamer::kVideoCapture).GetBitrate());
     EXPECT_EQ(0u, streamer.Encoder(OrbStreamer::kAutoLogCapture).GetBitrate());

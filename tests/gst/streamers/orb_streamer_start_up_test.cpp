@@ -25,67 +25,57 @@ std::string ClassOf(Pipeline& pipeline)
     return status == 0 ? name.get() : "";
 }
 
-TEST_F(OrbStreamerStartUp, CreatesEachPipelineOfTheClassAndNameTheGraphTableGivesInIndexOrder)
+const std::string kDashes = "---------------------------------------------";
+
+TEST_F(OrbStreamerStartUp, InitialisationCreatesLaunchesAndLinksThePipelinesOfTheGraphTableInIndexOrder)
 {
     streamer.InitializePipelines();
+
+    // Each pipeline of the table's class; a name argument is the prefix of its element names.
     for (const PipelineGraph::Node& node : PipelineGraph::Nodes()) {
         ASSERT_NE(nullptr, streamer.GetPipeline(node.index)) << node.index;
         EXPECT_EQ(std::string("VideoDaemon::") + node.class_name, ClassOf(At(node.index))) << node.index;
-        // A name argument is the prefix of the pipeline's element names.
         if (node.argument && node.index != kPlaybackIndex) {
             EXPECT_NE(std::string::npos, At(node.index).GetSinkName().find(node.argument)) << node.index;
         }
     }
     EXPECT_EQ(nullptr, streamer.GetPipeline(PipelineGraph::kPipelineCount));
-}
 
-TEST_F(OrbStreamerStartUp, InitialisesAllButTheCameraInputsAndTheInputMuxAndLogsEachResult)
-{
-    streamer.InitializePipelines();
-
+    // All but the camera inputs and the input mux launched, not started, each result logged.
     const std::vector<std::string> header = LinesStartingWith(log, LOG_INFO, "");
     ASSERT_GE(header.size(), 3u);
-    EXPECT_EQ((std::vector<std::string> { "---------------------------------------------",
-                  " Initialize pipelines ", "---------------------------------------------" }),
+    EXPECT_EQ((std::vector<std::string> { kDashes, " Initialize pipelines ", kDashes }),
         std::vector<std::string>(header.begin(), header.begin() + 3));
-
-    const std::vector<std::string> names { "TestInputPipeline", "GpuPipeline", "OverlayPipeline",
-        "OverlayPipeline", "DisplayPipeline", "AudioSpeakerPipeline", "H264EncodePipeline",
-        "video_Mp4muxPipeline", "MjpegEncodePipeline", "TcpServerPipeline", "SnapshotPipeline",
-        "MicInputPipeline", "AacEncodePipeline", "TcpClientPipeline", "snapvoice_Mp4muxPipeline",
-        "PlaybackPipeline", "H264EncodePipeline", "autolog_Mp4muxPipeline" };
     std::vector<std::string> expected;
-    for (const std::string& name : names)
-        expected.push_back("[Streamer] Initialized '" + name + "' pipeline with result:1");
+    for (const char* name : { "TestInputPipeline", "GpuPipeline", "OverlayPipeline", "OverlayPipeline",
+             "DisplayPipeline", "AudioSpeakerPipeline", "H264EncodePipeline", "video_Mp4muxPipeline",
+             "MjpegEncodePipeline", "TcpServerPipeline", "SnapshotPipeline", "MicInputPipeline",
+             "AacEncodePipeline", "TcpClientPipeline", "snapvoice_Mp4muxPipeline", "PlaybackPipeline",
+             "H264EncodePipeline", "autolog_Mp4muxPipeline" })
+        expected.push_back(std::string("[Streamer] Initialized '") + name + "' pipeline with result:1");
     EXPECT_EQ(expected, LinesStartingWith(log, LOG_INFO, "[Streamer] Initialized '"));
-
     for (int index = 0; index < static_cast<int>(PipelineGraph::kPipelineCount); ++index) {
         const bool on_demand
             = index == kNtscCameraIndex || index == kPalCameraIndex || index == kInputMuxIndex;
         EXPECT_EQ(on_demand, At(index).GetPipeline() == nullptr) << index;
-        // Launched, not started.
         EXPECT_EQ(GST_STATE_NULL, At(index).GetState()) << index;
     }
     EXPECT_TRUE(announced.empty());
-}
 
-TEST_F(OrbStreamerStartUp, EveryFixedLinkPointsTheListenersSourceAtItsProducersSink)
-{
-    streamer.InitializePipelines();
-    struct Expected {
+    // Every fixed link points the listener's source at its producer's sink, and is recorded.
+    struct Link {
         int listener;
         std::string source;
         int producer;
     };
-    const std::string aac_source = At(kAacEncodeIndex).GetSourceName();
-    const std::vector<Expected> links {
+    const std::vector<Link> links {
         { kOverlayDisplayIndex, "svg_overlay_source_display", kGpuIndex },
         { kOverlayRecordingIndex, "svg_overlay_source_recording", kGpuIndex },
         { kDisplayIndex, "display_source", kOverlayDisplayIndex },
         { kH264VideoIndex, "video_h264_source", kOverlayRecordingIndex },
         { kSnapshotIndex, "snapshot_source", kOverlayRecordingIndex },
         { kH264AutologIndex, "autolog_h264_source", kOverlayRecordingIndex },
-        { kAacEncodeIndex, aac_source, kMicInputIndex },
+        { kAacEncodeIndex, At(kAacEncodeIndex).GetSourceName(), kMicInputIndex },
         { kMp4muxVideoIndex, "video_mp4mux_video0", kH264VideoIndex },
         { kMp4muxVideoIndex, "video_mp4mux_audio0", kAacEncodeIndex },
         { kTcpServerIndex, "tcp_server_source", kMjpegEncodeIndex },
@@ -94,22 +84,17 @@ TEST_F(OrbStreamerStartUp, EveryFixedLinkPointsTheListenersSourceAtItsProducersS
         { kMp4muxAutologIndex, "autolog_mp4mux_video0", kH264AutologIndex },
         { kMp4muxAutologIndex, "autolog_mp4mux_audio0", kAacEncodeIndex },
     };
-    for (const Expected& link : links) {
-        Pipeline& producer = At(link.producer);
-        EXPECT_EQ(producer.GetSinkName(), ListeningTo(At(link.listener), link.source)) << link.source;
+    for (const Link& link : links) {
+        EXPECT_EQ(At(link.producer).GetSinkName(), ListeningTo(At(link.listener), link.source))
+            << link.source;
         auto recorded = At(link.listener).GetListeningTo().find(link.source);
         ASSERT_NE(At(link.listener).GetListeningTo().end(), recorded) << link.source;
-        EXPECT_EQ(&producer, recorded->second) << link.source;
+        EXPECT_EQ(&At(link.producer), recorded->second) << link.source;
     }
-    const std::vector<std::string> section = LinesStartingWith(log, LOG_INFO, " Connect pipelines ");
-    EXPECT_EQ(1u, section.size());
-    // The inputs are linked when one is selected.
+    EXPECT_EQ(1u, LinesStartingWith(log, LOG_INFO, " Connect pipelines ").size());
+    // The inputs are linked when one is selected: the GPU, then the MJPEG encoder, which the producer
+    // therefore remembers.
     EXPECT_EQ("", ListeningTo(At(kGpuIndex), "gpu_source"));
-}
-
-TEST_F(OrbStreamerStartUp, ListenToInputPointsTheGpuAndThenTheMjpegEncoderAtTheSelectedInput)
-{
-    streamer.InitializePipelines();
     const std::vector<std::pair<int, int>> inputs { { 1, kNtscCameraIndex }, { 2, kPalCameraIndex },
         { 3, kTcpClientIndex }, { 0, kTestInputIndex }, { 7, kTestInputIndex } };
     for (const auto& [input, producer] : inputs) {
@@ -120,12 +105,11 @@ TEST_F(OrbStreamerStartUp, ListenToInputPointsTheGpuAndThenTheMjpegEncoderAtTheS
         EXPECT_EQ(sink, ListeningTo(At(kGpuIndex), "gpu_source")) << input;
         EXPECT_EQ(sink, ListeningTo(At(kMjpegEncodeIndex), "mjpeg_encode_source")) << input;
         EXPECT_EQ(&At(producer), At(kGpuIndex).GetListeningTo().at("gpu_source")) << input;
-        // The MJPEG encoder is pointed last, so the producer remembers it.
         EXPECT_EQ(&At(kMjpegEncodeIndex), At(producer).GetListeners().at(sink)) << input;
     }
 }
 
-TEST_F(OrbStreamerStartUp, StartVideoPipelinesStartsTheAlwaysOnPipelinesInTheirOrderAndLeavesTheRestIdle)
+TEST_F(OrbStreamerStartUp, TheAlwaysOnPipelinesStartInTheirOrderAndTheStopSweepBringsAllToNull)
 {
     streamer.InitializePipelines();
     streamer.ListenToInput(0);
@@ -133,11 +117,10 @@ TEST_F(OrbStreamerStartUp, StartVideoPipelinesStartsTheAlwaysOnPipelinesInTheirO
     log.Clear();
     EXPECT_EQ(0, streamer.StartVideoPipelines());
 
-    const std::vector<std::string> dashes(1, "---------------------------------------------");
     const std::vector<std::string> lines = LinesStartingWith(log, LOG_INFO, "");
     ASSERT_GE(lines.size(), 4u);
     EXPECT_EQ(" Starting video pipelines ", lines[1]);
-    EXPECT_EQ(dashes[0], lines.back());
+    EXPECT_EQ(kDashes, lines.back());
     std::vector<std::string> started;
     for (const std::string& line : lines)
         if (line.find("] Set state [") != std::string::npos)
@@ -148,9 +131,8 @@ TEST_F(OrbStreamerStartUp, StartVideoPipelinesStartsTheAlwaysOnPipelinesInTheirO
                   "[DisplayPipeline] Set state [PLAYING]", "[H264EncodePipeline] Set state [PLAYING]",
                   "[SnapshotPipeline] Set state [PLAYING]" }),
         started);
-
-    // Those with a picture to pass play; the speaker and the snapshot sink
-    // wait for their first buffer (sound from playback, a snapshot request).
+    // Those with a picture to pass play; the speaker and the snapshot sink wait for their first buffer
+    // (sound from playback, a snapshot request).
     EXPECT_TRUE(AllPlaying({ kGpuIndex, kOverlayDisplayIndex, kMicInputIndex, kOverlayRecordingIndex,
         kDisplayIndex, kH264VideoIndex }));
     for (int index : { kAudioSpeakerIndex, kSnapshotIndex })
@@ -158,29 +140,20 @@ TEST_F(OrbStreamerStartUp, StartVideoPipelinesStartsTheAlwaysOnPipelinesInTheirO
     for (int index : { kMp4muxVideoIndex, kMjpegEncodeIndex, kTcpServerIndex, kAacEncodeIndex,
              kTcpClientIndex, kSnapvoiceIndex, kPlaybackIndex, kH264AutologIndex, kMp4muxAutologIndex })
         EXPECT_EQ(GST_STATE_NULL, At(index).GetState()) << index;
-    // Nothing failed to change.
-    EXPECT_TRUE(LinesStartingWith(log, LOG_ERR, "").empty());
+    EXPECT_TRUE(LinesStartingWith(log, LOG_ERR, "").empty()) << "nothing failed to change";
     // The display is turned upside down (rotation 5 of the IPU sink).
     int rotation = 0;
     EXPECT_TRUE(
         At(kDisplayIndex).GetElementProperty(VIDEOD_FUNCTION, "display_sink", "output-rotation", rotation));
     EXPECT_EQ(5, rotation);
-}
 
-TEST_F(OrbStreamerStartUp, StopPipelinesBringsEveryPipelineToNullAndAnnouncesTheCaptureIsOff)
-{
-    streamer.InitializePipelines();
-    streamer.ListenToInput(0);
-    ASSERT_EQ(0, At(kTestInputIndex).SetState(GST_STATE_PLAYING));
-    streamer.StartVideoPipelines();
-    ASSERT_TRUE(AllPlaying({ kGpuIndex, kDisplayIndex }));
+    // The stop sweep, with the capture on; the only announcement so far.
     streamer.State().Set("CaptureActive", 1);
-
     streamer.StopPipelines();
     EXPECT_TRUE(log.Contains(LOG_INFO, "orb_streamer: stopping pipelines\n"));
     for (int index = 0; index < static_cast<int>(PipelineGraph::kPipelineCount); ++index)
         EXPECT_EQ(GST_STATE_NULL, At(index).GetState()) << index;
-    EXPECT_EQ(0, streamer.State().Get("CaptureActive"));
+    EXPECT_EQ(0, State("CaptureActive"));
     EXPECT_EQ((std::vector<Announcement> { { { "CaptureActive", "InactiveCaptures" }, true } }), announced);
 }
 

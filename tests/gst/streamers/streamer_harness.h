@@ -59,6 +59,19 @@ public:
     }
 
     Pipeline& At(int index) { return *streamer.GetPipeline(index); }
+    int State(const std::string& name) { return streamer.State().Get(name); }
+
+    // Launches the pipelines and runs the live picture: the test input
+    // through the GPU to the display.
+    ::testing::AssertionResult StartLivePicture()
+    {
+        streamer.InitializePipelines();
+        streamer.ListenToInput(0);
+        if (At(kTestInputIndex).SetState(GST_STATE_PLAYING) != 0)
+            return ::testing::AssertionFailure() << "the test input does not start";
+        streamer.StartVideoPipelines();
+        return AllPlaying({ kGpuIndex, kDisplayIndex });
+    }
 
     // Waits (bounded) until every pipeline of `indexes` is PLAYING; names
     // those that are not.
