@@ -156,8 +156,9 @@ private:
 
 } // namespace
 
-// A sink is a node from the moment it has a name: no pipeline state is needed to be found.
-TEST(InterpipeNodes, ASinkIsFoundByItsNameFromCreationAndByItsNewNameOnceRenamed)
+// A sink is a node from the moment it has a name: no pipeline state is needed
+// to be found. A second sink with a taken name starts but publishes nothing.
+TEST(InterpipeNodes, ASinkIsFoundByItsNameFromCreationAndOnceRenamedButNotUnderATakenName)
 {
     TestPipeline producer(Producer("node_first", "white"));
     TestPipeline listener(Listener("is-live=true listen-to=node_second"));
@@ -170,18 +171,15 @@ TEST(InterpipeNodes, ASinkIsFoundByItsNameFromCreationAndByItsNewNameOnceRenamed
     guint count = 0;
     g_object_get(sink.get(), "num-listeners", &count, nullptr);
     EXPECT_EQ(count, 1u);
-}
 
-TEST(InterpipeNodes, ASecondSinkWithATakenNameStartsButPublishesNothing)
-{
     TestPipeline first(Producer("dup_sink", "black"));
     TestPipeline second(Producer("dup_sink", "white"));
-    TestPipeline listener(Listener("is-live=true listen-to=dup_sink"));
+    TestPipeline dupListener(Listener("is-live=true listen-to=dup_sink"));
     ASSERT_TRUE(first.Play());
     ASSERT_TRUE(second.Play());
     EXPECT_FALSE(second.WaitFor(GST_MESSAGE_ERROR, 0));
-    ASSERT_TRUE(listener.Start());
-    EXPECT_TRUE(ReceivesFrom(listener, false));
+    ASSERT_TRUE(dupListener.Start());
+    EXPECT_TRUE(ReceivesFrom(dupListener, false));
     EXPECT_EQ(Listeners(first, "dup_sink"), 1u);
     EXPECT_EQ(Listeners(second, "dup_sink"), 0u);
 }
@@ -213,17 +211,31 @@ TEST(InterpipeNodes, AStoppedSinkKeepsItsListenersAndADestroyedOneLosesThemUntil
     EXPECT_TRUE(ReceivesFrom(listener, false));
 }
 
-// One listener, started before its sink exists, follows every change of
-// its producer while all pipelines keep playing.
-TEST(InterpipeRouting, ASourceFollowsSwitchesAndDetachingWithoutStoppingAnyPipeline)
+// A listener, started before its sink exists, follows every change of its
+// producer while all pipelines keep playing. Listeners of one producer share
+// its buffers without copies.
+TEST(InterpipeRouting, ASourceFollowsSwitchesAndDetachingWithoutStoppingAnyPipelineAndListenersShareBuffers)
 {
     TestPipeline listener(Listener("is-live=true listen-to=switch_white"));
-    ASSERT_TRUE(listener.Start());
+    TestPipeline first(Listener("is-live=true listen-to=switch_white"));
+    TestPipeline second(Listener("is-live=true listen-to=switch_white"));
+    TestPipeline third(Listener("is-live=true listen-to=switch_white max-buffers=1 leaky-type=2"));
+    for (const TestPipeline* p : { &listener, &first, &second, &third })
+        ASSERT_TRUE(p->Start());
     EXPECT_FALSE(listener.Pull("out", 300 * GST_MSECOND));
     TestPipeline black(Producer("switch_black", "black"));
     TestPipeline white(Producer("switch_white", "white"));
     ASSERT_TRUE(black.Play());
     ASSERT_TRUE(white.Play());
+    EXPECT_EQ(Listeners(white, "switch_white"), 4u);
+    // Each listener takes every frame in order; the second frame of each is
+    // the producer's own buffer (the first carries a discontinuity mark that
+    // each source sets on a metadata copy).
+    ASSERT_TRUE(first.Pull("out") && second.Pull("out") && third.Pull("out"));
+    GstSamplePtr a = first.Pull("out");
+    GstSamplePtr b = second.Pull("out");
+    ASSERT_TRUE(a && b);
+    EXPECT_EQ(gst_sample_get_buffer(a.get()), gst_sample_get_buffer(b.get()));
     EXPECT_TRUE(ReceivesFrom(listener, true));
 
     ListenTo(listener, "switch_black");
@@ -237,27 +249,6 @@ TEST(InterpipeRouting, ASourceFollowsSwitchesAndDetachingWithoutStoppingAnyPipel
     EXPECT_TRUE(ReceivesFrom(listener, false));
     for (const TestPipeline* p : { &black, &white, &listener })
         EXPECT_EQ(p->State(), GST_STATE_PLAYING);
-}
-
-TEST(InterpipeRouting, ManyListenersShareTheProducersBuffersWithoutCopies)
-{
-    TestPipeline producer(Producer("shared_sink", "white"));
-    TestPipeline first(Listener("is-live=true listen-to=shared_sink"));
-    TestPipeline second(Listener("is-live=true listen-to=shared_sink"));
-    TestPipeline third(Listener("is-live=true listen-to=shared_sink max-buffers=1 leaky-type=2"));
-    for (const TestPipeline* p : { &first, &second, &third })
-        ASSERT_TRUE(p->Start());
-    ASSERT_TRUE(producer.Play());
-    EXPECT_EQ(Listeners(producer, "shared_sink"), 3u);
-
-    // Each listener takes every frame in order; the second frame of each is
-    // the producer's own buffer (the first carries a discontinuity mark that
-    // each source sets on a metadata copy).
-    ASSERT_TRUE(first.Pull("out") && second.Pull("out") && third.Pull("out"));
-    GstSamplePtr a = first.Pull("out");
-    GstSamplePtr b = second.Pull("out");
-    ASSERT_TRUE(a && b);
-    EXPECT_EQ(gst_sample_get_buffer(a.get()), gst_sample_get_buffer(b.get()));
 }
 
 // Each event kind sent into the producer's sink pad, then a frame: a

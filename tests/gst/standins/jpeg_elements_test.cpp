@@ -72,7 +72,7 @@ TEST(Exif, AddsAnApp1SegmentThatAReaderFindsTheMakerInAndTheDemuxerRestoresTheOr
     }
 }
 
-TEST(StaticJpeg, ReplacesEveryFrameWithThePictureAndKeepsTheTimestamps)
+TEST(StaticJpeg, ReplacesEveryFrameWithThePictureKeepingTheTimestampsOrWithABuiltInOneAndAWarning)
 {
     TempDir dir;
     const std::string picture = dir.File("logo.jpg");
@@ -107,26 +107,23 @@ TEST(StaticJpeg, ReplacesEveryFrameWithThePictureAndKeepsTheTimestamps)
         EXPECT_EQ(GST_BUFFER_PTS(buffer), inputTimes[i]) << "frame " << i;
         EXPECT_EQ(BufferBytes(buffer), i < 5 ? inputBytes[i] : pictureBytes) << "frame " << i;
     }
-}
 
-TEST(StaticJpeg, ShowsABuiltInPictureWithAWarningWhenTheFileCannotBeRead)
-{
-    TempDir dir;
-    TestPipeline pipeline(kJpegFrames
+    // A file that cannot be read: a built-in picture, with a warning.
+    TestPipeline missing(kJpegFrames
         + "tarnwell-static-jpeg name=logo silent=false location=" + dir.File("missing.jpg")
         + " ! jpegdec ! video/x-raw,format=I420,width=320,height=240 ! appsink name=out sync=false");
-    ASSERT_TRUE(pipeline.Parsed() && pipeline.Play()) << pipeline.Error();
+    ASSERT_TRUE(missing.Parsed() && missing.Play()) << missing.Error();
 
     GstMessagePtr warning
-        = pipeline.WaitFor(static_cast<GstMessageType>(GST_MESSAGE_WARNING | GST_MESSAGE_ERROR));
+        = missing.WaitFor(static_cast<GstMessageType>(GST_MESSAGE_WARNING | GST_MESSAGE_ERROR));
     ASSERT_NE(warning, nullptr);
     EXPECT_EQ(GST_MESSAGE_TYPE(warning.get()), GST_MESSAGE_WARNING);
     EXPECT_STREQ(GST_OBJECT_NAME(GST_MESSAGE_SRC(warning.get())), "logo");
 
     // The moving input is gone: every frame decodes to the same picture of the stream's size
     // (the caps filter holds the size).
-    const std::vector<GstSamplePtr> samples = pipeline.PullAll("out");
-    ASSERT_EQ(samples.size(), 10u);
-    for (const GstSamplePtr& sample : samples)
-        EXPECT_EQ(SampleBytes(sample.get()), SampleBytes(samples.front().get()));
+    const std::vector<GstSamplePtr> pictures = missing.PullAll("out");
+    ASSERT_EQ(pictures.size(), 10u);
+    for (const GstSamplePtr& sample : pictures)
+        EXPECT_EQ(SampleBytes(sample.get()), SampleBytes(pictures.front().get()));
 }
