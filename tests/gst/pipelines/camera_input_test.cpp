@@ -63,8 +63,9 @@ protected:
 
 } // namespace
 
-TEST(CameraInputs, PublishAs640x480RgbaUnderTheirOwnNames)
+TEST(CameraInputs, PublishAs640x480RgbaUnderTheirOwnNamesAndSetTheirTransforms)
 {
+    LogCapture log;
     VideoDaemon::TestInputPipeline pattern;
     VideoDaemon::NtscCameraInputPipeline ntsc;
     VideoDaemon::PalCameraInputPipeline pal; // restamped to 29.97 fps
@@ -86,6 +87,52 @@ TEST(CameraInputs, PublishAs640x480RgbaUnderTheirOwnNames)
     }
     EXPECT_EQ(ntsc.GetQueueStates().count("vbi_queue"), 1u);
     EXPECT_GT(ntsc.GetProbeRates().at("ntsc_cam"), 0u);
+
+    // The deinterlace methods set the transform, and the NTSC camera's top-field flag.
+    // The getter names value 2 differently from the setter, and the setter
+    // refuses the getter's name.
+    const struct {
+        VideoDaemon::Pipeline* camera;
+        const char* set;
+        gint method;
+        const char* got;
+    } methods[] = {
+        { &ntsc, "high-motion", 1, "high-motion" },
+        { &ntsc, "low-motion", 0, "low-motion" },
+        { &ntsc, "medium-motion", 2, "median-motion" },
+        { &ntsc, "high-motion", 1, "high-motion" },
+        { &ntsc, "median-motion", 1, "high-motion" },
+        { &pal, "high-motion", 1, "high-motion" },
+        { &pal, "medium-motion", 2, "median-motion" },
+        { &pal, "median-motion", 2, "median-motion" },
+        { &pal, "low-motion", 0, "low-motion" },
+    };
+    for (const auto& row : methods) {
+        SCOPED_TRACE(row.camera->GetName() + " " + row.set);
+        std::string got;
+        if (row.camera == &ntsc) {
+            ntsc.SetDeinterlaceMethod(row.set);
+            EXPECT_EQ(DeinterlaceMethodOf(ntsc, "camera_input_transform"), row.method);
+            // Only the fastest method takes the top field first.
+            EXPECT_EQ(BooleanOf(ntsc, "vbi_read", "set-tff-flag"), row.method == 1);
+            got = ntsc.GetDeinterlaceMethod();
+        } else {
+            pal.SetDeinterlaceMethod(row.set);
+            EXPECT_EQ(DeinterlaceMethodOf(pal, "pal_camera_input_transform"), row.method);
+            got = pal.GetDeinterlaceMethod();
+        }
+        EXPECT_EQ(got, row.got);
+    }
+    EXPECT_EQ(log.Count(LOG_ERR, "Deinterlace method median-motion not recognized. Ignoring"), 2u);
+    EXPECT_FALSE(log.ContainsText("Deinterlace method high-motion"));
+
+    EXPECT_TRUE(BooleanOf(ntsc, "camera_input_transform", "input-crop"));
+    for (bool crop : { false, true }) {
+        ntsc.SetInputCrop(crop);
+        pal.SetInputCrop(crop);
+        EXPECT_EQ(BooleanOf(ntsc, "camera_input_transform", "input-crop"), crop);
+        EXPECT_EQ(BooleanOf(pal, "pal_camera_input_transform", "input-crop"), crop);
+    }
 }
 
 TEST(InputMuxPipeline, RepublishesWhicheverInputItListensToWhilePlaying)
@@ -127,59 +174,6 @@ TEST(InputMuxPipeline, RepublishesWhicheverInputItListensToWhilePlaying)
     for (VideoDaemon::Pipeline* p :
         std::initializer_list<VideoDaemon::Pipeline*> { &consumer, &mux, &camera, &pattern })
         p->SetState(GST_STATE_NULL);
-}
-
-TEST(CameraInputs, DeinterlaceMethodsSetTheTransformAndTheNtscTopFieldFlag)
-{
-    LogCapture log;
-    VideoDaemon::NtscCameraInputPipeline ntsc;
-    VideoDaemon::PalCameraInputPipeline pal;
-    ASSERT_TRUE(ntsc.Launch(false, false, false));
-    ASSERT_TRUE(pal.Launch(false, false, false));
-    // The getter names value 2 differently from the setter, and the setter
-    // refuses the getter's name.
-    const struct {
-        VideoDaemon::Pipeline* camera;
-        const char* set;
-        gint method;
-        const char* got;
-    } rows[] = {
-        { &ntsc, "high-motion", 1, "high-motion" },
-        { &ntsc, "low-motion", 0, "low-motion" },
-        { &ntsc, "medium-motion", 2, "median-motion" },
-        { &ntsc, "high-motion", 1, "high-motion" },
-        { &ntsc, "median-motion", 1, "high-motion" },
-        { &pal, "high-motion", 1, "high-motion" },
-        { &pal, "medium-motion", 2, "median-motion" },
-        { &pal, "median-motion", 2, "median-motion" },
-        { &pal, "low-motion", 0, "low-motion" },
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.camera->GetName() + " " + row.set);
-        std::string got;
-        if (row.camera == &ntsc) {
-            ntsc.SetDeinterlaceMethod(row.set);
-            EXPECT_EQ(DeinterlaceMethodOf(ntsc, "camera_input_transform"), row.method);
-            // Only the fastest method takes the top field first.
-            EXPECT_EQ(BooleanOf(ntsc, "vbi_read", "set-tff-flag"), row.method == 1);
-            got = ntsc.GetDeinterlaceMethod();
-        } else {
-            pal.SetDeinterlaceMethod(row.set);
-            EXPECT_EQ(DeinterlaceMethodOf(pal, "pal_camera_input_transform"), row.method);
-            got = pal.GetDeinterlaceMethod();
-        }
-        EXPECT_EQ(got, row.got);
-    }
-    EXPECT_EQ(log.Count(LOG_ERR, "Deinterlace method median-motion not recognized. Ignoring"), 2u);
-    EXPECT_FALSE(log.ContainsText("Deinterlace method high-motion"));
-
-    EXPECT_TRUE(BooleanOf(ntsc, "camera_input_transform", "input-crop"));
-    for (bool crop : { false, true }) {
-        ntsc.SetInputCrop(crop);
-        pal.SetInputCrop(crop);
-        EXPECT_EQ(BooleanOf(ntsc, "camera_input_transform", "input-crop"), crop);
-        EXPECT_EQ(BooleanOf(pal, "pal_camera_input_transform", "input-crop"), crop);
-    }
 }
 
 TEST_F(CameraDeathTest, ControlsWithoutTheTransformEndTheProcess)

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdlib>
 
+#include "live_stream.h"
 #include "log_capture.h"
 #include "pipeline_harness.h"
 #include "pipelines/audio_speaker_pipeline.h"
@@ -16,19 +17,6 @@ using namespace PipelineHarness;
 
 namespace
 {
-
-// A live 640x480 BGRA picture, as the display overlay publishes it.
-class PictureFeed : public DescribedPipeline
-{
-public:
-    PictureFeed()
-        : DescribedPipeline("videotestsrc is-live=true "
-                            "! video/x-raw,format=BGRA,width=640,height=480,framerate=30000/1001 "
-                            "! interpipesink name=display_test_feed sync=false forward-events=true",
-            "display_test_feed")
-    {
-    }
-};
 
 guint64 SinkCount(VideoDaemon::Pipeline& display, const char* property)
 {
@@ -73,7 +61,7 @@ struct StopAll {
 TEST(DisplayPipeline, ShowsTheFramesItListensToInvertedOrDropped)
 {
     LogCapture log;
-    PictureFeed feed;
+    DescribedPipeline feed = LivePicture("smpte", "display_test_feed");
     VideoDaemon::DisplayPipeline display;
     display.Invert(true);
     display.DropFrames(true);

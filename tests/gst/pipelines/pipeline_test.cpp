@@ -76,7 +76,7 @@ void Handoff(GstElement* tap)
 
 } // namespace
 
-TEST(Pipeline, RelaunchBuildsANewPipelineAndEmptyBlankOrFaultyDescriptionsLaunchNothing)
+TEST(Pipeline, RelaunchBuildsANewPipelineFaultyDescriptionsLaunchNothingAndTearDownWaitsForNull)
 {
     DescribedPipeline pipeline("fakesrc name=src num-buffers=5 ! fakesink name=sink");
     ASSERT_TRUE(pipeline.Launch(false, false, false));
@@ -108,6 +108,27 @@ TEST(Pipeline, RelaunchBuildsANewPipelineAndEmptyBlankOrFaultyDescriptionsLaunch
     DescribedPipeline collapsed("fakesrc     name=\"two    blanks\"    !      fakesink");
     ASSERT_TRUE(collapsed.Launch(false, false, false));
     EXPECT_NE(ElementOf(collapsed, "two blanks"), nullptr) << "runs of blanks collapse even inside quotes";
+
+    // Flushing needs a pipeline, and tear-down is refused while playing.
+    LogCapture log;
+    DescribedPipeline live(kLive);
+    EXPECT_FALSE(live.SendFlushStart());
+    EXPECT_FALSE(live.SendFlushStop(true));
+    live.CreateFramerateProbe("rate", "sink", "sink");
+    ASSERT_TRUE(live.Launch(true, true, false));
+    ASSERT_EQ(live.SetState(GST_STATE_PLAYING), 0);
+    GstPipeline* held = live.GetPipeline();
+    EXPECT_FALSE(live.TearDown());
+    EXPECT_TRUE(log.Contains(LOG_WARNING, "[Pipeline] Pipeline is still in PLAYING state, cannot tear down"));
+    EXPECT_EQ(live.GetPipeline(), held);
+    EXPECT_EQ(live.GetState(), GST_STATE_PLAYING);
+    EXPECT_TRUE(live.SendFlushStart());
+    EXPECT_TRUE(live.SendFlushStop(false));
+
+    ASSERT_EQ(live.SetState(GST_STATE_NULL), 0);
+    EXPECT_TRUE(live.TearDown());
+    EXPECT_EQ(live.GetPipeline(), nullptr);
+    EXPECT_TRUE(live.TearDown());
 }
 
 TEST(Pipeline, InitializeLaunchesWithTheBusWatchedAndOnlyTheMetricsAskedForAndReportsQueuesItCannotWatch)
@@ -207,7 +228,7 @@ TEST(Pipeline, StateChangesReturnAtOnceOrWaitAndFailuresAreLoggedWithTheStateRea
     }
 }
 
-TEST(Pipeline, SendEosWaitsForAFreshEosNotAStaleOneAndWaitingWithoutOneTimesOut)
+TEST(Pipeline, SendEosWaitsForAFreshEosNotAStaleOneSignalsOnlyOneNotWaitedForAndTimesOutWithoutOne)
 {
     // EOS never gets through the first pipeline: only the stale message
     // could satisfy the wait, and it is drained first.
@@ -233,19 +254,7 @@ TEST(Pipeline, SendEosWaitsForAFreshEosNotAStaleOneAndWaitingWithoutOneTimesOut)
         EXPECT_EQ(pipeline.SetState(GST_STATE_NULL), 0);
     }
 
-    // Waiting without an EOS times out.
-    LogCapture log;
-    DescribedPipeline pipeline("fakesrc ! fakesink");
-    ASSERT_TRUE(pipeline.Launch(false, false, false));
-    EXPECT_EQ(pipeline.WaitForEos(0), -1);
-    EXPECT_TRUE(log.Contains(LOG_INFO, "pipeline DescribedPipeline: Waiting for EOS event..."));
-    EXPECT_TRUE(log.ContainsText(
-        "pipeline DescribedPipeline: After sending EOS, failed to read EOS message from bus after 0."));
-    EXPECT_EQ(log.Lines().back().first, LOG_WARNING);
-}
-
-TEST(Pipeline, OnlyEosNotWaitedForIsSignalledOnTheMainLoop)
-{
+    // Only an EOS not waited for is signalled, on the main loop.
     for (bool wait : { false, true }) {
         LogCapture log;
         DescribedPipeline pipeline(kLive);
@@ -263,29 +272,16 @@ TEST(Pipeline, OnlyEosNotWaitedForIsSignalledOnTheMainLoop)
         EXPECT_EQ(log.Contains(LOG_INFO, "[Pipeline] DescribedPipeline: Posted EOS message"), !wait);
         EXPECT_EQ(pipeline.SetState(GST_STATE_NULL), 0);
     }
-}
 
-TEST(Pipeline, FlushNeedsAPipelineAndTearDownIsRefusedWhilePlaying)
-{
+    // Waiting without an EOS times out.
     LogCapture log;
-    DescribedPipeline pipeline(kLive);
-    EXPECT_FALSE(pipeline.SendFlushStart());
-    EXPECT_FALSE(pipeline.SendFlushStop(true));
-    pipeline.CreateFramerateProbe("rate", "sink", "sink");
-    ASSERT_TRUE(pipeline.Launch(true, true, false));
-    ASSERT_EQ(pipeline.SetState(GST_STATE_PLAYING), 0);
-    GstPipeline* held = pipeline.GetPipeline();
-    EXPECT_FALSE(pipeline.TearDown());
-    EXPECT_TRUE(log.Contains(LOG_WARNING, "[Pipeline] Pipeline is still in PLAYING state, cannot tear down"));
-    EXPECT_EQ(pipeline.GetPipeline(), held);
-    EXPECT_EQ(pipeline.GetState(), GST_STATE_PLAYING);
-    EXPECT_TRUE(pipeline.SendFlushStart());
-    EXPECT_TRUE(pipeline.SendFlushStop(false));
-
-    ASSERT_EQ(pipeline.SetState(GST_STATE_NULL), 0);
-    EXPECT_TRUE(pipeline.TearDown());
-    EXPECT_EQ(pipeline.GetPipeline(), nullptr);
-    EXPECT_TRUE(pipeline.TearDown());
+    DescribedPipeline pipeline("fakesrc ! fakesink");
+    ASSERT_TRUE(pipeline.Launch(false, false, false));
+    EXPECT_EQ(pipeline.WaitForEos(0), -1);
+    EXPECT_TRUE(log.Contains(LOG_INFO, "pipeline DescribedPipeline: Waiting for EOS event..."));
+    EXPECT_TRUE(log.ContainsText(
+        "pipeline DescribedPipeline: After sending EOS, failed to read EOS message from bus after 0."));
+    EXPECT_EQ(log.Lines().back().first, LOG_WARNING);
 }
 
 // Switching producers while frames flow is shown by the input mux.
