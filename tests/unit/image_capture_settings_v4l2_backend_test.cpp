@@ -106,9 +106,6 @@ void ExpectDefaultPercentages(ImageCaptureSettingsV4L2Backend& backend)
     EXPECT_TRUE(backend.GetAutogain(autogain));
     EXPECT_TRUE(autogain);
     EXPECT_EQ(Get(backend, kBrightness.get), 49);
-    EXPECT_EQ(Get(backend, kContrast.get), 49);
-    EXPECT_EQ(Get(backend, kHue.get), 50);
-    EXPECT_EQ(Get(backend, kSaturation.get), 49);
     for (const auto& [id, percent] : kDefaultPercentages) {
         int value = -1;
         EXPECT_TRUE(backend.GetValue(id, value)) << id;
@@ -119,108 +116,77 @@ void ExpectDefaultPercentages(ImageCaptureSettingsV4L2Backend& backend)
 } // namespace
 
 // With no device every access fails with one line, yet the percentages behave as with a device.
-TEST(ImageCaptureSettingsWithoutDevice, LogsTheFailedOpenAtConstruction)
+TEST(ImageCaptureSettingsWithoutDevice, EveryAccessFailsWithOneLineYetThePercentagesBehaveAsWithADevice)
 {
+    const std::pair<int, std::string> failed_open { kInfo, "Failed to open dev: " + kMissingDevice };
     LogCapture log;
     ImageCaptureSettingsV4L2Backend backend(kMissingDevice);
-    EXPECT_EQ(log.Lines(), (Lines { { kInfo, "Failed to open dev: " + kMissingDevice } }));
-}
+    EXPECT_EQ(log.Lines(), Lines { failed_open }) << "construction";
 
-TEST(ImageCaptureSettingsWithoutDevice, InitialiseSucceedsWithTheDefaultPercentages)
-{
-    ImageCaptureSettingsV4L2Backend backend(kMissingDevice);
+    // Initialise resets the percentages, with one failed access per control.
     ASSERT_TRUE(backend.SetBrightness(90));
     ASSERT_TRUE(backend.SetHue(10));
     ASSERT_TRUE(backend.SetAutogain(false));
-    LogCapture log;
+    log.Clear();
     EXPECT_TRUE(backend.Initialise());
     ExpectDefaultPercentages(backend);
-    // One failed access per control, nothing else.
-    EXPECT_EQ(log.Lines(), Lines(5, { kInfo, "Failed to open dev: " + kMissingDevice }));
-}
+    EXPECT_EQ(log.Lines(), Lines(5, failed_open)) << "initialise";
 
-TEST(ImageCaptureSettingsWithoutDevice, EverySetterClampsLogsTheFailedAccessAndSucceeds)
-{
-    ImageCaptureSettingsV4L2Backend backend(kMissingDevice);
+    // Every setter clamps, logs the failed access and succeeds.
     for (const Mapping& row : kMappings) {
         ASSERT_TRUE(backend.Initialise());
-        LogCapture log;
+        log.Clear();
         EXPECT_TRUE((backend.*row.control.set)(row.requested)) << Row(row);
-        EXPECT_EQ(log.Lines(),
-            (Lines { { kInfo, SetLine(row.control.id, row.applied, row.hw) },
-                { kInfo, "Failed to open dev: " + kMissingDevice } }))
+        EXPECT_EQ(
+            log.Lines(), (Lines { { kInfo, SetLine(row.control.id, row.applied, row.hw) }, failed_open }))
             << Row(row);
         EXPECT_EQ(Get(backend, row.control.get), row.applied) << Row(row);
         int value = -1;
         EXPECT_TRUE(backend.GetValue(row.control.id, value));
         EXPECT_EQ(value, row.applied) << Row(row);
     }
-}
 
-// The percentage is remembered although the device never took it, so a repeat is skipped.
-TEST(ImageCaptureSettingsWithoutDevice, AnUnchangedPercentageIsSkippedAfterAFailedWrite)
-{
-    ImageCaptureSettingsV4L2Backend backend(kMissingDevice);
+    // The percentage is remembered although the device never took it, so a repeat is skipped, as is a
+    // value that clamps to the one applied.
     ASSERT_TRUE(backend.Initialise());
     for (const PercentControl& control : { kBrightness, kContrast, kHue, kSaturation }) {
-        LogCapture log;
-        EXPECT_TRUE((backend.*control.set)(60));
-        EXPECT_EQ(log.Count(kInfo, "Failed to open dev: " + kMissingDevice), 1u) << control.name;
         log.Clear();
-        EXPECT_TRUE((backend.*control.set)(60)) << control.name;
-        EXPECT_TRUE(log.Lines().empty()) << control.name;
-        // 150 clamps to the 100 applied just before.
+        EXPECT_TRUE((backend.*control.set)(60));
+        EXPECT_EQ(log.Count(failed_open.first, failed_open.second), 1u) << control.name;
         EXPECT_TRUE((backend.*control.set)(100)) << control.name;
         log.Clear();
+        EXPECT_TRUE((backend.*control.set)(100)) << control.name;
         EXPECT_TRUE((backend.*control.set)(150)) << control.name;
         EXPECT_TRUE(log.Lines().empty()) << control.name;
         EXPECT_EQ(Get(backend, control.get), 100) << control.name;
     }
-}
 
-TEST(ImageCaptureSettingsWithoutDevice, AutogainIsOnExactlyWhenItsPercentageIsOneHundred)
-{
-    ImageCaptureSettingsV4L2Backend backend(kMissingDevice);
-    ASSERT_TRUE(backend.Initialise());
-    const struct {
-        bool enabled;
-        int percent;
-    } rows[] = { { false, 0 }, { true, 100 }, { false, 0 } };
-    for (const auto& row : rows) {
-        LogCapture log;
-        EXPECT_TRUE(backend.SetAutogain(row.enabled));
+    // Autogain is on exactly when its percentage is one hundred.
+    for (const bool enabled : { false, true, false }) {
+        log.Clear();
+        EXPECT_TRUE(backend.SetAutogain(enabled));
         EXPECT_EQ(log.Lines(),
-            (Lines { { kInfo, SetLine(V4L2_CID_AUTOGAIN, row.percent, row.enabled ? 1 : 0) },
-                { kInfo, "Failed to open dev: " + kMissingDevice } }));
-        bool enabled = !row.enabled;
-        EXPECT_TRUE(backend.GetAutogain(enabled));
-        EXPECT_EQ(enabled, row.enabled);
+            (Lines { { kInfo, SetLine(V4L2_CID_AUTOGAIN, enabled ? 100 : 0, enabled) }, failed_open }));
+        bool got = !enabled;
+        EXPECT_TRUE(backend.GetAutogain(got));
+        EXPECT_EQ(got, enabled);
         int percent = -1;
         EXPECT_TRUE(backend.GetValue(V4L2_CID_AUTOGAIN, percent));
-        EXPECT_EQ(percent, row.percent);
+        EXPECT_EQ(percent, enabled ? 100 : 0);
     }
-}
 
-TEST(ImageCaptureSettingsWithoutDevice, AnUnknownControlReadsAsZeroAndFails)
-{
-    ImageCaptureSettingsV4L2Backend backend(kMissingDevice);
-    ASSERT_TRUE(backend.Initialise());
+    // An unknown control reads as zero and fails.
     for (uint32_t id : { uint32_t(V4L2_CID_GAMMA), uint32_t(V4L2_CID_EXPOSURE), uint32_t(0) }) {
         int value = 77;
         EXPECT_FALSE(backend.GetValue(id, value)) << id;
         EXPECT_EQ(value, 0) << id;
     }
-}
 
-// One device, so one cache for the process: a second backend sees what the first applied.
-TEST(ImageCaptureSettingsWithoutDevice, BackendsShareOnePercentageCache)
-{
-    ImageCaptureSettingsV4L2Backend first(kMissingDevice);
-    ASSERT_TRUE(first.Initialise());
-    ASSERT_TRUE(first.SetContrast(12));
+    // One device, so one cache for the process: a second backend sees what the first applied.
+    ASSERT_TRUE(backend.SetContrast(12));
     ImageCaptureSettingsV4L2Backend second(kMissingDevice);
     EXPECT_EQ(Get(second, kContrast.get), 12);
-    LogCapture log;
+    log.Clear();
     EXPECT_TRUE(second.SetContrast(12));
     EXPECT_TRUE(log.Lines().empty());
 }
@@ -236,134 +202,113 @@ ControlRequest Write(uint32_t id, int32_t value)
 {
     return { VIDIOC_S_CTRL, id, value };
 }
-
-// Each case starts from the defaults written, with the requests and lines so far forgotten.
-class ImageCaptureSettingsOnDevice : public ::testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(_Device.Initialise());
-        ASSERT_GE(_Device.Fd(), 0);
-        Reset();
-    }
-    void Reset()
-    {
-        _Device.Clear();
-        _Log.Clear();
-    }
-    std::string IoctlFailure() const { return "Failed ioctl on: " + std::to_string(_Device.Fd()); }
-
-    LogCapture _Log;
-    V4l2ControlDouble _Device;
-};
+using Requests = std::vector<ControlRequest>;
 
 } // namespace
 
-TEST(ImageCaptureSettingsInitialise, WritesEachDefaultAfterConfirmingItsControl)
+// Initialise writes each default after confirming its control; a refused control is logged and left as it
+// is, the others are written and every percentage reset.
+TEST(ImageCaptureSettingsInitialise, WritesEachDefaultAfterConfirmingItsControlAndSkipsRefusedOnes)
 {
     V4l2ControlDouble device;
     LogCapture log;
     EXPECT_TRUE(device.Initialise());
     EXPECT_EQ(device.Requests(),
-        (std::vector<ControlRequest> { Read(V4L2_CID_AUTOGAIN), Write(V4L2_CID_AUTOGAIN, 1),
-            Read(V4L2_CID_BRIGHTNESS), Write(V4L2_CID_BRIGHTNESS, 127), Read(V4L2_CID_CONTRAST),
-            Write(V4L2_CID_CONTRAST, 127), Read(V4L2_CID_HUE), Write(V4L2_CID_HUE, 0),
-            Read(V4L2_CID_SATURATION), Write(V4L2_CID_SATURATION, 127) }));
+        (Requests { Read(V4L2_CID_AUTOGAIN), Write(V4L2_CID_AUTOGAIN, 1), Read(V4L2_CID_BRIGHTNESS),
+            Write(V4L2_CID_BRIGHTNESS, 127), Read(V4L2_CID_CONTRAST), Write(V4L2_CID_CONTRAST, 127),
+            Read(V4L2_CID_HUE), Write(V4L2_CID_HUE, 0), Read(V4L2_CID_SATURATION),
+            Write(V4L2_CID_SATURATION, 127) }));
     EXPECT_TRUE(log.Lines().empty());
     ExpectDefaultPercentages(device);
-}
 
-// A refused control is logged and left as it is; the others are written and every percentage reset.
-TEST(ImageCaptureSettingsInitialise, SucceedsWithTheDefaultPercentagesWhenTheDeviceRefusesControls)
-{
-    V4l2ControlDouble device;
     ASSERT_TRUE(device.SetHue(10));
     device.Refuse(VIDIOC_G_CTRL, V4L2_CID_HUE);
     device.Refuse(VIDIOC_S_CTRL, V4L2_CID_CONTRAST);
     device.Clear();
-    LogCapture log;
+    log.Clear();
     EXPECT_TRUE(device.Initialise());
     EXPECT_EQ(device.Requests(),
-        (std::vector<ControlRequest> { Read(V4L2_CID_AUTOGAIN), Write(V4L2_CID_AUTOGAIN, 1),
-            Read(V4L2_CID_BRIGHTNESS), Write(V4L2_CID_BRIGHTNESS, 127), Read(V4L2_CID_CONTRAST),
-            Write(V4L2_CID_CONTRAST, 127), Read(V4L2_CID_HUE), Read(V4L2_CID_SATURATION),
-            Write(V4L2_CID_SATURATION, 127) }));
+        (Requests { Read(V4L2_CID_AUTOGAIN), Write(V4L2_CID_AUTOGAIN, 1), Read(V4L2_CID_BRIGHTNESS),
+            Write(V4L2_CID_BRIGHTNESS, 127), Read(V4L2_CID_CONTRAST), Write(V4L2_CID_CONTRAST, 127),
+            Read(V4L2_CID_HUE), Read(V4L2_CID_SATURATION), Write(V4L2_CID_SATURATION, 127) }));
     const std::string failure = "Failed ioctl on: " + std::to_string(device.Fd());
     EXPECT_EQ(log.Lines(), (Lines { { kInfo, failure }, { kInfo, failure } }));
     EXPECT_EQ(device.DeviceValue(V4L2_CID_HUE), -102); // 10 % as written before
     ExpectDefaultPercentages(device);
 }
 
-TEST_F(ImageCaptureSettingsOnDevice, WritesTheHardwareValueOfEachPercentageAfterReadingTheControl)
+// Each setting writes the hardware value of its percentage after reading the control, only when the
+// percentage changed; a refused request is logged and the percentage kept, so it is not retried.
+TEST(ImageCaptureSettingsOnDevice, WritesTheHardwareValueOfEachChangedPercentageAfterReadingTheControl)
 {
+    V4l2ControlDouble device;
+    LogCapture log;
+    const auto reset = [&] {
+        device.Clear();
+        log.Clear();
+    };
     for (const Mapping& row : kMappings) {
-        ASSERT_TRUE(_Device.Initialise());
-        Reset();
-        EXPECT_TRUE((_Device.*row.control.set)(row.requested)) << Row(row);
-        EXPECT_EQ(_Device.Requests(),
-            (std::vector<ControlRequest> { Read(row.control.id), Write(row.control.id, row.hw) }))
+        ASSERT_TRUE(device.Initialise());
+        reset();
+        EXPECT_TRUE((device.*row.control.set)(row.requested)) << Row(row);
+        EXPECT_EQ(device.Requests(), (Requests { Read(row.control.id), Write(row.control.id, row.hw) }))
             << Row(row);
-        EXPECT_EQ(_Device.DeviceValue(row.control.id), row.hw) << Row(row);
-        EXPECT_EQ(_Log.Lines(), (Lines { { kInfo, SetLine(row.control.id, row.applied, row.hw) } }))
+        EXPECT_EQ(device.DeviceValue(row.control.id), row.hw) << Row(row);
+        EXPECT_EQ(log.Lines(), (Lines { { kInfo, SetLine(row.control.id, row.applied, row.hw) } }))
             << Row(row);
-        EXPECT_EQ(Get(_Device, row.control.get), row.applied) << Row(row);
+        EXPECT_EQ(Get(device, row.control.get), row.applied) << Row(row);
     }
-}
-
-TEST_F(ImageCaptureSettingsOnDevice, AutogainWritesOneForOnAndZeroForOff)
-{
+    ASSERT_TRUE(device.Initialise());
     for (bool enabled : { false, true }) {
-        Reset();
-        EXPECT_TRUE(_Device.SetAutogain(enabled));
-        EXPECT_EQ(_Device.Requests(),
-            (std::vector<ControlRequest> { Read(V4L2_CID_AUTOGAIN), Write(V4L2_CID_AUTOGAIN, enabled) }));
+        reset();
+        EXPECT_TRUE(device.SetAutogain(enabled));
         EXPECT_EQ(
-            _Log.Lines(), (Lines { { kInfo, SetLine(V4L2_CID_AUTOGAIN, enabled ? 100 : 0, enabled) } }));
+            device.Requests(), (Requests { Read(V4L2_CID_AUTOGAIN), Write(V4L2_CID_AUTOGAIN, enabled) }));
+        EXPECT_EQ(log.Lines(), (Lines { { kInfo, SetLine(V4L2_CID_AUTOGAIN, enabled ? 100 : 0, enabled) } }));
     }
-}
 
-TEST_F(ImageCaptureSettingsOnDevice, AnUnchangedPercentageIsNotWritten)
-{
-    // The defaults themselves, then a value applied twice, then a value that clamps to the one applied.
-    EXPECT_TRUE(_Device.SetAutogain(true));
-    EXPECT_TRUE(_Device.SetBrightness(49));
-    EXPECT_TRUE(_Device.SetHue(50));
-    EXPECT_TRUE(_Device.Requests().empty());
-    EXPECT_TRUE(_Device.SetSaturation(100));
-    Reset();
-    EXPECT_TRUE(_Device.SetSaturation(100));
-    EXPECT_TRUE(_Device.SetSaturation(140));
-    EXPECT_TRUE(_Device.Requests().empty());
-    EXPECT_TRUE(_Log.Lines().empty());
-}
+    // The defaults themselves, a value applied twice and a value that clamps to the one applied.
+    reset();
+    EXPECT_TRUE(device.SetAutogain(true));
+    EXPECT_TRUE(device.SetBrightness(49));
+    EXPECT_TRUE(device.SetHue(50));
+    EXPECT_TRUE(device.Requests().empty());
+    EXPECT_TRUE(device.SetSaturation(100));
+    reset();
+    EXPECT_TRUE(device.SetSaturation(100));
+    EXPECT_TRUE(device.SetSaturation(140));
+    EXPECT_TRUE(device.Requests().empty());
+    EXPECT_TRUE(log.Lines().empty());
 
-// The percentage is kept although the device refused it, so the same request is not retried.
-TEST_F(ImageCaptureSettingsOnDevice, ARefusedReadLeavesTheControlUnwrittenButKeepsThePercentage)
-{
-    _Device.Refuse(VIDIOC_G_CTRL, V4L2_CID_BRIGHTNESS);
-    EXPECT_TRUE(_Device.SetBrightness(70));
-    EXPECT_EQ(_Device.Requests(), (std::vector<ControlRequest> { Read(V4L2_CID_BRIGHTNESS) }));
-    EXPECT_EQ(_Log.Lines(),
-        (Lines { { kInfo, SetLine(V4L2_CID_BRIGHTNESS, 70, 178) }, { kInfo, IoctlFailure() } }));
-    EXPECT_EQ(_Device.DeviceValue(V4L2_CID_BRIGHTNESS), 127);
-    EXPECT_EQ(Get(_Device, kBrightness.get), 70);
-    Reset();
-    EXPECT_TRUE(_Device.SetBrightness(70));
-    EXPECT_TRUE(_Device.Requests().empty());
-    EXPECT_TRUE(_Log.Lines().empty());
-}
-
-TEST_F(ImageCaptureSettingsOnDevice, ARefusedWriteIsLoggedAndThePercentageKept)
-{
-    _Device.Refuse(VIDIOC_S_CTRL, V4L2_CID_HUE);
-    EXPECT_TRUE(_Device.SetHue(80));
-    EXPECT_EQ(
-        _Device.Requests(), (std::vector<ControlRequest> { Read(V4L2_CID_HUE), Write(V4L2_CID_HUE, 76) }));
-    EXPECT_EQ(_Log.Lines(), (Lines { { kInfo, SetLine(V4L2_CID_HUE, 80, 76) }, { kInfo, IoctlFailure() } }));
-    EXPECT_EQ(_Device.DeviceValue(V4L2_CID_HUE), 0);
-    EXPECT_EQ(Get(_Device, kHue.get), 80);
-    Reset();
-    EXPECT_TRUE(_Device.SetHue(80));
-    EXPECT_TRUE(_Device.Requests().empty());
+    // A refused read leaves the control unwritten, a refused write is logged; both keep the percentage.
+    const std::string failure = "Failed ioctl on: " + std::to_string(device.Fd());
+    const struct {
+        unsigned long refused;
+        uint32_t id;
+        Setter set;
+        Getter get;
+        int percent;
+        int32_t hw;
+        Requests requests;
+    } refusals[] = {
+        { VIDIOC_G_CTRL, V4L2_CID_BRIGHTNESS, kBrightness.set, kBrightness.get, 70, 178,
+            { Read(V4L2_CID_BRIGHTNESS) } },
+        { VIDIOC_S_CTRL, V4L2_CID_HUE, kHue.set, kHue.get, 80, 76,
+            { Read(V4L2_CID_HUE), Write(V4L2_CID_HUE, 76) } },
+    };
+    for (const auto& row : refusals) {
+        const int32_t held = device.DeviceValue(row.id);
+        device.Refuse(row.refused, row.id);
+        reset();
+        EXPECT_TRUE((device.*row.set)(row.percent)) << row.id;
+        EXPECT_EQ(device.Requests(), row.requests) << row.id;
+        EXPECT_EQ(
+            log.Lines(), (Lines { { kInfo, SetLine(row.id, row.percent, row.hw) }, { kInfo, failure } }));
+        EXPECT_EQ(device.DeviceValue(row.id), held) << row.id;
+        EXPECT_EQ(Get(device, row.get), row.percent) << row.id;
+        reset();
+        EXPECT_TRUE((device.*row.set)(row.percent)) << row.id;
+        EXPECT_TRUE(device.Requests().empty()) << row.id;
+        EXPECT_TRUE(log.Lines().empty()) << row.id;
+    }
 }

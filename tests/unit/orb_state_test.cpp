@@ -25,18 +25,13 @@ void LogToStderr()
         [](int priority, const std::string& line) { fprintf(stderr, "<%d>%s\n", priority, line.c_str()); });
 }
 
-TEST(OrbState, HoldsNineEntriesAllZeroButTheLiveStreamWhichStartsOn)
+TEST(OrbState, HoldsNineEntriesAllZeroButTheLiveStreamAndSetLogsTheNameWithItsCount)
 {
+    LogCapture log;
     OrbState state;
     EXPECT_EQ(kNames.size(), state.Size());
     for (const std::string& name : kNames)
         EXPECT_EQ(name == "TcpLiveStreamEnabled" ? 1 : 0, state.Get(name)) << name;
-}
-
-TEST(OrbState, SetStoresTheValueAndLogsTheNameWithItsCount)
-{
-    LogCapture log;
-    OrbState state;
     state.Set("RecordingState", -1);
     state.Set("VideoInput", 3);
     EXPECT_EQ(-1, state.Get("RecordingState"));
@@ -44,8 +39,7 @@ TEST(OrbState, SetStoresTheValueAndLogsTheNameWithItsCount)
     EXPECT_TRUE(
         log.Contains(LOG_INFO, "void VideoDaemon::OrbState::Set(const string&, int): RecordingState 1"));
     EXPECT_TRUE(log.Contains(LOG_INFO, "void VideoDaemon::OrbState::Set(const string&, int): VideoInput 1"));
-    // Setting never grows the table.
-    EXPECT_EQ(kNames.size(), state.Size());
+    EXPECT_EQ(kNames.size(), state.Size()) << "setting never grows the table";
 }
 
 TEST(OrbStateDeathTest, SetOfANameOutsideTheTableEndsTheProcessAfterLoggingItsCount)

@@ -90,26 +90,20 @@ TEST_F(OverlayModelTest, ShippedTemplatesDrawDateTimeTopLeftCountBottomRightAndU
     EXPECT_TRUE(log.Lines().empty());
 }
 
-TEST_F(OverlayModelTest, UserTextAndItsColourAreEscapedBeforeTheyReachTheDocument)
+TEST_F(OverlayModelTest, UserTextItsColourTheDateFormatAndTheReelCountAreEscapedBeforeTheyReachTheDocument)
 {
     model.SetUserText({ 0, 0, "<&>\"'", 0, "red' onload='x" });
-    const std::string document = Display();
-    EXPECT_NE(document.find("fill='red&apos; onload=&apos;x' "), std::string::npos) << document;
-    EXPECT_NE(document.find("<tspan x='0' dy='1.2em'>&lt;&amp;&gt;&quot;&apos;</tspan>"), std::string::npos)
-        << document;
-    EXPECT_EQ(document.find("<&>"), std::string::npos);
-    EXPECT_EQ(model.GetUserText().text, "<&>\"'") << "the model keeps the text as it was set";
-    EXPECT_EQ(model.GetUserText().colour, "red' onload='x");
-}
-
-TEST_F(OverlayModelTest, DateFormatsAndReelCountAreEscapedToo)
-{
     model.SetDateFormat("<%d&%m>");
     model.SetTimeEnabled(false);
     model.SetReelCount("<1.5 m>");
     const std::string document = Display();
+    EXPECT_NE(document.find("fill='red&apos; onload=&apos;x' "), std::string::npos) << document;
+    EXPECT_NE(document.find("<tspan x='0' dy='1.2em'>&lt;&amp;&gt;&quot;&apos;</tspan>"), std::string::npos)
+        << document;
     EXPECT_NE(document.find(">&lt;14&amp;11&gt;</text>"), std::string::npos) << document;
     EXPECT_NE(document.find(">&lt;1.5 m&gt;</text>"), std::string::npos) << document;
+    EXPECT_EQ(document.find("<&>"), std::string::npos);
+    EXPECT_EQ(model.GetUserText().text, "<&>\"'") << "the model keeps the text as it was set";
 }
 
 TEST_F(OverlayModelTest, DisabledSwitchesRemoveTheirElements)
@@ -149,7 +143,7 @@ TEST_F(OverlayModelTest, DisabledSwitchesRemoveTheirElements)
     EXPECT_EQ(Occurrences(Display(), "<text"), 0u) << "no user text, no element";
 }
 
-TEST_F(OverlayModelTest, FormatsFontSizesAndTheDecimalMarkShapeTheTexts)
+TEST_F(OverlayModelTest, FormatsFontSizesStylesColoursAndTheDecimalMarkShapeTheTexts)
 {
     model.SetDateFormat("%d/%m/%Y");
     model.SetTimeFormat("%H.%M");
@@ -157,7 +151,7 @@ TEST_F(OverlayModelTest, FormatsFontSizesAndTheDecimalMarkShapeTheTexts)
     model.SetCountFontSize(16);
     model.SetReelCount("1012.5 ft");
     model.SetReelCountDecimalMark(",");
-    const std::string document = Display();
+    std::string document = Display();
     EXPECT_NE(document.find("<text x='12' y='42' font-family='sans-serif' font-weight='bold' font-size='30' "
                             "fill='white' stroke='black' stroke-width='2' >14/11/2023 22.13</text>"),
         std::string::npos)
@@ -166,65 +160,48 @@ TEST_F(OverlayModelTest, FormatsFontSizesAndTheDecimalMarkShapeTheTexts)
                             "text-anchor='end'>1012,5 ft</text>"),
         std::string::npos)
         << document;
-}
 
-TEST_F(OverlayModelTest, StylesChooseTheCornerAndUnknownStylesAreKeptButDrawnAtTheDefault)
-{
+    // The styles choose the corners; unknown styles are kept but drawn at the default.
+    model.SetDateFormat(OverlayModel::kDefaultDateFormat);
+    model.SetTimeFormat(OverlayModel::kDefaultTimeFormat);
+    model.SetDateTimeFontSize(20);
+    model.SetCountFontSize(20);
     model.SetReelCount("7.5 m");
-    model.SetDateTimeStyle(OverlayModel::kBottomRight);
-    model.SetCountStyle(OverlayModel::kTopLeft);
-    EXPECT_EQ(model.GetDateTimeStyle(), 3);
-    EXPECT_EQ(model.GetCountStyle(), 0);
-    std::string document = Display();
-    EXPECT_NE(document.find("<text x='628' y='468' font-family='sans-serif' " + kStroke
-                  + "text-anchor='end'>2023-11-14 22:13:20</text>"),
-        std::string::npos)
-        << document;
-    EXPECT_NE(document.find("<text x='12' y='32' font-family='sans-serif' " + kStroke + ">7.5 m</text>"),
-        std::string::npos)
-        << document;
+    const struct {
+        int32_t date_time;
+        int32_t count;
+        std::string date_time_at;
+        std::string count_at;
+    } corners[] = {
+        { OverlayModel::kBottomRight, OverlayModel::kTopLeft, "x='628' y='468'", "x='12' y='32'" },
+        { OverlayModel::kTopRight, OverlayModel::kBottomLeft, "x='628' y='32'", "x='12' y='468'" },
+        { 7, -1, "x='12' y='32'", "x='628' y='468'" },
+    };
+    for (const auto& row : corners) {
+        model.SetDateTimeStyle(row.date_time);
+        model.SetCountStyle(row.count);
+        EXPECT_EQ(model.GetDateTimeStyle(), row.date_time);
+        EXPECT_EQ(model.GetCountStyle(), row.count);
+        const auto anchor
+            = [](const std::string& at) { return at.find("x='628'") == 0 ? "text-anchor='end'" : ""; };
+        document = Display();
+        EXPECT_NE(document.find("<text " + row.date_time_at + " font-family='sans-serif' " + kStroke
+                      + anchor(row.date_time_at) + ">2023-11-14 22:13:20</text>"),
+            std::string::npos)
+            << document;
+        EXPECT_NE(document.find("<text " + row.count_at + " font-family='sans-serif' " + kStroke
+                      + anchor(row.count_at) + ">7,5 m</text>"),
+            std::string::npos)
+            << document;
+    }
 
-    model.SetDateTimeStyle(OverlayModel::kTopRight);
-    model.SetCountStyle(OverlayModel::kBottomLeft);
-    document = Display();
-    EXPECT_NE(document.find("<text x='628' y='32' font-family='sans-serif' " + kStroke
-                  + "text-anchor='end'>2023-11-14 22:13:20</text>"),
-        std::string::npos)
-        << document;
-    EXPECT_NE(document.find("<text x='12' y='468' font-family='sans-serif' " + kStroke + ">7.5 m</text>"),
-        std::string::npos)
-        << document;
-
-    model.SetDateTimeStyle(7);
-    model.SetCountStyle(-1);
-    EXPECT_EQ(model.GetDateTimeStyle(), 7);
-    EXPECT_EQ(model.GetCountStyle(), -1);
-    document = Display();
-    EXPECT_NE(document.find("<text x='12' y='32' font-family='sans-serif' " + kStroke + ">2023-11-14"),
-        std::string::npos)
-        << document;
-    EXPECT_NE(document.find("<text x='628' y='468' font-family='sans-serif' " + kStroke
-                  + "text-anchor='end'>7.5 m</text>"),
-        std::string::npos)
-        << document;
-}
-
-TEST_F(OverlayModelTest, UserTextTakesItsOwnSizeAndColourAndSplitsIntoLines)
-{
-    const OverlayModel::UserText text { 40, 60, "line one\nline two", 36, "#ff8000" };
-    model.SetUserText(text);
-    const OverlayModel::UserText& kept = model.GetUserText();
-    EXPECT_EQ(kept.x, 40);
-    EXPECT_EQ(kept.y, 60);
-    EXPECT_EQ(kept.text, "line one\nline two");
-    EXPECT_EQ(kept.size, 36);
-    EXPECT_EQ(kept.colour, "#ff8000");
+    // The user text takes its own size and colour and splits into lines; without a size, the setting's.
+    model.SetUserText({ 40, 60, "line one\nline two", 36, "#ff8000" });
     EXPECT_NE(Display().find("<text x='40' y='60' font-family='sans-serif' font-weight='bold' font-size='36' "
                              "fill='#ff8000' stroke='black' stroke-width='2' ><tspan x='40' dy='1.2em'>line "
                              "one</tspan><tspan x='40' dy='1.2em'>line two</tspan></text>"),
         std::string::npos)
         << Display();
-
     model.SetUserTextFontSize(50);
     model.SetUserText({ 40, 60, "sized by the setting", -1, "" });
     EXPECT_NE(Display().find("font-size='50' fill='white'"), std::string::npos) << Display();
@@ -244,27 +221,16 @@ TEST_F(OverlayModelTest, OnlyTheFourModesAreAccepted)
     EXPECT_EQ(model.GetMode(), "display");
 }
 
-TEST_F(OverlayModelTest, TemplateFilesSeeTheEscapedModelDataAndTheirOwnKind)
+TEST_F(OverlayModelTest, TemplateFilesSeeTheEscapedModelDataAndTheirOwnKindAndRefusedOnesLeaveTheOneInUse)
 {
-    model.SetReelCount("2.5 m");
-    model.SetReelCountDecimalMark(",");
-    model.SetUserText({ 0, 0, "a&b", 0, "" });
-    model.SetPlumblineEnabled(true);
-    const std::string fields
-        = "{{date}}|{{time}}|{{count}}|{{userText}}|{{#showPlumbline}}P{{/showPlumbline}}|"
-          "{{#recording}}R{{/recording}}{{^recording}}D{{/recording}}|{{width}}x{{height}}";
-    ASSERT_TRUE(model.SetDisplayTemplate(WriteTemplate("display.svg", "<svg>" + fields + "</svg>")));
-    ASSERT_TRUE(model.SetRecordTemplate(WriteTemplate("recording.svg", "<svg>" + fields + "</svg>")));
-    EXPECT_EQ(Display(), "<svg>2023-11-14|22:13:20|2,5 m|a&amp;b|P|D|640x480</svg>");
-    EXPECT_EQ(Recording(), "<svg>2023-11-14|22:13:20|2,5 m|a&amp;b|P|R|640x480</svg>");
+    // Without its templates the model renders nothing.
+    OverlayModel bare(nullptr, nullptr, dir.File("no-such-dir"));
+    EXPECT_EQ(bare.RenderDocument(false, kNow), "");
+    EXPECT_EQ(bare.RenderDocument(true, kNow), "");
+    EXPECT_TRUE(bare.SetDisplayTemplate(TemplateDir() + "/display.svg.mustache"));
+    EXPECT_NE(bare.RenderDocument(false, kNow).find("2023-11-14 22:13:20"), std::string::npos);
+    EXPECT_EQ(bare.RenderDocument(true, kNow), "");
 
-    model.SetUserTextEnabled(false);
-    model.SetCountEnabled(false);
-    EXPECT_EQ(Display(), "<svg>2023-11-14|22:13:20|||P|D|640x480</svg>");
-}
-
-TEST_F(OverlayModelTest, RefusedTemplatesLeaveTheOneInUse)
-{
     const std::string shipped = Display();
     EXPECT_FALSE(model.SetDisplayTemplate(dir.File("missing.svg")));
     EXPECT_FALSE(model.SetDisplayTemplate(WriteTemplate("unclosed.svg", "<svg>{{#showDate}}</svg>")));
@@ -278,14 +244,19 @@ TEST_F(OverlayModelTest, RefusedTemplatesLeaveTheOneInUse)
         VideoDaemon::Log::kWarning, "overlay template " + dir.File("unclosed.svg") + " does not parse"));
     EXPECT_TRUE(log.ContainsText(
         VideoDaemon::Log::kWarning, "overlay template " + dir.File("plain.txt") + " has no <svg> element"));
-}
 
-TEST_F(OverlayModelTest, WithoutItsTemplatesTheModelRendersNothing)
-{
-    OverlayModel bare(nullptr, nullptr, dir.File("no-such-dir"));
-    EXPECT_EQ(bare.RenderDocument(false, kNow), "");
-    EXPECT_EQ(bare.RenderDocument(true, kNow), "");
-    EXPECT_TRUE(bare.SetDisplayTemplate(TemplateDir() + "/display.svg.mustache"));
-    EXPECT_NE(bare.RenderDocument(false, kNow).find("2023-11-14 22:13:20"), std::string::npos);
-    EXPECT_EQ(bare.RenderDocument(true, kNow), "");
+    model.SetReelCount("2.5 m");
+    model.SetReelCountDecimalMark(",");
+    model.SetUserText({ 0, 0, "a&b", 0, "" });
+    model.SetPlumblineEnabled(true);
+    const std::string fields
+        = "{{date}}|{{time}}|{{count}}|{{userText}}|{{#showPlumbline}}P{{/showPlumbline}}|"
+          "{{#recording}}R{{/recording}}{{^recording}}D{{/recording}}|{{width}}x{{height}}";
+    ASSERT_TRUE(model.SetDisplayTemplate(WriteTemplate("display.svg", "<svg>" + fields + "</svg>")));
+    ASSERT_TRUE(model.SetRecordTemplate(WriteTemplate("recording.svg", "<svg>" + fields + "</svg>")));
+    EXPECT_EQ(Display(), "<svg>2023-11-14|22:13:20|2,5 m|a&amp;b|P|D|640x480</svg>");
+    EXPECT_EQ(Recording(), "<svg>2023-11-14|22:13:20|2,5 m|a&amp;b|P|R|640x480</svg>");
+    model.SetUserTextEnabled(false);
+    model.SetCountEnabled(false);
+    EXPECT_EQ(Display(), "<svg>2023-11-14|22:13:20|||P|D|640x480</svg>");
 }
