@@ -22,6 +22,7 @@ using namespace GstTest;
 
 namespace
 {
+
 struct Yuv {
     guint8 y, u, v;
 };
