@@ -41,20 +41,6 @@ void ExpectPublishes640x480Rgba(VideoDaemon::Pipeline& input)
     EXPECT_EQ(den, 1001);
 }
 
-gint DeinterlaceMethodOf(VideoDaemon::Pipeline& pipeline, const char* transform)
-{
-    gint value = -1;
-    g_object_get(ElementOf(pipeline, transform).get(), "deinterlace-method", &value, nullptr);
-    return value;
-}
-
-bool BooleanOf(VideoDaemon::Pipeline& pipeline, const char* element, const char* property)
-{
-    gboolean value = FALSE;
-    g_object_get(ElementOf(pipeline, element).get(), property, &value, nullptr);
-    return value;
-}
-
 class CameraDeathTest : public ::testing::Test
 {
 protected:
@@ -112,13 +98,13 @@ TEST(CameraInputs, PublishAs640x480RgbaUnderTheirOwnNamesAndSetTheirTransforms)
         std::string got;
         if (row.camera == &ntsc) {
             ntsc.SetDeinterlaceMethod(row.set);
-            EXPECT_EQ(DeinterlaceMethodOf(ntsc, "camera_input_transform"), row.method);
+            EXPECT_EQ(PropertyOf<gint>(ntsc, "camera_input_transform", "deinterlace-method"), row.method);
             // Only the fastest method takes the top field first.
-            EXPECT_EQ(BooleanOf(ntsc, "vbi_read", "set-tff-flag"), row.method == 1);
+            EXPECT_EQ(PropertyOf<gboolean>(ntsc, "vbi_read", "set-tff-flag"), row.method == 1);
             got = ntsc.GetDeinterlaceMethod();
         } else {
             pal.SetDeinterlaceMethod(row.set);
-            EXPECT_EQ(DeinterlaceMethodOf(pal, "pal_camera_input_transform"), row.method);
+            EXPECT_EQ(PropertyOf<gint>(pal, "pal_camera_input_transform", "deinterlace-method"), row.method);
             got = pal.GetDeinterlaceMethod();
         }
         EXPECT_EQ(got, row.got);
@@ -126,12 +112,12 @@ TEST(CameraInputs, PublishAs640x480RgbaUnderTheirOwnNamesAndSetTheirTransforms)
     EXPECT_EQ(log.Count(LOG_ERR, "Deinterlace method median-motion not recognized. Ignoring"), 2u);
     EXPECT_FALSE(log.ContainsText("Deinterlace method high-motion"));
 
-    EXPECT_TRUE(BooleanOf(ntsc, "camera_input_transform", "input-crop"));
+    EXPECT_TRUE(PropertyOf<gboolean>(ntsc, "camera_input_transform", "input-crop"));
     for (bool crop : { false, true }) {
         ntsc.SetInputCrop(crop);
         pal.SetInputCrop(crop);
-        EXPECT_EQ(BooleanOf(ntsc, "camera_input_transform", "input-crop"), crop);
-        EXPECT_EQ(BooleanOf(pal, "pal_camera_input_transform", "input-crop"), crop);
+        EXPECT_EQ(PropertyOf<gboolean>(ntsc, "camera_input_transform", "input-crop"), crop);
+        EXPECT_EQ(PropertyOf<gboolean>(pal, "pal_camera_input_transform", "input-crop"), crop);
     }
 }
 

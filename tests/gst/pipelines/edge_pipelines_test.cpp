@@ -18,13 +18,6 @@ using namespace PipelineHarness;
 namespace
 {
 
-guint64 SinkCount(VideoDaemon::Pipeline& display, const char* property)
-{
-    guint64 value = 0;
-    g_object_get(ElementOf(display, "display_sink").get(), property, &value, nullptr);
-    return value;
-}
-
 // Counts the buffers that cross a pad and keeps the loudest sample among them, read as signed 16-bit.
 struct AudioWatch {
     AudioWatch(VideoDaemon::Pipeline& pipeline, const char* element)
@@ -76,7 +69,8 @@ TEST(DisplayPipeline, ShowsTheFramesItListensToInvertedOrDropped)
     ASSERT_TRUE(display.ListenTo(&feed, "", ""));
     ASSERT_EQ(feed.SetState(GST_STATE_PLAYING, 2000), 0);
     ASSERT_EQ(display.SetState(GST_STATE_PLAYING, 2000), 0);
-    ASSERT_TRUE(RunMainLoopUntil([&] { return SinkCount(display, "frames-shown") >= 10; }, 3000));
+    ASSERT_TRUE(RunMainLoopUntil(
+        [&] { return PropertyOf<guint64>(display, "display_sink", "frames-shown") >= 10; }, 3000));
 
     for (gint rotation : { 5, 0 }) {
         display.Invert(rotation != 0);
@@ -87,13 +81,16 @@ TEST(DisplayPipeline, ShowsTheFramesItListensToInvertedOrDropped)
 
     display.DropFrames(true);
     RunMainLoopFor(100);
-    const guint64 shown = SinkCount(display, "frames-shown");
-    const guint64 dropped = SinkCount(display, "frames-dropped");
-    ASSERT_TRUE(RunMainLoopUntil([&] { return SinkCount(display, "frames-dropped") >= dropped + 10; }, 3000));
-    EXPECT_EQ(SinkCount(display, "frames-shown"), shown);
+    const guint64 shown = PropertyOf<guint64>(display, "display_sink", "frames-shown");
+    const guint64 dropped = PropertyOf<guint64>(display, "display_sink", "frames-dropped");
+    ASSERT_TRUE(RunMainLoopUntil(
+        [&] { return PropertyOf<guint64>(display, "display_sink", "frames-dropped") >= dropped + 10; },
+        3000));
+    EXPECT_EQ(PropertyOf<guint64>(display, "display_sink", "frames-shown"), shown);
 
     display.DropFrames(false);
-    ASSERT_TRUE(RunMainLoopUntil([&] { return SinkCount(display, "frames-shown") >= shown + 10; }, 3000));
+    ASSERT_TRUE(RunMainLoopUntil(
+        [&] { return PropertyOf<guint64>(display, "display_sink", "frames-shown") >= shown + 10; }, 3000));
 }
 
 TEST(MicInputPipeline, MuteIsRefusedBeforeLaunchAndSilencesTheMicrophoneAfterAndTheSpeakerPlaysIt)

@@ -10,6 +10,7 @@
 #include "log_capture.h"
 #include "pipeline_harness.h"
 
+using PipelineHarness::PropertyOf;
 using PipelineHarness::RunMainLoopFor;
 using PipelineHarness::RunMainLoopUntil;
 using VideoDaemon::GpuPipeline;
@@ -27,14 +28,6 @@ protected:
 
     // A new reference to an element of the launched pipeline.
     GstElement* Element(const char* name) { return gst_bin_get_by_name(GST_BIN(gpu.GetPipeline()), name); }
-
-    template <typename T> T Read(const char* element, const char* property)
-    {
-        g_autoptr(GstElement) found = Element(element);
-        T value {};
-        g_object_get(found, property, &value, nullptr);
-        return value;
-    }
 
     GpuPipeline gpu;
     LogCapture log;
@@ -148,7 +141,7 @@ TEST_F(GpuPipelineTest, SettersReachTheirElementsWithinTheirRanges)
         EXPECT_EQ((gpu.*row.set)(row.value), row.warning ? -1 : 0) << row.value;
         EXPECT_TRUE(!row.warning || log.Contains(kWarning, row.warning)) << row.value;
         if (row.set == &GpuPipeline::SetDslMaxZoomIn && !row.warning) {
-            EXPECT_DOUBLE_EQ(Read<double>("gpu", "max-dsl-zoom-in"), row.value);
+            EXPECT_DOUBLE_EQ(PropertyOf<double>(gpu, "gpu", "max-dsl-zoom-in"), row.value);
             // Read back through the limit in effect, not the written property.
             EXPECT_DOUBLE_EQ(gpu.GetDslMaxZoomIn(), row.value);
         }
@@ -179,8 +172,8 @@ TEST_F(GpuPipelineTest, SettersReachTheirElementsWithinTheirRanges)
         gpu.SetRotationThreshold(30 + over);
         gpu.SetRotationNumFrames(240 + over);
         EXPECT_EQ(gpu.GetRotationSteps(), 2u);
-        EXPECT_EQ(Read<guint>("dsl", "rotation-threshold"), 30u);
-        EXPECT_EQ(Read<guint>("dsl", "rotation-frames-trigger"), 240u);
+        EXPECT_EQ(PropertyOf<guint>(gpu, "dsl", "rotation-threshold"), 30u);
+        EXPECT_EQ(PropertyOf<guint>(gpu, "dsl", "rotation-frames-trigger"), 240u);
     }
     const std::vector<std::pair<int, std::string>> warnings {
         { kWarning, "Invalid rotations steps mode:3" },
@@ -196,7 +189,7 @@ TEST_F(GpuPipelineTest, SettersReachTheirElementsWithinTheirRanges)
     gpu.SetRollFilterCoeffs("1 2 1");
     gpu.SetRollFilterCoeffs("");
     EXPECT_TRUE(log.Contains(kWarning, "Roll filter coefficients string empty"));
-    g_autofree gchar* coeffs = Read<gchar*>("motion_filter", "roll-filter-coeffs");
+    g_autofree gchar* coeffs = PropertyOf<gchar*>(gpu, "motion_filter", "roll-filter-coeffs");
     EXPECT_STREQ(coeffs, "1 2 1");
     // Every property here is a 32-bit integer or boolean.
     const struct {
@@ -215,7 +208,7 @@ TEST_F(GpuPipelineTest, SettersReachTheirElementsWithinTheirRanges)
     };
     for (const auto& row : rows) {
         EXPECT_TRUE(row.set()) << row.property;
-        EXPECT_EQ(Read<guint>(row.element, row.property), row.value) << row.property;
+        EXPECT_EQ(PropertyOf<guint>(gpu, row.element, row.property), row.value) << row.property;
     }
     EXPECT_TRUE(log.Contains(kInfo, "[GPU pipeline] Set 'Plumbline': [Enabled]"));
 
@@ -225,11 +218,11 @@ TEST_F(GpuPipelineTest, SettersReachTheirElementsWithinTheirRanges)
     EXPECT_TRUE(log.Contains(kInfo, "[GPU pipeline] Set 'Sharpen': [Enabled]"));
     EXPECT_TRUE(log.Contains(kInfo, "[GPU pipeline] Set 'Sharpen Amount': [2.500000]"));
     EXPECT_TRUE(log.Contains(kInfo, "[GPU pipeline] Set 'DSL Auto Zoom Override': [true]"));
-    EXPECT_TRUE(Read<gboolean>("gpu", "sharpen"));
-    EXPECT_DOUBLE_EQ(Read<double>("gpu", "sharpen-amount"), 2.5);
-    EXPECT_TRUE(Read<gboolean>("gpu", "dsl-auto-zoom-override"));
+    EXPECT_TRUE(PropertyOf<gboolean>(gpu, "gpu", "sharpen"));
+    EXPECT_DOUBLE_EQ(PropertyOf<double>(gpu, "gpu", "sharpen-amount"), 2.5);
+    EXPECT_TRUE(PropertyOf<gboolean>(gpu, "gpu", "dsl-auto-zoom-override"));
     EXPECT_DOUBLE_EQ(gpu.GetImageSharpen(), 0.0);
-    EXPECT_DOUBLE_EQ(gpu.GetImageSharpenAmount(), Read<double>("dsl", "sharpen-amount"));
+    EXPECT_DOUBLE_EQ(gpu.GetImageSharpenAmount(), PropertyOf<double>(gpu, "dsl", "sharpen-amount"));
     EXPECT_FALSE(gpu.GetDslAutoZoomOverride());
     g_autoptr(GstElement) dsl = Element("dsl");
     g_object_set(dsl, "sharpen", 1.0, "sharpen-amount", 4.0, "dsl-auto-zoom-override", TRUE, nullptr);

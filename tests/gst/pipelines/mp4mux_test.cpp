@@ -14,19 +14,6 @@ using namespace PipelineHarness;
 using namespace GstTest;
 using VideoDaemon::Mp4muxPipeline;
 
-namespace
-{
-
-template <typename T>
-T PropertyOf(VideoDaemon::Pipeline& pipeline, const std::string& element, const char* name)
-{
-    T value {};
-    g_object_get(ElementOf(pipeline, element).get(), name, &value, nullptr);
-    return value;
-}
-
-} // namespace
-
 TEST(Mp4muxPipeline, NamesItsElementsAfterItsPrefixWritesUnbufferedToNowhereAndRelaysThePauseLength)
 {
     LogCapture log;

@@ -42,6 +42,15 @@ inline VideoDaemon::GstPtr<GstElement> ElementOf(VideoDaemon::Pipeline& pipeline
         gst_bin_get_by_name(GST_BIN(pipeline.GetPipeline()), name.c_str()));
 }
 
+// A property of a named element of a launched pipeline; strings and caps come owned.
+template <typename T>
+T PropertyOf(VideoDaemon::Pipeline& pipeline, const std::string& element, const char* property)
+{
+    T value {};
+    g_object_get(ElementOf(pipeline, element).get(), property, &value, nullptr);
+    return value;
+}
+
 // A consumer that listens to one interpipesink and hands its buffers to an
 // appsink named "out", so a test can look at what a producer publishes.
 class Consumer : public DescribedPipeline

@@ -15,18 +15,12 @@
 #include "support/death_test_style.h"
 
 using PipelineHarness::ElementOf;
+using PipelineHarness::PropertyOf;
 using PipelineHarness::RunMainLoopUntil;
 using VideoDaemon::SnapshotPipeline;
 
 namespace
 {
-
-template <typename T> T PropertyOf(SnapshotPipeline& snapshot, const char* element, const char* name)
-{
-    T value {};
-    g_object_get(ElementOf(snapshot, element).get(), name, &value, nullptr);
-    return value;
-}
 
 // Collects the GObject warnings while it lives.
 class GObjectWarnings
