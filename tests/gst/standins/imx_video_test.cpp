@@ -256,51 +256,50 @@ TEST(ImxIpuVideoSink, CountsTheFramesItShowsAndKeepsTheLastOne)
     EXPECT_EQ(FramesShown(still.Element("jpeg_playback_sink").get()), 1u);
 }
 
-TEST(ImxIpuVideoSink, DropFramesTakesFramesWithoutShowingThemAndCanBeSwitchedWhilePlaying)
-{
-    TestPipeline pipeline(std::string(kSmallBgra) + "drop-frames=true");
-    ASSERT_TRUE(pipeline.Parsed() && pipeline.Start()) << pipeline.Error();
-    GstPtr<GstElement> owned = pipeline.Element("display_sink");
-    GstElement* sink = owned.get();
-    // Frames pushed with "drop-frames" as given, and how many the sink has shown after them.
-    guint64 pushed = 0;
-    for (auto [drop, count, shown] :
-        { std::tuple { TRUE, 2, 0u }, { FALSE, 3, 3u }, { TRUE, 4, 3u }, { FALSE, 2, 5u } }) {
-        g_object_set(sink, "drop-frames", drop, nullptr);
-        for (int i = 0; i < count; ++i)
-            pipeline.Push("in", gst_buffer_new_allocate(nullptr, 64 * 48 * 4, nullptr));
-        pushed += static_cast<guint64>(count);
-        // Bounded wait until the sink has taken every frame, shown or dropped.
-        guint64 dropped = 0;
-        for (int tries = 0; tries < 500 && FramesShown(sink) + dropped != pushed; ++tries) {
-            g_usleep(10000);
-            g_object_get(sink, "frames-dropped", &dropped, nullptr);
-        }
-        EXPECT_EQ(FramesShown(sink) + dropped, pushed) << "after " << pushed;
-        EXPECT_EQ(FramesShown(sink), shown) << "after " << pushed;
-        EXPECT_EQ(LastSample(sink) != nullptr, shown > 0) << "after " << pushed;
-    }
-    pipeline.EndOfStream("in");
-    EXPECT_TRUE(pipeline.WaitForEos()) << pipeline.Error();
-    EXPECT_EQ(FramesShown(sink), 5u);
-}
-
-TEST(ImxIpuVideoSink, LastSampleIsThePictureAsTheRotatedPanelShowsIt)
+// Each row from a sink created dropping: a white frame is dropped (nothing
+// shown or kept), the marked frame is shown once dropping is switched off
+// while playing, and a white frame dropped after it leaves it the last sample.
+TEST(
+    ImxIpuVideoSink, DropFramesTakesFramesWithoutShowingThemAndLastSampleIsThePictureAsTheRotatedPanelShowsIt)
 {
     for (auto [rotation, width, height, white_x, white_y] : { std::tuple { 0, 64, 48, 0, 0 },
              { 5, 64, 48, 0, 47 }, { 2, 64, 48, 63, 47 }, { 1, 48, 64, 47, 0 } }) {
         SCOPED_TRACE("rotation " + std::to_string(rotation));
-        TestPipeline pipeline(std::string(kSmallBgra) + "output-rotation=" + std::to_string(rotation));
+        TestPipeline pipeline(
+            std::string(kSmallBgra) + "drop-frames=true output-rotation=" + std::to_string(rotation));
         ASSERT_TRUE(pipeline.Parsed() && pipeline.Start()) << pipeline.Error();
-        // Black, white in its top-left pixel only.
-        GstBuffer* frame = gst_buffer_new_allocate(nullptr, 64 * 48 * 4, nullptr);
-        gst_buffer_memset(frame, 0, 0, 64 * 48 * 4);
-        gst_buffer_memset(frame, 0, 0xff, 4);
-        pipeline.Push("in", frame);
+        GstPtr<GstElement> sink = pipeline.Element("display_sink");
+        auto count = [&](const char* counter) {
+            guint64 value = 0;
+            g_object_get(sink.get(), counter, &value, nullptr);
+            return value;
+        };
+        // Pushes a frame of the byte, white in its top-left pixel, then waits (bounded) until the sink took
+        // it.
+        auto push = [&](guint8 fill, guint64 taken) {
+            GstBuffer* frame = gst_buffer_new_allocate(nullptr, 64 * 48 * 4, nullptr);
+            gst_buffer_memset(frame, 0, fill, 64 * 48 * 4);
+            gst_buffer_memset(frame, 0, 0xff, 4);
+            pipeline.Push("in", frame);
+            for (int tries = 0; tries < 500 && count("frames-shown") + count("frames-dropped") < taken;
+                 ++tries)
+                g_usleep(10000);
+        };
+        push(0xff, 1);
+        EXPECT_EQ(count("frames-dropped"), 1u);
+        EXPECT_EQ(FramesShown(sink.get()), 0u);
+        EXPECT_FALSE(LastSample(sink.get()));
+        g_object_set(sink.get(), "drop-frames", FALSE, nullptr);
+        push(0, 2); // black but the marked pixel
+        EXPECT_EQ(FramesShown(sink.get()), 1u);
+        g_object_set(sink.get(), "drop-frames", TRUE, nullptr);
+        push(0xff, 3);
         pipeline.EndOfStream("in");
         ASSERT_TRUE(pipeline.WaitForEos()) << pipeline.Error();
+        EXPECT_EQ(FramesShown(sink.get()), 1u);
+        EXPECT_EQ(count("frames-dropped"), 2u);
 
-        GstSamplePtr last = LastSample(pipeline.Element("display_sink").get());
+        GstSamplePtr last = LastSample(sink.get());
         ASSERT_TRUE(last);
         GstVideoInfo info;
         ASSERT_TRUE(gst_video_info_from_caps(&info, gst_sample_get_caps(last.get())));
