@@ -123,95 +123,29 @@ bool OverlayModel::EnableOverlays(const std::string& mode)
     return switched;
 }
 
-void OverlayModel::SetDateEnabled(bool enabled)
-{
-    _DateEnabled = enabled;
-    Changed();
-}
-
-void OverlayModel::SetTimeEnabled(bool enabled)
-{
-    _TimeEnabled = enabled;
-    Changed();
-}
-
-void OverlayModel::SetPlumblineEnabled(bool enabled)
-{
-    _PlumblineEnabled = enabled;
-    Changed();
-}
-
-void OverlayModel::SetCountEnabled(bool enabled)
-{
-    _CountEnabled = enabled;
-    Changed();
-}
-
-void OverlayModel::SetUserTextEnabled(bool enabled)
-{
-    _UserTextEnabled = enabled;
-    Changed();
-}
-
-void OverlayModel::SetDateFormat(const std::string& format)
-{
-    _DateFormat = format;
-    Changed();
-}
-
-void OverlayModel::SetTimeFormat(const std::string& format)
-{
-    _TimeFormat = format;
-    Changed();
-}
-
-void OverlayModel::SetReelCountDecimalMark(const std::string& mark)
-{
-    _DecimalMark = mark;
-    Changed();
-}
-
-void OverlayModel::SetUserTextFontSize(uint32_t size)
-{
-    _UserTextFontSize = size;
-    Changed();
-}
-
-void OverlayModel::SetDateTimeFontSize(uint32_t size)
-{
-    _DateTimeFontSize = size;
-    Changed();
-}
-
-void OverlayModel::SetCountFontSize(uint32_t size)
-{
-    _CountFontSize = size;
-    Changed();
-}
-
-void OverlayModel::SetUserText(const UserText& text)
-{
-    _UserText = text;
-    Changed();
-}
-
-void OverlayModel::SetDateTimeStyle(int32_t style)
-{
-    _DateTimeStyle = style;
-    Changed();
-}
-
-void OverlayModel::SetCountStyle(int32_t style)
-{
-    _CountStyle = style;
-    Changed();
-}
-
-void OverlayModel::SetReelCount(const std::string& count)
-{
-    _ReelCount = count;
-    Changed();
-}
+// The plain settings: each is stored and the documents redrawn.
+#define VIDEOD_OVERLAY_SETTING(setter, type, member)                                                         \
+    void OverlayModel::setter(type value)                                                                    \
+    {                                                                                                        \
+        member = value;                                                                                      \
+        Changed();                                                                                           \
+    }
+VIDEOD_OVERLAY_SETTING(SetDateEnabled, bool, _DateEnabled)
+VIDEOD_OVERLAY_SETTING(SetTimeEnabled, bool, _TimeEnabled)
+VIDEOD_OVERLAY_SETTING(SetPlumblineEnabled, bool, _PlumblineEnabled)
+VIDEOD_OVERLAY_SETTING(SetCountEnabled, bool, _CountEnabled)
+VIDEOD_OVERLAY_SETTING(SetUserTextEnabled, bool, _UserTextEnabled)
+VIDEOD_OVERLAY_SETTING(SetDateFormat, const std::string&, _DateFormat)
+VIDEOD_OVERLAY_SETTING(SetTimeFormat, const std::string&, _TimeFormat)
+VIDEOD_OVERLAY_SETTING(SetReelCountDecimalMark, const std::string&, _DecimalMark)
+VIDEOD_OVERLAY_SETTING(SetUserTextFontSize, uint32_t, _UserTextFontSize)
+VIDEOD_OVERLAY_SETTING(SetDateTimeFontSize, uint32_t, _DateTimeFontSize)
+VIDEOD_OVERLAY_SETTING(SetCountFontSize, uint32_t, _CountFontSize)
+VIDEOD_OVERLAY_SETTING(SetUserText, const UserText&, _UserText)
+VIDEOD_OVERLAY_SETTING(SetDateTimeStyle, int32_t, _DateTimeStyle)
+VIDEOD_OVERLAY_SETTING(SetCountStyle, int32_t, _CountStyle)
+VIDEOD_OVERLAY_SETTING(SetReelCount, const std::string&, _ReelCount)
+#undef VIDEOD_OVERLAY_SETTING
 
 void OverlayModel::Update(std::time_t now)
 {
