@@ -26,12 +26,19 @@ struct Outcome {
     std::string err;
 };
 
-inline Outcome RunCommand(const std::vector<std::string>& arguments)
+// The null-terminated argument vector of `arguments`, valid while they are.
+inline std::vector<gchar*> Argv(const std::vector<std::string>& arguments)
 {
     std::vector<gchar*> argv;
     for (const std::string& argument : arguments)
         argv.push_back(const_cast<gchar*>(argument.c_str()));
     argv.push_back(nullptr);
+    return argv;
+}
+
+inline Outcome RunCommand(const std::vector<std::string>& arguments)
+{
+    std::vector<gchar*> argv = Argv(arguments);
     gchar* raw_out = nullptr;
     gchar* raw_err = nullptr;
     gint wait_status = 0;
@@ -65,10 +72,7 @@ struct KilledRecording {
         std::vector<std::string> arguments { program, file, recovery };
         if (!sink_buffer.empty())
             arguments.push_back(sink_buffer);
-        std::vector<gchar*> argv;
-        for (const std::string& argument : arguments)
-            argv.push_back(const_cast<gchar*>(argument.c_str()));
-        argv.push_back(nullptr);
+        std::vector<gchar*> argv = Argv(arguments);
         GPid pid = 0;
         gint out = -1;
         if (!g_spawn_async_with_pipes(nullptr, argv.data(), nullptr, G_SPAWN_DO_NOT_REAP_CHILD, nullptr,
