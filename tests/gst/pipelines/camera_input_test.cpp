@@ -167,11 +167,7 @@ TEST_F(CameraDeathTest, ControlsWithoutTheTransformEndTheProcess)
     VideoDaemon::NtscCameraInputPipeline ntsc_camera;
     VideoDaemon::PalCameraInputPipeline pal_camera;
     // A camera whose description lacks the transform element.
-    class Stripped : public VideoDaemon::NtscCameraInputPipeline
-    {
-        std::string GetDescription() override { return "fakesrc ! fakesink"; }
-    };
-    Stripped stripped;
+    WithDescription<VideoDaemon::NtscCameraInputPipeline> stripped("fakesrc ! fakesink");
     ASSERT_TRUE(stripped.Launch(false, false, false));
 
     const std::string ntsc = "VideoDaemon::NtscCameraInputPipeline::";

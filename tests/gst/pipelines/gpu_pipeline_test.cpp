@@ -33,20 +33,6 @@ protected:
     LogCapture log;
 };
 
-// A GPU pipeline whose description is replaced, to reach Launch's failure paths.
-class GpuPipelineWithDescription : public GpuPipeline
-{
-public:
-    explicit GpuPipelineWithDescription(std::string text)
-        : text_(std::move(text))
-    {
-    }
-    std::string GetDescription() override { return text_; }
-
-private:
-    std::string text_;
-};
-
 } // namespace
 
 // Before the launch every setter fails with the missing pipeline's message; a description without a
@@ -94,11 +80,12 @@ TEST_F(GpuPipelineTest, ConnectsItsEndsAndWatchesItsQueuesAndOutputButNeedsAPipe
     EXPECT_EQ(gpu.SetDslHysteresis(3), -1);
     EXPECT_FALSE(gpu.GetRotationEnabled());
 
-    GpuPipelineWithDescription broken("no_such_element_anywhere");
+    PipelineHarness::WithDescription<GpuPipeline> broken("no_such_element_anywhere");
     EXPECT_FALSE(broken.Launch(false, false, false));
     EXPECT_TRUE(
         log.Contains(kError, "virtual bool VideoDaemon::GpuPipeline::Launch(bool, bool, bool): !pipeline"));
-    GpuPipelineWithDescription without_dsl("videotestsrc ! tarnwell-tiling name=gpu ! fakesink");
+    PipelineHarness::WithDescription<GpuPipeline> without_dsl(
+        "videotestsrc ! tarnwell-tiling name=gpu ! fakesink");
     EXPECT_FALSE(without_dsl.Launch(false, false, false));
     EXPECT_TRUE(log.Contains(
         kError, "virtual bool VideoDaemon::GpuPipeline::Launch(bool, bool, bool): element == NULL (dsl)"));

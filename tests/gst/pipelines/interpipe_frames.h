@@ -5,6 +5,7 @@
 #include <gst/gst.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -63,12 +64,14 @@ private:
     GstTest::TestPipeline pipeline_;
 };
 
-// Pushes `frame` until a published frame satisfies `check` (at most 100
-// frames, each pull bounded), since the pipelines in between drop frames.
+// Pushes `frame` until a published frame satisfies `check`, for at most five seconds (each pull bounded):
+// the pipelines in between drop frames, and a new setting shows on a later frame, after a busy machine's
+// render thread has got to it.
 inline bool WaitForFrame(FrameProducer& producer, FrameConsumer& consumer, const std::vector<uint8_t>& frame,
     const std::function<bool(const std::vector<uint8_t>&)>& check)
 {
-    for (int i = 0; i < 100; i++) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (std::chrono::steady_clock::now() < deadline) {
         producer.Push(frame);
         const std::vector<uint8_t> out = consumer.Pull(GST_SECOND / 10);
         if (!out.empty() && check(out))

@@ -29,22 +29,6 @@ std::string FilledSvg(const char* colour)
         + colour + "\"/></svg>";
 }
 
-// An overlay pipeline whose description is replaced, to run the render
-// thread without a pipeline.
-class OverlayWithDescription : public OverlayPipeline
-{
-public:
-    OverlayWithDescription(const std::string& name, std::string text)
-        : OverlayPipeline(name)
-        , text_(std::move(text))
-    {
-    }
-    std::string GetDescription() override { return text_; }
-
-private:
-    std::string text_;
-};
-
 // Holds the render thread inside its first "data" update until opened, and
 // records every document the element receives.
 struct RenderGate {
@@ -123,7 +107,7 @@ TEST_F(OverlayPipelineTest, KeepsAtMostTwoDocumentsAndDropsTheOldestAndLogsAMiss
     }
 
     // Without a pipeline the render thread logs the failed lookup.
-    OverlayWithDescription broken("display", "no_such_element_anywhere");
+    PipelineHarness::WithDescription<OverlayPipeline> broken("no_such_element_anywhere", "display");
     EXPECT_FALSE(broken.Launch(false, false, false));
     std::string svg = FilledSvg("#ff0000");
     broken.UpdateSvgData(svg);
@@ -139,7 +123,7 @@ TEST_F(OverlayPipelineTest, ASecondLaunchTerminatesTheProcess)
     GstTest::UseFreshProcessDeathTests();
     EXPECT_DEATH(
         {
-            OverlayWithDescription overlay("display", "fakesrc ! fakesink");
+            PipelineHarness::WithDescription<OverlayPipeline> overlay("fakesrc ! fakesink", "display");
             overlay.Launch(false, false, false);
             overlay.Launch(false, false, false);
         },

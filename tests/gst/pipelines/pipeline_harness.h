@@ -10,6 +10,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "described_pipeline.h"
 #include "log.h"
@@ -50,6 +51,22 @@ T PropertyOf(VideoDaemon::Pipeline& pipeline, const std::string& element, const 
     g_object_get(ElementOf(pipeline, element).get(), property, &value, nullptr);
     return value;
 }
+
+// A pipeline class with its description replaced, to reach the paths where elements are missing.
+template <typename Base> class WithDescription : public Base
+{
+public:
+    template <typename... Args>
+    explicit WithDescription(std::string text, Args&&... args)
+        : Base(std::forward<Args>(args)...)
+        , text_(std::move(text))
+    {
+    }
+    std::string GetDescription() override { return text_; }
+
+private:
+    std::string text_;
+};
 
 // A consumer that listens to one interpipesink and hands its buffers to an
 // appsink named "out", so a test can look at what a producer publishes.
