@@ -36,6 +36,14 @@ size_t Occurrences(const std::string& text, const std::string& fragment)
     return count;
 }
 
+// Whether `document` holds `fragment`; the document is shown when not.
+::testing::AssertionResult Holds(const std::string& document, const std::string& fragment)
+{
+    if (document.find(fragment) != std::string::npos)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "no " << fragment << " in " << document;
+}
+
 class OverlayModelTest : public ::testing::Test
 {
 protected:
@@ -70,19 +78,14 @@ TEST_F(OverlayModelTest, ShippedTemplatesDrawDateTimeTopLeftCountBottomRightAndU
                       0),
             0u)
             << document;
-        EXPECT_NE(document.find("<text x='12' y='32' font-family='sans-serif' " + kStroke
-                      + ">2023-11-14 22:13:20</text>"),
-            std::string::npos)
-            << document;
-        EXPECT_NE(document.find("<text x='628' y='468' font-family='sans-serif' " + kStroke
-                      + "text-anchor='end'>12.5 m</text>"),
-            std::string::npos)
-            << document;
-        EXPECT_NE(document.find("<text x='100' y='200' font-family='sans-serif' font-weight='bold' "
-                                "font-size='24' fill='white' stroke='black' stroke-width='2' >"
-                                "<tspan x='100' dy='1.2em'>Pipe 3</tspan></text>"),
-            std::string::npos)
-            << document;
+        EXPECT_TRUE(Holds(document,
+            "<text x='12' y='32' font-family='sans-serif' " + kStroke + ">2023-11-14 22:13:20</text>"));
+        EXPECT_TRUE(Holds(document,
+            "<text x='628' y='468' font-family='sans-serif' " + kStroke + "text-anchor='end'>12.5 m</text>"));
+        EXPECT_TRUE(Holds(document,
+            "<text x='100' y='200' font-family='sans-serif' font-weight='bold' "
+            "font-size='24' fill='white' stroke='black' stroke-width='2' >"
+            "<tspan x='100' dy='1.2em'>Pipe 3</tspan></text>"));
         EXPECT_EQ(Occurrences(document, "<text"), 3u);
         EXPECT_EQ(Occurrences(document, "<line"), 0u) << "the plumbline is off by default";
         EXPECT_EQ(document.substr(document.size() - 7), "</svg>\n");
@@ -97,11 +100,10 @@ TEST_F(OverlayModelTest, UserTextItsColourTheDateFormatAndTheReelCountAreEscaped
     model.SetTimeEnabled(false);
     model.SetReelCount("<1.5 m>");
     const std::string document = Display();
-    EXPECT_NE(document.find("fill='red&apos; onload=&apos;x' "), std::string::npos) << document;
-    EXPECT_NE(document.find("<tspan x='0' dy='1.2em'>&lt;&amp;&gt;&quot;&apos;</tspan>"), std::string::npos)
-        << document;
-    EXPECT_NE(document.find(">&lt;14&amp;11&gt;</text>"), std::string::npos) << document;
-    EXPECT_NE(document.find(">&lt;1.5 m&gt;</text>"), std::string::npos) << document;
+    EXPECT_TRUE(Holds(document, "fill='red&apos; onload=&apos;x' "));
+    EXPECT_TRUE(Holds(document, "<tspan x='0' dy='1.2em'>&lt;&amp;&gt;&quot;&apos;</tspan>"));
+    EXPECT_TRUE(Holds(document, ">&lt;14&amp;11&gt;</text>"));
+    EXPECT_TRUE(Holds(document, ">&lt;1.5 m&gt;</text>"));
     EXPECT_EQ(document.find("<&>"), std::string::npos);
     EXPECT_EQ(model.GetUserText().text, "<&>\"'") << "the model keeps the text as it was set";
 }
@@ -112,14 +114,13 @@ TEST_F(OverlayModelTest, DisabledSwitchesRemoveTheirElements)
     model.SetUserText({ 10, 10, "note", 0, "" });
     model.SetPlumblineEnabled(true);
     EXPECT_EQ(Occurrences(Display(), "<line"), 2u) << "the plumbline's outline and line";
-    EXPECT_NE(Display().find("<line x1=\"320\" y1=\"0\" x2=\"320\" y2=\"480\" stroke=\"white\""),
-        std::string::npos);
+    EXPECT_TRUE(Holds(Display(), "<line x1=\"320\" y1=\"0\" x2=\"320\" y2=\"480\" stroke=\"white\""));
 
     model.SetDateEnabled(false);
-    EXPECT_NE(Display().find(">22:13:20</text>"), std::string::npos) << "the time alone";
+    EXPECT_TRUE(Holds(Display(), ">22:13:20</text>"));
     model.SetDateEnabled(true);
     model.SetTimeEnabled(false);
-    EXPECT_NE(Display().find(">2023-11-14</text>"), std::string::npos) << "the date alone";
+    EXPECT_TRUE(Holds(Display(), ">2023-11-14</text>"));
     model.SetDateEnabled(false);
     EXPECT_EQ(Display().find("2023"), std::string::npos);
     EXPECT_EQ(Occurrences(Display(), "<text"), 2u);
@@ -152,14 +153,12 @@ TEST_F(OverlayModelTest, FormatsFontSizesStylesColoursAndTheDecimalMarkShapeTheT
     model.SetReelCount("1012.5 ft");
     model.SetReelCountDecimalMark(",");
     std::string document = Display();
-    EXPECT_NE(document.find("<text x='12' y='42' font-family='sans-serif' font-weight='bold' font-size='30' "
-                            "fill='white' stroke='black' stroke-width='2' >14/11/2023 22.13</text>"),
-        std::string::npos)
-        << document;
-    EXPECT_NE(document.find("font-size='16' fill='white' stroke='black' stroke-width='2' "
-                            "text-anchor='end'>1012,5 ft</text>"),
-        std::string::npos)
-        << document;
+    EXPECT_TRUE(Holds(document,
+        "<text x='12' y='42' font-family='sans-serif' font-weight='bold' font-size='30' "
+        "fill='white' stroke='black' stroke-width='2' >14/11/2023 22.13</text>"));
+    EXPECT_TRUE(Holds(document,
+        "font-size='16' fill='white' stroke='black' stroke-width='2' "
+        "text-anchor='end'>1012,5 ft</text>"));
 
     // The styles choose the corners; unknown styles are kept but drawn at the default.
     model.SetDateFormat(OverlayModel::kDefaultDateFormat);
@@ -185,26 +184,23 @@ TEST_F(OverlayModelTest, FormatsFontSizesStylesColoursAndTheDecimalMarkShapeTheT
         const auto anchor
             = [](const std::string& at) { return at.find("x='628'") == 0 ? "text-anchor='end'" : ""; };
         document = Display();
-        EXPECT_NE(document.find("<text " + row.date_time_at + " font-family='sans-serif' " + kStroke
-                      + anchor(row.date_time_at) + ">2023-11-14 22:13:20</text>"),
-            std::string::npos)
-            << document;
-        EXPECT_NE(document.find("<text " + row.count_at + " font-family='sans-serif' " + kStroke
-                      + anchor(row.count_at) + ">7,5 m</text>"),
-            std::string::npos)
-            << document;
+        EXPECT_TRUE(Holds(document,
+            "<text " + row.date_time_at + " font-family='sans-serif' " + kStroke + anchor(row.date_time_at)
+                + ">2023-11-14 22:13:20</text>"));
+        EXPECT_TRUE(Holds(document,
+            "<text " + row.count_at + " font-family='sans-serif' " + kStroke + anchor(row.count_at)
+                + ">7,5 m</text>"));
     }
 
     // The user text takes its own size and colour and splits into lines; without a size, the setting's.
     model.SetUserText({ 40, 60, "line one\nline two", 36, "#ff8000" });
-    EXPECT_NE(Display().find("<text x='40' y='60' font-family='sans-serif' font-weight='bold' font-size='36' "
-                             "fill='#ff8000' stroke='black' stroke-width='2' ><tspan x='40' dy='1.2em'>line "
-                             "one</tspan><tspan x='40' dy='1.2em'>line two</tspan></text>"),
-        std::string::npos)
-        << Display();
+    EXPECT_TRUE(Holds(Display(),
+        "<text x='40' y='60' font-family='sans-serif' font-weight='bold' font-size='36' "
+        "fill='#ff8000' stroke='black' stroke-width='2' ><tspan x='40' dy='1.2em'>line "
+        "one</tspan><tspan x='40' dy='1.2em'>line two</tspan></text>"));
     model.SetUserTextFontSize(50);
     model.SetUserText({ 40, 60, "sized by the setting", -1, "" });
-    EXPECT_NE(Display().find("font-size='50' fill='white'"), std::string::npos) << Display();
+    EXPECT_TRUE(Holds(Display(), "font-size='50' fill='white'"));
 }
 
 TEST_F(OverlayModelTest, OnlyTheFourModesAreAccepted)
@@ -237,7 +233,7 @@ TEST_F(OverlayModelTest, TemplateFilesSeeTheEscapedModelDataAndTheirOwnKindAndRe
     EXPECT_FALSE(model.SetRecordTemplate(WriteTemplate("plain.txt", "{{date}}")));
     EXPECT_FALSE(model.SetRecordTemplate(WriteTemplate("empty.svg", "")));
     EXPECT_EQ(Display(), shipped);
-    EXPECT_NE(Recording().find("<svg xmlns"), std::string::npos);
+    EXPECT_TRUE(Holds(Recording(), "<svg xmlns"));
     EXPECT_TRUE(log.ContainsText(
         VideoDaemon::Log::kWarning, "cannot read overlay template " + dir.File("missing.svg")));
     EXPECT_TRUE(log.ContainsText(
