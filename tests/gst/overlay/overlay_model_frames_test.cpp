@@ -178,18 +178,10 @@ protected:
         recording.SetState(GST_STATE_NULL);
     }
 
-    // Bounded by time rather than by frames: the first text an overlay
-    // draws waits for the font set up, which frames outrun.
+    // Ten seconds: the first text an overlay draws waits for the font set up, which frames outrun.
     bool WaitFor(FrameConsumer& output, const std::function<bool(const std::vector<uint8_t>&)>& check)
     {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (std::chrono::steady_clock::now() < deadline) {
-            input.Push(picture);
-            const std::vector<uint8_t> frame = output.Pull(GST_SECOND / 10);
-            if (!frame.empty() && check(frame))
-                return true;
-        }
-        return false;
+        return WaitForFrame(input, output, picture, check) || WaitForFrame(input, output, picture, check);
     }
 
     FrameProducer input { "overlay_model_input", kWidth, kHeight };
