@@ -131,7 +131,7 @@ TEST(Pipeline, RelaunchBuildsANewPipelineFaultyDescriptionsLaunchNothingAndTearD
     EXPECT_TRUE(live.TearDown());
 }
 
-TEST(Pipeline, InitializeLaunchesWithTheBusWatchedAndOnlyTheMetricsAskedForAndReportsQueuesItCannotWatch)
+TEST(Pipeline, InitializeWatchesTheBusAndOnlyTheMetricsAskedForAndQueueSignalsAreReportedOnceOnTheMainLoop)
 {
     // The missing pad and queue make each metric's set-up visible in the log.
     const std::string probe_line = "pad == NULL (sink.no_such_pad)";
@@ -178,9 +178,44 @@ TEST(Pipeline, InitializeLaunchesWithTheBusWatchedAndOnlyTheMetricsAskedForAndRe
         LOG_ERR, "void VideoDaemon::Pipeline::ConnectQueueStateSignals(): element == NULL (absent)"));
     EXPECT_TRUE(log.Contains(LOG_ERR, "'absent' failed to register queue state signals"));
     EXPECT_FALSE(log.ContainsText("'present' failed"));
+
+    // Repeated queue signals are reported once, on the main loop, until the pipeline goes.
+    auto queues
+        = std::make_unique<DescribedPipeline>("fakesrc ! queue name=watched ! queue name=ignored ! fakesink");
+    queues->MonitorQueue("watched");
+    ASSERT_TRUE(queues->Launch(false, false, true));
+    std::vector<std::string> reports;
+    queues->signal_queue_overrun.connect([&](std::string name) { reports.push_back("overrun " + name); });
+    queues->signal_queue_underrun.connect([&](std::string name) { reports.push_back("underrun " + name); });
+    queues->signal_queue_running.connect([&](std::string name) { reports.push_back("running " + name); });
+
+    GstPtr<GstElement> watched = ElementOf(*queues, "watched");
+    GstPtr<GstElement> ignored = ElementOf(*queues, "ignored");
+    // Queue signals come from streaming threads.
+    std::thread streaming([&] {
+        for (const char* signal : { "overrun", "overrun", "underrun", "overrun", "running", "running" })
+            g_signal_emit_by_name(watched.get(), signal);
+        g_signal_emit_by_name(ignored.get(), "overrun");
+    });
+    streaming.join();
+    EXPECT_TRUE(reports.empty());
+    EXPECT_EQ(queues->GetQueueStates().at("watched"), Pipeline::kQueueRunning);
+
+    RunMainLoopUntil([&] { return reports.size() >= 4; }, 2000);
+    RunMainLoopFor(50);
+    const std::vector<std::string> expected { "overrun watched", "underrun watched", "overrun watched",
+        "running watched" };
+    EXPECT_EQ(reports, expected);
+
+    // A report still pending when the pipeline is destroyed is dropped.
+    g_signal_emit_by_name(watched.get(), "overrun");
+    queues.reset();
+    RunMainLoopFor(50);
+    EXPECT_EQ(reports, expected);
 }
 
-TEST(Pipeline, StateChangesReturnAtOnceOrWaitAndFailuresAreLoggedWithTheStateReachedAndBusErrorsSignalled)
+TEST(Pipeline,
+    StateChangesReturnAtOnceOrWaitFailuresAreLoggedAndOnlyTopLevelChangesAndElementMessagesReachHooks)
 {
     LogCapture log;
     DescribedPipeline pipeline(kLive);
@@ -226,6 +261,32 @@ TEST(Pipeline, StateChangesReturnAtOnceOrWaitAndFailuresAreLoggedWithTheStateRea
         }
         EXPECT_EQ(failing.SetState(GST_STATE_NULL), 0);
     }
+
+    // Only top-level state changes and element messages reach their hooks.
+    ElementMessagePipeline hooked(kLive);
+    std::vector<std::pair<GstState, GstState>> changes;
+    hooked.signal_state_changed.connect([&](GstState from, GstState to) { changes.emplace_back(from, to); });
+    ASSERT_TRUE(hooked.Launch(false, true, false));
+    ASSERT_EQ(hooked.SetState(GST_STATE_PLAYING), 0);
+    GstPtr<GstElement> sink = ElementOf(hooked, "sink");
+    gst_element_post_message(
+        sink.get(), gst_message_new_element(GST_OBJECT(sink.get()), gst_structure_new_empty("hello")));
+    // Other message types are not element messages.
+    gst_element_post_message(sink.get(), gst_message_new_info(GST_OBJECT(sink.get()), nullptr, "note"));
+    ASSERT_TRUE(RunMainLoopUntil([&] {
+        return !hooked.received.empty() && !changes.empty() && changes.back().second == GST_STATE_PLAYING;
+    }));
+    RunMainLoopFor(100);
+
+    // Three elements change state too, but only the pipeline is reported.
+    std::vector<std::pair<GstState, GstState>> expected { { GST_STATE_NULL, GST_STATE_READY },
+        { GST_STATE_READY, GST_STATE_PAUSED }, { GST_STATE_PAUSED, GST_STATE_PLAYING } };
+    EXPECT_EQ(changes, expected);
+    std::string name = GST_OBJECT_NAME(hooked.GetPipeline());
+    EXPECT_TRUE(log.Contains(LOG_DEBUG,
+        "[ElementMessagePipeline (" + name + ")], State changed [PAUSED -> PLAYING], target VOID_PENDING"));
+    EXPECT_EQ(hooked.received, std::vector<std::string> { "sink hello" });
+    EXPECT_EQ(hooked.SetState(GST_STATE_NULL), 0);
 }
 
 TEST(Pipeline, SendEosWaitsForAFreshEosNotAStaleOneSignalsOnlyOneNotWaitedForAndTimesOutWithoutOne)
@@ -339,72 +400,6 @@ TEST(Pipeline, ListenToPointsTheSourceAtTheProducerRecordsBothSidesAndReportsWha
     // Explicit names override the defaults.
     EXPECT_TRUE(misnamed.ListenTo(&lonely, "elsewhere", "base_present_src"));
     EXPECT_EQ(lonely.GetListeners().at("elsewhere"), &misnamed);
-}
-
-TEST(Pipeline, RepeatedQueueSignalsAreReportedOnceOnTheMainLoopUntilThePipelineGoes)
-{
-    auto pipeline
-        = std::make_unique<DescribedPipeline>("fakesrc ! queue name=watched ! queue name=ignored ! fakesink");
-    pipeline->MonitorQueue("watched");
-    ASSERT_TRUE(pipeline->Launch(false, false, true));
-    std::vector<std::string> reports;
-    pipeline->signal_queue_overrun.connect([&](std::string name) { reports.push_back("overrun " + name); });
-    pipeline->signal_queue_underrun.connect([&](std::string name) { reports.push_back("underrun " + name); });
-    pipeline->signal_queue_running.connect([&](std::string name) { reports.push_back("running " + name); });
-
-    GstPtr<GstElement> watched = ElementOf(*pipeline, "watched");
-    GstPtr<GstElement> ignored = ElementOf(*pipeline, "ignored");
-    // Queue signals come from streaming threads.
-    std::thread streaming([&] {
-        for (const char* signal : { "overrun", "overrun", "underrun", "overrun", "running", "running" })
-            g_signal_emit_by_name(watched.get(), signal);
-        g_signal_emit_by_name(ignored.get(), "overrun");
-    });
-    streaming.join();
-    EXPECT_TRUE(reports.empty());
-    EXPECT_EQ(pipeline->GetQueueStates().at("watched"), Pipeline::kQueueRunning);
-
-    RunMainLoopUntil([&] { return reports.size() >= 4; }, 2000);
-    RunMainLoopFor(50);
-    const std::vector<std::string> expected { "overrun watched", "underrun watched", "overrun watched",
-        "running watched" };
-    EXPECT_EQ(reports, expected);
-
-    // A report still pending when the pipeline is destroyed is dropped.
-    g_signal_emit_by_name(watched.get(), "overrun");
-    pipeline.reset();
-    RunMainLoopFor(50);
-    EXPECT_EQ(reports, expected);
-}
-
-TEST(Pipeline, OnlyTopLevelStateChangesAndElementMessagesReachTheirHooks)
-{
-    LogCapture log;
-    ElementMessagePipeline pipeline(kLive);
-    std::vector<std::pair<GstState, GstState>> changes;
-    pipeline.signal_state_changed.connect(
-        [&](GstState from, GstState to) { changes.emplace_back(from, to); });
-    ASSERT_TRUE(pipeline.Launch(false, true, false));
-    ASSERT_EQ(pipeline.SetState(GST_STATE_PLAYING), 0);
-    GstPtr<GstElement> sink = ElementOf(pipeline, "sink");
-    gst_element_post_message(
-        sink.get(), gst_message_new_element(GST_OBJECT(sink.get()), gst_structure_new_empty("hello")));
-    // Other message types are not element messages.
-    gst_element_post_message(sink.get(), gst_message_new_info(GST_OBJECT(sink.get()), nullptr, "note"));
-    ASSERT_TRUE(RunMainLoopUntil([&] {
-        return !pipeline.received.empty() && !changes.empty() && changes.back().second == GST_STATE_PLAYING;
-    }));
-    RunMainLoopFor(100);
-
-    // Three elements change state too, but only the pipeline is reported.
-    std::vector<std::pair<GstState, GstState>> expected { { GST_STATE_NULL, GST_STATE_READY },
-        { GST_STATE_READY, GST_STATE_PAUSED }, { GST_STATE_PAUSED, GST_STATE_PLAYING } };
-    EXPECT_EQ(changes, expected);
-    std::string name = GST_OBJECT_NAME(pipeline.GetPipeline());
-    EXPECT_TRUE(log.Contains(LOG_DEBUG,
-        "[ElementMessagePipeline (" + name + ")], State changed [PAUSED -> PLAYING], target VOID_PENDING"));
-    EXPECT_EQ(pipeline.received, std::vector<std::string> { "sink hello" });
-    EXPECT_EQ(pipeline.SetState(GST_STATE_NULL), 0);
 }
 
 TEST(Pipeline, FramerateProbeCountsFramesOverTheLastSecond)

@@ -232,9 +232,43 @@ TEST_F(PlaybackTest, OpensPausedAtRateZeroAndSeeksWithTheFlagsOfTheRateClampedTo
     }
 }
 
-// Stopped, the pipeline reports once more, at the end; without a callback it logs each tick instead.
-TEST_F(PlaybackTest, MakesExactlyOneFinalReportAfterStopAndLogsEachTickWithoutACallback)
+// On the display's sinks a file plays to its end and reports its duration as the position; played again
+// and stopped, the pipeline reports once more, at the end; without a callback it logs each tick instead.
+TEST(PlaybackOnTheDisplay, ReportsTheDurationAsPositionAtTheEndAndExactlyOneFinalReportAfterStop)
 {
+    LogCapture log;
+    PlaybackPipeline playback(true);
+    Reports reports;
+    ASSERT_TRUE(playback.Launch(false, true, false));
+    ASSERT_EQ(0, playback.Play(RecordingPath(), 1.0, reports.Callback(), 100, nullptr));
+    // The playbin takes its sinks in once it opens the file.
+    VideoDaemon::GstPtr<GstElement> display = ElementOf(playback, "imx-ipu-display");
+    ASSERT_TRUE(display);
+    gint rotation = 0;
+    gboolean vsync = FALSE, sync = FALSE;
+    g_object_get(display.get(), "output-rotation", &rotation, "use-vsync", &vsync, "sync", &sync, nullptr);
+    EXPECT_EQ(5, rotation);
+    EXPECT_TRUE(vsync && sync);
+    EXPECT_TRUE(ElementOf(playback, "alsa-speaker"));
+    EXPECT_EQ(RecordingPath(), playback.GetCurrentFile());
+    EXPECT_FALSE(log.ContainsText("Playing JPEG"));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return reports.EndReports() > 0; }, 8000));
+    RunMainLoopFor(400);
+    ASSERT_EQ(1u, reports.EndReports());
+    const Report& end = reports.all.back();
+    EXPECT_TRUE(end.eos);
+    EXPECT_FALSE(end.error);
+    EXPECT_DOUBLE_EQ(1.0, end.rate);
+    EXPECT_NEAR(3000, end.duration, 100);
+    EXPECT_EQ(end.duration, end.position);
+    EXPECT_TRUE(log.Contains(LOG_INFO, "[Playback] End Of Stream\n"));
+    EXPECT_EQ(GST_STATE_NULL, playback.GetState());
+    guint64 shown = 0;
+    g_object_get(display.get(), "frames-shown", &shown, nullptr);
+    EXPECT_GT(shown, 60u);
+
+    // Idle again: the file plays once more, and is stopped.
+    reports.all.clear();
     ASSERT_EQ(0, playback.Play(RecordingPath(), 1.0, reports.Callback(), 50, nullptr));
     ASSERT_TRUE(RunMainLoopUntil([&] { return reports.all.size() >= 4; }));
     playback.Stop();
@@ -264,44 +298,5 @@ TEST_F(PlaybackTest, MakesExactlyOneFinalReportAfterStopAndLogsEachTickWithoutAC
     // The tick after Stop was the last one.
     EXPECT_LE(log.Count(LOG_INFO, line), ticks + 1);
     EXPECT_EQ(2u, reports.EndReports());
-}
-
-TEST(PlaybackOnTheDisplay, ReportsTheDurationAsPositionAtTheEndAndStopsReporting)
-{
-    LogCapture log;
-    PlaybackPipeline playback(true);
-    Reports reports;
-    ASSERT_TRUE(playback.Launch(false, true, false));
-    ASSERT_EQ(0, playback.Play(RecordingPath(), 1.0, reports.Callback(), 100, nullptr));
-    // The playbin takes its sinks in once it opens the file.
-    VideoDaemon::GstPtr<GstElement> display = ElementOf(playback, "imx-ipu-display");
-    ASSERT_TRUE(display);
-    gint rotation = 0;
-    gboolean vsync = FALSE, sync = FALSE;
-    g_object_get(display.get(), "output-rotation", &rotation, "use-vsync", &vsync, "sync", &sync, nullptr);
-    EXPECT_EQ(5, rotation);
-    EXPECT_TRUE(vsync && sync);
-    EXPECT_TRUE(ElementOf(playback, "alsa-speaker"));
-    EXPECT_EQ(RecordingPath(), playback.GetCurrentFile());
-    EXPECT_FALSE(log.ContainsText("Playing JPEG"));
-    ASSERT_TRUE(RunMainLoopUntil([&] { return reports.EndReports() > 0; }, 8000));
-    RunMainLoopFor(400);
-    ASSERT_EQ(1u, reports.EndReports());
-    const Report& last = reports.all.back();
-    EXPECT_TRUE(last.eos);
-    EXPECT_FALSE(last.error);
-    EXPECT_DOUBLE_EQ(1.0, last.rate);
-    EXPECT_NEAR(3000, last.duration, 100);
-    EXPECT_EQ(last.duration, last.position);
-    EXPECT_TRUE(log.Contains(LOG_INFO, "[Playback] End Of Stream\n"));
-    EXPECT_EQ(GST_STATE_NULL, playback.GetState());
-    guint64 shown = 0;
-    g_object_get(display.get(), "frames-shown", &shown, nullptr);
-    EXPECT_GT(shown, 60u);
-
-    // Idle again: the file can be played once more.
-    EXPECT_EQ(0, playback.Play(RecordingPath(), 0.0, reports.Callback(), 100, nullptr));
-    playback.Stop();
-    RunMainLoopUntil([&] { return reports.EndReports() > 1; });
     playback.SetState(GST_STATE_NULL, 0);
 }
