@@ -1,5 +1,6 @@
 // Process helpers of the benchmarks: a child process, the name check on the bus, the source tree, the
-// daemon's path in the build tree, a temporary directory and a private session bus.
+// daemon's path in the build tree, a temporary directory, a private session bus and the simulated peers
+// on one.
 #pragma once
 
 #include <fcntl.h>
@@ -9,6 +10,7 @@
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -37,6 +39,13 @@ inline pid_t Spawn(const std::vector<std::string>& argv, int outFd, int errFd = 
         _exit(127);
     }
     return pid;
+}
+
+// True while child `pid` has not ended; an ended child is left for its owner to reap.
+inline bool Running(pid_t pid)
+{
+    siginfo_t info {};
+    return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
 }
 
 inline bool NameHasOwner(sd_bus* bus, const char* name)
@@ -143,6 +152,62 @@ private:
     ScratchDir _Scratch { "/tmp/videod-bench-XXXXXX" };
     pid_t _Pid = -1;
     DbusHelper::SdBusPtr _Bus;
+};
+
+// Simulated peers on a private bus, started by host/peers/run-peers with `peers` as its arguments (as
+// "storage=sd=/tmp/media" or "helm=--video-status,1"); the environment is pointed at that bus, and never
+// at the user's, whatever happens. run-peers stops the peers and the bus when it is sent SIGTERM.
+class PrivatePeers
+{
+public:
+    PrivatePeers(const std::filesystem::path& source, const std::vector<std::string>& peers)
+    {
+        setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/videod-bench-bus", 1);
+        int fds[2];
+        if (pipe(fds) < 0)
+            return;
+        std::vector<std::string> argv { (source / "host/peers/run-peers").string(), "--private-bus" };
+        argv.insert(argv.end(), peers.begin(), peers.end());
+        _Pid = Spawn(argv, fds[1], STDERR_FILENO);
+        close(fds[1]);
+        _Output = fdopen(fds[0], "r");
+        // It prints the bus's address, then a line saying every peer owns its name.
+        char line[512];
+        const std::string prefix = "DBUS_SESSION_BUS_ADDRESS=";
+        std::string address;
+        while (_Output && std::fgets(line, sizeof(line), _Output)) {
+            std::string text(line);
+            text.erase(text.find_last_not_of("\n") + 1);
+            if (text.rfind(prefix, 0) == 0)
+                address = text.substr(prefix.size());
+            if (text.rfind("run-peers: ready", 0) == 0) {
+                _Ready = !address.empty();
+                break;
+            }
+        }
+        if (_Ready)
+            setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+    }
+
+    ~PrivatePeers()
+    {
+        if (_Pid > 0) {
+            kill(_Pid, SIGTERM);
+            waitpid(_Pid, nullptr, 0);
+        }
+        if (_Output)
+            std::fclose(_Output);
+    }
+
+    PrivatePeers(const PrivatePeers&) = delete;
+    PrivatePeers& operator=(const PrivatePeers&) = delete;
+
+    bool Ready() const { return _Ready; }
+
+private:
+    pid_t _Pid = -1;
+    FILE* _Output = nullptr;
+    bool _Ready = false;
 };
 
 } // namespace VideodBench
