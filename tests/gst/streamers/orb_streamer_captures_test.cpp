@@ -174,42 +174,6 @@ TEST_F(OrbStreamerCaptures, ThreeKindsRunAtOnceAndOnlyAnActiveOneKeepsTheSharedV
         EXPECT_TRUE(log.Contains(LOG_INFO, std::string(handler) + ": Handling EOS...")) << handler;
 }
 
-TEST_F(OrbStreamerCaptures, BadRequestsAreRefusedWithTheirCodesAndTheNextGoodOneWorks)
-{
-    EXPECT_EQ(-2, streamer.StartRecording("", "", Path("a.jpg"), 160, 120, 70));
-    EXPECT_TRUE(log.Contains(LOG_ERR, "OrbStreamer::StartRecording - Video path empty"));
-    EXPECT_EQ(-2, streamer.StartSnapVoice(Path("snapvoice.mp4"), "", "", 160, 120, 70));
-    EXPECT_TRUE(log.Contains(LOG_ERR, "OrbStreamer::StartSnapVoice - Snapshot path empty"));
-    // A thumbnail of no size is refused, and so is the capture.
-    EXPECT_EQ(-3, streamer.StartAutoLog(Path("autolog.mp4"), "", Path("a.jpg"), 0, 0, 70));
-    EXPECT_TRUE(log.Contains(LOG_ERR, "OrbStreamer::StartAutoLog - Snapshot failed"));
-    EXPECT_EQ(0, State("AutoLogState"));
-    EXPECT_EQ(GST_STATE_NULL, At(kMp4muxAutologIndex).GetState());
-    EXPECT_EQ(-1, streamer.PauseSnapVoice());
-    EXPECT_EQ(-1, streamer.ResumeAutoLog());
-
-    // A directory that cannot be written: the recording fails into the
-    // error state, the live picture goes on.
-    const std::string locked = dir + "/locked";
-    std::filesystem::create_directories(locked);
-    chmod(locked.c_str(), 0500);
-    const bool writable = access(locked.c_str(), W_OK) == 0; // root writes anyway
-    const std::string bad = writable ? "/proc/videod-test/rec.mp4" : locked + "/rec.mp4";
-    ASSERT_EQ(0, streamer.StartRecording(bad, "", Path("bad.jpg"), 160, 120, 70));
-    ASSERT_TRUE(RunMainLoopUntil([&] { return State("RecordingState") == -1; }, 6000));
-    EXPECT_TRUE(Announced({ "RecordingState", "InactiveCaptures" }));
-    EXPECT_TRUE(AllPlaying({ kNtscCameraIndex, kGpuIndex, kDisplayIndex }));
-
-    // The next recording, to a good path, starts from the error state once
-    // the failed one's thumbnail is done.
-    ASSERT_TRUE(ThumbnailDone());
-    ASSERT_EQ(0, streamer.StartRecording(Path("good.mp4"), "", Path("good.jpg"), 160, 120, 70));
-    RunMainLoopFor(2000);
-    ASSERT_EQ(0, streamer.StopRecording());
-    ASSERT_TRUE(MuxerFinished(kMp4muxVideoIndex));
-    ExpectCaptureStreamFormats(Path("good.mp4"));
-}
-
 // A directory whose file system holds `bytes` at most: a small tmpfs where
 // mounting is allowed, else the process's file size limit (restored on
 // destruction) stands in for it.
@@ -247,13 +211,42 @@ private:
     rlimit _Previous {};
 };
 
-TEST_F(OrbStreamerCaptures, AFullDiskOrADeletedFileEndsOnlyThatCaptureAndTheNextOneWorks)
+TEST_F(
+    OrbStreamerCaptures, BadRequestsAreRefusedAndAFailedWriteOrADeletedFileEndsOnlyThatCaptureAndTheNextWorks)
 {
+    EXPECT_EQ(-2, streamer.StartRecording("", "", Path("a.jpg"), 160, 120, 70));
+    EXPECT_TRUE(log.Contains(LOG_ERR, "OrbStreamer::StartRecording - Video path empty"));
+    EXPECT_EQ(-2, streamer.StartSnapVoice(Path("snapvoice.mp4"), "", "", 160, 120, 70));
+    EXPECT_TRUE(log.Contains(LOG_ERR, "OrbStreamer::StartSnapVoice - Snapshot path empty"));
+    // A thumbnail of no size is refused, and so is the capture.
+    EXPECT_EQ(-3, streamer.StartAutoLog(Path("autolog.mp4"), "", Path("a.jpg"), 0, 0, 70));
+    EXPECT_TRUE(log.Contains(LOG_ERR, "OrbStreamer::StartAutoLog - Snapshot failed"));
+    EXPECT_EQ(0, State("AutoLogState"));
+    EXPECT_EQ(GST_STATE_NULL, At(kMp4muxAutologIndex).GetState());
+    EXPECT_EQ(-1, streamer.PauseSnapVoice());
+    EXPECT_EQ(-1, streamer.ResumeAutoLog());
+
+    // A directory that cannot be written: the recording fails into the
+    // error state, the live picture goes on.
+    const std::string locked = dir + "/locked";
+    std::filesystem::create_directories(locked);
+    chmod(locked.c_str(), 0500);
+    const bool writable = access(locked.c_str(), W_OK) == 0; // root writes anyway
+    const std::string bad = writable ? "/proc/videod-test/rec.mp4" : locked + "/rec.mp4";
+    ASSERT_EQ(0, streamer.StartRecording(bad, "", Path("bad.jpg"), 160, 120, 70));
+    ASSERT_TRUE(RunMainLoopUntil([&] { return State("RecordingState") == -1; }, 6000));
+    EXPECT_TRUE(Announced({ "RecordingState", "InactiveCaptures" }));
+    EXPECT_TRUE(AllPlaying({ kNtscCameraIndex, kGpuIndex, kDisplayIndex }));
+
+    // A full disk, with the next recording started from the error state once the failed one's thumbnail
+    // is done.
+    ASSERT_TRUE(ThumbnailDone());
     ASSERT_EQ(0, streamer.StartAutoLog(Path("autolog.mp4"), "", Path("autolog.jpg"), 160, 120, 70));
     ASSERT_TRUE(ThumbnailDone());
     {
         SmallFileSystem small(dir + "/small", 256 * 1024);
         ASSERT_EQ(0, streamer.StartRecording(dir + "/small/rec.mp4", "", Path("rec.jpg"), 160, 120, 70));
+        EXPECT_EQ(1, State("RecordingState"));
         ASSERT_TRUE(RunMainLoopUntil([&] { return State("RecordingState") == -1; }, 20000));
         EXPECT_EQ(1, State("AutoLogState"));
         EXPECT_TRUE(AllPlaying({ kNtscCameraIndex, kGpuIndex, kDisplayIndex, kMp4muxAutologIndex }));
