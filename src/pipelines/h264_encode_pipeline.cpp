@@ -42,6 +42,26 @@ H264EncodePipeline::H264EncodePipeline(std::string prefix)
     queue_states[queue_name] = kQueueUnknown;
 }
 
+// The live picture is restamped by the GPU pipeline's source from its clock,
+// which it gets only on going to PLAYING: the frames it passes on while
+// prerolling carry no time. A recording started then would take one as its
+// first IDR frame, and the muxer, which always writes the stream with the
+// earliest time next, would hold the whole video track behind it and fail on
+// it at the end of the file.
+bool H264EncodePipeline::Launch(bool attach_probes, bool connect_bus, bool connect_queue_signals)
+{
+    const bool result = Pipeline::Launch(attach_probes, connect_bus, connect_queue_signals);
+    if (result)
+        untimed_frames.Attach(*this, source_name, "src", GST_PAD_PROBE_TYPE_BUFFER,
+            &H264EncodePipeline::DropUntimedFrame, nullptr);
+    return result;
+}
+
+GstPadProbeReturn H264EncodePipeline::DropUntimedFrame(GstPad*, GstPadProbeInfo* info, gpointer)
+{
+    return GST_BUFFER_PTS_IS_VALID(GST_PAD_PROBE_INFO_BUFFER(info)) ? GST_PAD_PROBE_OK : GST_PAD_PROBE_DROP;
+}
+
 void H264EncodePipeline::SetValve(bool drop)
 {
     Log::Warning("Set H264 valve to :%d", drop);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "pipelines/pipeline.h"
+#include "pipelines/probe.h"
 
 namespace VideoDaemon
 {
@@ -12,6 +13,9 @@ public:
     // `prefix` makes every element name unique in the process; it must be a
     // plain word (letters, digits, underscore).
     explicit H264EncodePipeline(std::string prefix);
+
+    // Launches and keeps frames without a time out of the encoder.
+    bool Launch(bool attach_probes, bool connect_bus, bool connect_queue_signals) override;
 
     std::string GetDescription() override { return description; }
     std::string GetSinkName() override { return sink_name; }
@@ -33,12 +37,15 @@ public:
     template <typename T> void GetH264EncoderProperty(const char* name, T& value) const;
 
 private:
+    static GstPadProbeReturn DropUntimedFrame(GstPad* pad, GstPadProbeInfo* info, gpointer user_data);
+
     std::string description;
     std::string sink_name;
     std::string source_name;
     std::string encoder_name;
     std::string valve_name;
     std::string queue_name;
+    Probe untimed_frames;
 };
 
 } // namespace VideoDaemon

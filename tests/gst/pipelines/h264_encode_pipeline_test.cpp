@@ -1,4 +1,6 @@
-// H264EncodePipeline: element names per prefix, the valve in front of the encoder, encoder properties.
+// H264EncodePipeline: element names per prefix, the valve in front of the encoder, encoder properties,
+// frames without a time kept out.
+#include <gst/app/gstappsrc.h>
 #include <syslog.h>
 
 #include "log_capture.h"
@@ -120,4 +122,36 @@ TEST(H264EncodePipeline, TheValveGatesTheFlowIntoTheEncoderWhoseSettingsApplyWhi
     EXPECT_EQ(h264.GetBitrate(), 2000u);
     EXPECT_EQ(h264.GetGopSize(), 30u);
     EXPECT_EQ(h264.GetQuantParam(), 30u);
+}
+
+// The GPU's restamping source has no clock while its pipeline prerolls, so
+// the frames it passes on then carry no time; a file cannot place such a
+// frame. Each frame is handed to the encoder pipeline's source once the one
+// before has left it, so none is lost to its one-buffer queue.
+TEST(H264EncodePipeline, FramesWithoutATimeStopAtItsSourceAndTheTimedOnesAroundThemPass)
+{
+    H264EncodePipeline h264("video");
+    ASSERT_TRUE(h264.Launch(false, true, false));
+    ASSERT_EQ(h264.SetState(GST_STATE_PLAYING, 2000), 0);
+    VideoDaemon::GstPtr<GstElement> source = ElementOf(h264, "video_h264_source");
+    unsigned timed = 0;
+    unsigned untimed = 0;
+    GstTest::BufferProbe at_valve(ElementOf(h264, "video_h264_valve").get(), "sink",
+        [&](GstBuffer* buffer) { ++(GST_BUFFER_PTS_IS_VALID(buffer) ? timed : untimed); });
+
+    const gsize size = 640 * 480 * 4;
+    GstClockTime pts = 0;
+    for (bool stamped : { false, true, true, false, true }) {
+        GstBuffer* frame = gst_buffer_new_allocate(nullptr, size, nullptr);
+        gst_buffer_memset(frame, 0, 0, size);
+        if (stamped)
+            GST_BUFFER_PTS(frame) = pts;
+        pts += GST_SECOND / 30;
+        ASSERT_EQ(gst_app_src_push_buffer(GST_APP_SRC(source.get()), frame), GST_FLOW_OK);
+        ASSERT_TRUE(RunMainLoopUntil(
+            [&] { return gst_app_src_get_current_level_buffers(GST_APP_SRC(source.get())) == 0; }, 3000));
+    }
+    ASSERT_TRUE(RunMainLoopUntil([&] { return at_valve.Locked([&] { return timed; }) == 3; }, 3000));
+    EXPECT_EQ(at_valve.Locked([&] { return untimed; }), 0u);
+    h264.SetState(GST_STATE_NULL);
 }
