@@ -123,29 +123,80 @@ bool OverlayModel::EnableOverlays(const std::string& mode)
     return switched;
 }
 
-// The plain settings: each is stored and the documents redrawn.
-#define VIDEOD_OVERLAY_SETTING(setter, type, member)                                                         \
-    void OverlayModel::setter(type value)                                                                    \
-    {                                                                                                        \
-        member = value;                                                                                      \
-        Changed();                                                                                           \
-    }
-VIDEOD_OVERLAY_SETTING(SetDateEnabled, bool, _DateEnabled)
-VIDEOD_OVERLAY_SETTING(SetTimeEnabled, bool, _TimeEnabled)
-VIDEOD_OVERLAY_SETTING(SetPlumblineEnabled, bool, _PlumblineEnabled)
-VIDEOD_OVERLAY_SETTING(SetCountEnabled, bool, _CountEnabled)
-VIDEOD_OVERLAY_SETTING(SetUserTextEnabled, bool, _UserTextEnabled)
-VIDEOD_OVERLAY_SETTING(SetDateFormat, const std::string&, _DateFormat)
-VIDEOD_OVERLAY_SETTING(SetTimeFormat, const std::string&, _TimeFormat)
-VIDEOD_OVERLAY_SETTING(SetReelCountDecimalMark, const std::string&, _DecimalMark)
-VIDEOD_OVERLAY_SETTING(SetUserTextFontSize, uint32_t, _UserTextFontSize)
-VIDEOD_OVERLAY_SETTING(SetDateTimeFontSize, uint32_t, _DateTimeFontSize)
-VIDEOD_OVERLAY_SETTING(SetCountFontSize, uint32_t, _CountFontSize)
-VIDEOD_OVERLAY_SETTING(SetUserText, const UserText&, _UserText)
-VIDEOD_OVERLAY_SETTING(SetDateTimeStyle, int32_t, _DateTimeStyle)
-VIDEOD_OVERLAY_SETTING(SetCountStyle, int32_t, _CountStyle)
-VIDEOD_OVERLAY_SETTING(SetReelCount, const std::string&, _ReelCount)
-#undef VIDEOD_OVERLAY_SETTING
+void OverlayModel::SetDateEnabled(bool value)
+{
+    Store(_DateEnabled, value);
+}
+
+void OverlayModel::SetTimeEnabled(bool value)
+{
+    Store(_TimeEnabled, value);
+}
+
+void OverlayModel::SetPlumblineEnabled(bool value)
+{
+    Store(_PlumblineEnabled, value);
+}
+
+void OverlayModel::SetCountEnabled(bool value)
+{
+    Store(_CountEnabled, value);
+}
+
+void OverlayModel::SetUserTextEnabled(bool value)
+{
+    Store(_UserTextEnabled, value);
+}
+
+void OverlayModel::SetDateFormat(const std::string& value)
+{
+    Store(_DateFormat, value);
+}
+
+void OverlayModel::SetTimeFormat(const std::string& value)
+{
+    Store(_TimeFormat, value);
+}
+
+void OverlayModel::SetReelCountDecimalMark(const std::string& value)
+{
+    Store(_DecimalMark, value);
+}
+
+void OverlayModel::SetUserTextFontSize(uint32_t value)
+{
+    Store(_UserTextFontSize, value);
+}
+
+void OverlayModel::SetDateTimeFontSize(uint32_t value)
+{
+    Store(_DateTimeFontSize, value);
+}
+
+void OverlayModel::SetCountFontSize(uint32_t value)
+{
+    Store(_CountFontSize, value);
+}
+
+void OverlayModel::SetUserText(const UserText& value)
+{
+    Store(_UserText, value);
+}
+
+void OverlayModel::SetDateTimeStyle(int32_t value)
+{
+    Store(_DateTimeStyle, value);
+}
+
+void OverlayModel::SetCountStyle(int32_t value)
+{
+    Store(_CountStyle, value);
+}
+
+void OverlayModel::SetReelCount(const std::string& value)
+{
+    Store(_ReelCount, value);
+}
 
 void OverlayModel::Update(std::time_t now)
 {

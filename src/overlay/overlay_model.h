@@ -9,6 +9,7 @@
 #include <ctime>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "overlay/overlay_template.h"
 
@@ -121,6 +122,12 @@ private:
 
     // A setting changed: render again at the current second.
     void Changed();
+    // Stores a plain setting and marks the documents for redrawing.
+    template <typename T, typename V> void Store(T& setting, V&& value)
+    {
+        setting = std::forward<V>(value);
+        Changed();
+    }
     nlohmann::json View(bool recording, std::time_t now) const;
     std::string DateTimeSvg(const std::string& date, const std::string& time) const;
     std::string CountSvg(const std::string& count) const;
