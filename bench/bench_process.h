@@ -21,6 +21,11 @@
 namespace VideodBench
 {
 
+// The daemon's bus name, object and interface.
+constexpr const char* kVideodService = "com.tarnwell.common.Video1";
+constexpr const char* kVideodPath = "/com/tarnwell/common/Video1";
+constexpr const char* kVideodInterface = "com.tarnwell.common.Video1.Control";
+
 // A child that dies with the benchmark; its standard output to outFd and its standard error to errFd
 // (/dev/null for -1).
 inline pid_t Spawn(const std::vector<std::string>& argv, int outFd, int errFd = -1)
@@ -101,6 +106,14 @@ public:
     ScratchDir& operator=(const ScratchDir&) = delete;
 
     const std::string& Path() const { return _Path; }
+
+    // A folder made inside, its path.
+    std::string Folder(const std::string& name) const
+    {
+        const std::string folder = _Path + "/" + name;
+        std::filesystem::create_directories(folder);
+        return folder;
+    }
 
 private:
     std::string _Path;

@@ -377,8 +377,7 @@ int main()
         std::perror("mkdtemp");
         return 1;
     }
-    const std::string media = dir + "/media";
-    std::filesystem::create_directories(media);
+    const std::string media = scratch.Folder("media");
 
     int status = 0;
     {

@@ -43,9 +43,9 @@ using VideodBench::CpuFigures;
 using VideodBench::CpuSummary;
 using VideodBench::kLiveStreamPort;
 
-constexpr const char* kService = "com.tarnwell.common.Video1";
-constexpr const char* kPath = "/com/tarnwell/common/Video1";
-constexpr const char* kInterface = "com.tarnwell.common.Video1.Control";
+using VideodBench::kVideodInterface;
+using VideodBench::kVideodPath;
+using VideodBench::kVideodService;
 // Starts per side: another test may hold port 4000 for a while, or take it between the check and the
 // start.
 constexpr int kAttempts = 3;
@@ -280,7 +280,7 @@ bool CaptureActive(sd_bus* bus)
     SdBusError error;
     int active = 0;
     return sd_bus_get_property_trivial(
-               bus, kService, kPath, kInterface, "CaptureActive", error.Get(), 'b', &active)
+               bus, kVideodService, kVideodPath, kVideodInterface, "CaptureActive", error.Get(), 'b', &active)
         >= 0
         && active;
 }
@@ -290,7 +290,8 @@ template <typename... Args> int CallInt(sd_bus* bus, const char* method, const c
 {
     SdBusError error;
     sd_bus_message* raw = nullptr;
-    if (sd_bus_call_method(bus, kService, kPath, kInterface, method, error.Get(), &raw, signature, args...)
+    if (sd_bus_call_method(
+            bus, kVideodService, kVideodPath, kVideodInterface, method, error.Get(), &raw, signature, args...)
         < 0) {
         std::fprintf(stderr, "%s: %s\n", method, error.Message());
         return -1000;
@@ -333,9 +334,9 @@ bool DaemonOnce(sd_bus* bus, const std::string& dir, int windows, Round& round)
     const pid_t videod = VideodBench::Spawn({ VideodBench::VideodPath() }, log_fd, log_fd);
     close(log_fd);
     auto stop = [&] {
-        sd_bus_call_method(bus, kService, kPath, kInterface, "Exit", nullptr, nullptr, "");
+        sd_bus_call_method(bus, kVideodService, kVideodPath, kVideodInterface, "Exit", nullptr, nullptr, "");
         VideodBench::Reap(videod, 20);
-        WaitUntil([&] { return !VideodBench::NameHasOwner(bus, kService); }, 10);
+        WaitUntil([&] { return !VideodBench::NameHasOwner(bus, kVideodService); }, 10);
     };
     if (!WaitUntil([&] { return !VideodBench::Running(videod) || CaptureActive(bus); }, 30)
         || !VideodBench::Running(videod)) {
@@ -423,8 +424,7 @@ int main(int argc, char** argv)
         std::perror("mkdtemp");
         return 1;
     }
-    const std::string media = dir + "/media";
-    std::filesystem::create_directories(media);
+    const std::string media = scratch.Folder("media");
 
     // The NTSC decoder's standard file as the board presents it; with the system controller reporting
     // camera video the daemon takes the NTSC camera.

@@ -40,9 +40,9 @@ using VideodBench::NameHasOwner;
 using VideodBench::Spawn;
 using VideodBench::VideodPath;
 
-constexpr const char* kService = "com.tarnwell.common.Video1";
-constexpr const char* kPath = "/com/tarnwell/common/Video1";
-constexpr const char* kInterface = "com.tarnwell.common.Video1.Control";
+using VideodBench::kVideodInterface;
+using VideodBench::kVideodPath;
+using VideodBench::kVideodService;
 
 double MsSince(Clock::time_point start)
 {
@@ -54,7 +54,7 @@ bool CaptureActive(sd_bus* bus)
     SdBusError error;
     int active = 0;
     return sd_bus_get_property_trivial(
-               bus, kService, kPath, kInterface, "CaptureActive", error.Get(), 'b', &active)
+               bus, kVideodService, kVideodPath, kVideodInterface, "CaptureActive", error.Get(), 'b', &active)
         >= 0
         && active;
 }
@@ -67,7 +67,8 @@ int CallInt(sd_bus* bus, const char* method, const char* signature, ...)
     va_start(args, signature);
     SdBusMessagePtr call;
     sd_bus_message* callRaw = nullptr;
-    int r = sd_bus_message_new_method_call(bus, &callRaw, kService, kPath, kInterface, method);
+    int r = sd_bus_message_new_method_call(
+        bus, &callRaw, kVideodService, kVideodPath, kVideodInterface, method);
     call.reset(callRaw);
     if (r >= 0)
         r = sd_bus_message_appendv(call.get(), signature, args);
@@ -174,11 +175,11 @@ void PrintRow(const char* what, const std::vector<double>& values)
 
 bool StopDaemon(sd_bus* bus, pid_t videod)
 {
-    sd_bus_call_method(bus, kService, kPath, kInterface, "Exit", nullptr, nullptr, "");
+    sd_bus_call_method(bus, kVideodService, kVideodPath, kVideodInterface, "Exit", nullptr, nullptr, "");
     int status = 0;
     waitpid(videod, &status, 0);
     // The name goes with the process; the next start must not find it still owned.
-    while (NameHasOwner(bus, kService))
+    while (NameHasOwner(bus, kVideodService))
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
@@ -223,7 +224,7 @@ int main(int argc, char** argv)
         double captureMs = -1;
         while ((captureMs < 0 || playingMs < 0) && MsSince(started) < 30000
             && waitpid(videod, nullptr, WNOHANG) == 0) {
-            if (nameMs < 0 && NameHasOwner(bus, kService))
+            if (nameMs < 0 && NameHasOwner(bus, kVideodService))
                 nameMs = MsSince(started);
             if (playingMs < 0 && LinesWith(log, inputPlaying, "State changed [PAUSED -> PLAYING]") > 0)
                 playingMs = MsSince(started);
