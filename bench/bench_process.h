@@ -66,6 +66,34 @@ inline bool NameHasOwner(sd_bus* bus, const char* name)
     return sd_bus_message_read(reply.get(), "b", &owned) >= 0 && owned;
 }
 
+// videod's "CaptureActive": true once its input has started.
+inline bool CaptureActive(sd_bus* bus)
+{
+    DbusHelper::SdBusError error;
+    int active = 0;
+    return sd_bus_get_property_trivial(
+               bus, kVideodService, kVideodPath, kVideodInterface, "CaptureActive", error.Get(), 'b', &active)
+        >= 0
+        && active;
+}
+
+// A videod method's "i" reply, or -1000 for an error reply (printed).
+template <typename... Args> int CallInt(sd_bus* bus, const char* method, const char* signature, Args... args)
+{
+    DbusHelper::SdBusError error;
+    sd_bus_message* raw = nullptr;
+    if (sd_bus_call_method(
+            bus, kVideodService, kVideodPath, kVideodInterface, method, error.Get(), &raw, signature, args...)
+        < 0) {
+        std::fprintf(stderr, "%s: %s\n", method, error.Message());
+        return -1000;
+    }
+    DbusHelper::SdBusMessagePtr reply(raw);
+    int value = -1000;
+    sd_bus_message_read(reply.get(), "i", &value);
+    return value;
+}
+
 // videod of the build tree the benchmark belongs to.
 inline std::string VideodPath()
 {

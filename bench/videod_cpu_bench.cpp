@@ -37,8 +37,8 @@ namespace
 {
 
 using Clock = std::chrono::steady_clock;
-using DbusHelper::SdBusError;
-using DbusHelper::SdBusMessagePtr;
+using VideodBench::CallInt;
+using VideodBench::CaptureActive;
 using VideodBench::CpuFigures;
 using VideodBench::CpuSummary;
 using VideodBench::kLiveStreamPort;
@@ -273,33 +273,6 @@ bool SinglePipelineOnce(const std::string& dir, int windows, Round& round)
     std::filesystem::remove(dir + "/video.mp4", ignored);
     std::filesystem::remove(dir + "/video.mrf", ignored);
     return true;
-}
-
-bool CaptureActive(sd_bus* bus)
-{
-    SdBusError error;
-    int active = 0;
-    return sd_bus_get_property_trivial(
-               bus, kVideodService, kVideodPath, kVideodInterface, "CaptureActive", error.Get(), 'b', &active)
-        >= 0
-        && active;
-}
-
-// A method's "i" reply, or -1000 for an error reply.
-template <typename... Args> int CallInt(sd_bus* bus, const char* method, const char* signature, Args... args)
-{
-    SdBusError error;
-    sd_bus_message* raw = nullptr;
-    if (sd_bus_call_method(
-            bus, kVideodService, kVideodPath, kVideodInterface, method, error.Get(), &raw, signature, args...)
-        < 0) {
-        std::fprintf(stderr, "%s: %s\n", method, error.Message());
-        return -1000;
-    }
-    SdBusMessagePtr reply(raw);
-    int value = -1000;
-    sd_bus_message_read(reply.get(), "i", &value);
-    return value;
 }
 
 bool WaitUntil(const std::function<bool()>& done, int seconds)

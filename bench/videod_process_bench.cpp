@@ -18,7 +18,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -34,8 +33,8 @@ namespace
 {
 
 using Clock = std::chrono::steady_clock;
-using DbusHelper::SdBusError;
-using DbusHelper::SdBusMessagePtr;
+using VideodBench::CallInt;
+using VideodBench::CaptureActive;
 using VideodBench::NameHasOwner;
 using VideodBench::Spawn;
 using VideodBench::VideodPath;
@@ -47,38 +46,6 @@ using VideodBench::kVideodService;
 double MsSince(Clock::time_point start)
 {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
-bool CaptureActive(sd_bus* bus)
-{
-    SdBusError error;
-    int active = 0;
-    return sd_bus_get_property_trivial(
-               bus, kVideodService, kVideodPath, kVideodInterface, "CaptureActive", error.Get(), 'b', &active)
-        >= 0
-        && active;
-}
-
-int CallInt(sd_bus* bus, const char* method, const char* signature, ...)
-{
-    SdBusError error;
-    sd_bus_message* raw = nullptr;
-    va_list args;
-    va_start(args, signature);
-    SdBusMessagePtr call;
-    sd_bus_message* callRaw = nullptr;
-    int r = sd_bus_message_new_method_call(
-        bus, &callRaw, kVideodService, kVideodPath, kVideodInterface, method);
-    call.reset(callRaw);
-    if (r >= 0)
-        r = sd_bus_message_appendv(call.get(), signature, args);
-    va_end(args);
-    if (r < 0 || sd_bus_call(bus, call.get(), 0, error.Get(), &raw) < 0)
-        return -1000;
-    SdBusMessagePtr reply(raw);
-    int value = -1000;
-    sd_bus_message_read(reply.get(), "i", &value);
-    return value;
 }
 
 // Connects to the live stream (retrying until the server listens) and waits for the first whole part that
